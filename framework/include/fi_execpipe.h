@@ -1,0 +1,46 @@
+// The command pipe: runs a shell command line and returns its output one element per line.
+#ifndef KZFI_PDK_FI_EXECPIPE_H
+#define KZFI_PDK_FI_EXECPIPE_H
+
+#include <string>
+#include <vector>
+
+#include "fi_error.h"
+#include "fi_system.h"
+#include "fi_trace.h"
+
+namespace kzfi_pdk_4_4 {
+
+class CFiExecPipeBase : public virtual CFiTraceable {
+public:
+    CFiExecPipeBase();
+    ~CFiExecPipeBase() override;
+
+    // Runs `command` through /bin/sh -c. `output` is cleared, then receives standard output and
+    // error, one element per line. `limit` is in seconds; a command still running then is killed
+    // with its whole process group. Returns 0 on success, otherwise the exit status (1 to 255),
+    // 256 + signal number, FI_EXEC_TIMED_OUT or FI_EXEC_NOT_STARTED (errno in getLastError()).
+    // The four further strings are accepted for the framework's signature and not used.
+    virtual int Exec(std::string command, std::vector<std::string>& output, std::string input,
+                     unsigned long limit, std::string user, std::string directory,
+                     std::string environment);
+
+    const CFiLastError& getLastError() const { return m_lastError; }
+
+protected:
+    CFiLastError m_lastError;
+};
+
+class CFiExecPipePosix : public CFiExecPipeBase {
+public:
+    // `mode` 1 captures standard output and error together, the one mode the library uses.
+    explicit CFiExecPipePosix(int mode);
+    ~CFiExecPipePosix() override;
+
+private:
+    int m_mode;
+};
+
+}  // namespace kzfi_pdk_4_4
+
+#endif

@@ -1,0 +1,67 @@
+// The system interface: every operating-system call that the kit and the library make goes
+// through the one CFiSystem installed for the process. The real Linux implementation is the
+// default; tests, benchmarks and the command's replay mode install another.
+#ifndef KZFI_PDK_FI_SYSTEM_H
+#define KZFI_PDK_FI_SYSTEM_H
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace kzfi_pdk_4_4 {
+
+// Result codes of CFiSystem::exec (and so of CFiExecPipeBase::Exec) beside the command's own exit
+// status (1 to 255) and 256 + signal number for a command killed by a signal.
+enum : int {
+    FI_EXEC_TIMED_OUT = 1000,   // the limit passed; the whole process group was killed
+    FI_EXEC_NOT_STARTED = 1001  // pipe, fork or exec failed; errno is kept in the last-error record
+};
+
+class CFiSystem {
+public:
+    virtual ~CFiSystem();
+
+    // Device nodes.
+    virtual int open(const char* path, int flags);
+    virtual int close(int fd);
+    virtual int ioctl(int fd, unsigned long request, void* arg);
+
+    // Kernel, control and configuration files, as stdio streams the caller closes with fclose.
+    virtual FILE* fopen(const char* path, const char* mode);
+
+    // Directories: an opaque handle, entries until nullptr (errno set on a read error).
+    virtual void* opendir(const char* path);
+    virtual struct dirent* readdir(void* dir);
+    virtual int closedir(void* dir);
+
+    virtual int stat(const char* path, struct stat* st);
+    virtual int access(const char* path, int mode);
+    virtual int uname(struct utsname* name);
+    virtual int gethostname(char* name, size_t length);
+    virtual unsigned int sleep(unsigned int seconds);
+    virtual int system(const char* command);
+
+    // Runs `command` through /bin/sh -c with standard output and error captured one element per
+    // line (without the newline). Returns 0 on success, the exit status, 256 + signal,
+    // FI_EXEC_TIMED_OUT or FI_EXEC_NOT_STARTED; sysErrno receives errno for the last two.
+    virtual int exec(const std::string& command, std::vector<std::string>& output,
+                     unsigned long limitSeconds, int& sysErrno);
+};
+
+// The installed implementation (the real one unless another was installed).
+CFiSystem& fiSystem();
+
+// Installs `system` for the process and returns the one it replaces; nullptr restores the real
+// implementation. The caller keeps ownership.
+CFiSystem* fiInstallSystem(CFiSystem* system);
+
+// The real Linux implementation.
+CFiSystem& fiRealSystem();
+
+}  // namespace kzfi_pdk_4_4
+
+#endif
