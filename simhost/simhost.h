@@ -1,0 +1,132 @@
+// The simulated host: a model of the Linux kernel's SCSI view behind the system interface.
+// It decodes the CDBs it is sent, generates the kernel's files from its state, reacts to writes
+// on control files, answers scripted commands and records everything it was asked to do.
+#ifndef SIMHOST_SIMHOST_H
+#define SIMHOST_SIMHOST_H
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fi_system.h"
+
+namespace simhost {
+
+typedef std::vector<uint8_t> Bytes;
+
+enum class DeviceState {
+    Running,       // answers every command it supports
+    Latent,        // present but invisible until a scan finds its address
+    Unresponsive,  // its node opens, every command fails
+    Gone           // its node cannot be opened
+};
+
+struct SimDevice {
+    std::string name;  // kernel block name, e.g. "sdc"; its node is "/dev/sdc"
+    int host = 0;
+    int channel = 0;
+    int id = 0;
+    int lun = 0;
+    Bytes inquiry;             // the standard INQUIRY answer as the device sends it
+    std::map<int, Bytes> vpd;  // EVPD answers by page code; a page absent here fails
+    bool hasVendorCommand = false;
+    Bytes vendorCommand;  // the answer to the vendor identity command sent with SG_IO
+    DeviceState state = DeviceState::Running;
+};
+
+// A host adapter: /sys/class/scsi_host/hostN, and the driver's /proc/scsi/<driver>/N file.
+struct SimAdapter {
+    int host = 0;
+    std::string driver;    // "qla2xxx", "qla2300", "lpfc", "mptspi", ...
+    std::string procText;  // contents of /proc/scsi/<driver>/<host> ("" when none)
+    bool fcHost = false;   // has /sys/class/fc_host/hostN
+    std::string portName;  // its port_name, e.g. "0x21000024ff2c3d4e"
+};
+
+struct SimCommandScript {
+    int exitCode = 0;
+    std::vector<std::string> output;
+};
+
+// One thing the library did to the host, in order.
+struct SimEvent {
+    enum Kind { Command, System, Write, Sleep } kind;
+    std::string text;  // the command line, or the path written
+    std::string data;  // the bytes written (Write)
+    unsigned int seconds = 0;  // Sleep
+};
+
+class SimHost : public kzfi_pdk_4_4::CFiSystem {
+public:
+    // An empty host: hostname "simhost", kernel "2.6.18-8.el5", with /proc/scsi/scsi.
+    SimHost();
+    ~SimHost() override;
+
+    // A host from a snapshot. On bad input returns nullptr and sets `error` to one message
+    // naming the field path, e.g. "devices[3].vpd.83: not hexadecimal".
+    static std::unique_ptr<SimHost> fromJson(const std::string& text, std::string& error);
+    static std::unique_ptr<SimHost> fromFile(const std::string& path, std::string& error);
+    // The snapshot of this host's current state (the format fromJson reads).
+    std::string toJson() const;
+
+    // Building a host (tests, benchmarks, the capture command).
+    void setHostname(const std::string& name);
+    void setHostnameFails();
+    void setKernelRelease(const std::string& release);
+    void setProcScsi(bool present);
+    SimDevice& addDevice(const SimDevice& device);
+    SimDevice* findDevice(const std::string& name);
+    void addAdapter(const SimAdapter& adapter);
+    void addMultipathMap(const std::string& name);    // a node under /dev/mapper/
+    void addPowerPathDevice(const std::string& name);  // a node /dev/<name>
+    void addFile(const std::string& path, const std::string& content);
+    void addExecutable(const std::string& path);
+    void scriptCommand(const std::string& commandLine, const SimCommandScript& script);
+
+    // What the library did, in order; and views of it.
+    const std::vector<SimEvent>& events() const;
+    std::vector<std::string> commandsRun() const;  // exec and system() command lines
+    std::vector<SimEvent> writesTo(const std::string& path) const;
+    std::vector<unsigned int> sleeps() const;
+    void clearEvents();
+    int openCalls() const;  // successful and failed open() calls on device nodes
+
+    // The system interface.
+    int open(const char* path, int flags) override;
+    int close(int fd) override;
+    int ioctl(int fd, unsigned long request, void* arg) override;
+    FILE* fopen(const char* path, const char* mode) override;
+    void* opendir(const char* path) override;
+    struct dirent* readdir(void* dir) override;
+    int closedir(void* dir) override;
+    int stat(const char* path, struct stat* st) override;
+    int access(const char* path, int mode) override;
+    int uname(struct utsname* name) override;
+    int gethostname(char* name, size_t length) override;
+    unsigned int sleep(unsigned int seconds) override;
+    int system(const char* command) override;
+    int exec(const std::string& command, std::vector<std::string>& output,
+             unsigned long limitSeconds, int& sysErrno) override;
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};
+
+// Installs a host for the life of the object and restores the previous system after.
+class SimHostInstall {
+public:
+    explicit SimHostInstall(SimHost& host);
+    ~SimHostInstall();
+    SimHostInstall(const SimHostInstall&) = delete;
+    SimHostInstall& operator=(const SimHostInstall&) = delete;
+
+private:
+    kzfi_pdk_4_4::CFiSystem* m_previous;
+};
+
+}  // namespace simhost
+
+#endif
