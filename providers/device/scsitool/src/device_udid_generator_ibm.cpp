@@ -12,20 +12,22 @@ const char* const kIbmFasttModels[] = {"3552", "3542", nullptr};
 // The midrange models answer both tests alike: a product that is not one of them fails both.
 const char* const kIbmDsModels[] = {"1722", "1724", "1742", "1815", "1814", nullptr};
 
-// The ESS gate: page 0x80 (`length` bytes cached) must be there and hold the serial its length
-// byte announces; `missing` or `tooShort` is thrown otherwise.
-const unsigned char* essSerialPage(const unsigned char* page80, unsigned int length,
+// The ESS gate: page 0x80 must be there and hold the serial its length byte announces;
+// `missing` or `tooShort` is thrown otherwise. Returns the page, its cached length in `length`.
+const unsigned char* essSerialPage(const CScsiDeviceData* device, unsigned int& length,
                                    const CUdidGeneratorException& missing,
                                    const CUdidGeneratorException& tooShort)
 {
-    if (page80 == nullptr) {
+    const CScsiModePage* page = device->findPage(0x80);
+    if (page == nullptr || page->getData() == nullptr) {
         throw missing;
     }
+    length = page->getLength();
     // A page without its length byte is too short as well.
-    if (length < 4 || page80[3] > length) {
+    if (length < 4 || page->getData()[3] > length) {
         throw tooShort;
     }
-    return page80;
+    return page->getData();
 }
 
 }  // namespace
@@ -74,9 +76,9 @@ std::string CIbmUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
             body += "IBM.2107-" + textField(inquiry, 36, 7) + udid_separator;
         }
     } else if (isESS(stripProductId(device))) {
-        const unsigned char* page80 = essSerialPage(findPageData(device, 0x80, length), length,
-                                                    error(MSG_INVALID_SCSI_PAGE_DATA),
-                                                    anonymousError(MSG_INVALID_SCSI_PAGE_SIZE));
+        const unsigned char* page80 =
+            essSerialPage(device, length, error(MSG_INVALID_SCSI_PAGE_DATA),
+                          anonymousError(MSG_INVALID_SCSI_PAGE_SIZE));
         unsigned int serialLength = length - 4 < 7 ? length - 4 : 7;
         body += "IBM." + product.substr(0, 4) + "-" + textField(page80, 4, serialLength) +
                 udid_separator;
@@ -152,7 +154,7 @@ std::string CIbmDsUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
         }
     } else if (isESS(stripProductId(device))) {
         // Page 0x80 only has to be there: its serial does not enter the id.
-        essSerialPage(findPageData(device, 0x80, length), length, error(MSG_INVALID_SCSI_PAGE_DATA),
+        essSerialPage(device, length, error(MSG_INVALID_SCSI_PAGE_DATA),
                       anonymousError(MSG_INVALID_SCSI_PAGE_SIZE));
         body += "IBM." + product.substr(0, 4) + "-" + arrayId() + udid_separator;
     } else if (isFASTT(stripProductId(device))) {
