@@ -60,6 +60,10 @@ private:
     // A record of `deviceName` opened once to check it can be, or nullptr when it cannot.
     CScsiDeviceData* makeOpenedRecord(const std::string& deviceName, const std::string& hostName,
                                       int claimLevel, bool setClaimLevel);
+    // The opened records of `deviceNames`, appended to `result` in order.
+    void addOpenedRecords(const std::vector<std::string>& deviceNames, const std::string& hostName,
+                          int claimLevel, bool setClaimLevel,
+                          std::vector<CScsiDeviceData*>& result);
 };
 
 #endif

@@ -239,6 +239,19 @@ CScsiDeviceData* CLinuxDeviceDiscovery::makeOpenedRecord(const std::string& devi
     return record.release();
 }
 
+void CLinuxDeviceDiscovery::addOpenedRecords(const std::vector<std::string>& deviceNames,
+                                             const std::string& hostName, int claimLevel,
+                                             bool setClaimLevel,
+                                             std::vector<CScsiDeviceData*>& result)
+{
+    for (const std::string& deviceName : deviceNames) {
+        CScsiDeviceData* record = makeOpenedRecord(deviceName, hostName, claimLevel, setClaimLevel);
+        if (record != nullptr) {
+            result.push_back(record);
+        }
+    }
+}
+
 std::vector<CScsiDeviceData*> CLinuxDeviceDiscovery::enumerateDevices()
 {
     FI_TRACE_FUNCTION("enumerateDevices");
@@ -264,12 +277,7 @@ std::vector<CScsiDeviceData*> CLinuxDeviceDiscovery::enumerateDevices()
         }
         std::vector<std::string> paths = enumerateNativeDevicePaths();
         std::string hostName = readHostName();
-        for (const std::string& path : paths) {
-            CScsiDeviceData* record = makeOpenedRecord(path, hostName, 2, true);
-            if (record != nullptr) {
-                result.push_back(record);
-            }
-        }
+        addOpenedRecords(paths, hostName, 2, true, result);
     } catch (...) {
         if (m_traceLog) {
             m_traceLog->trace(
@@ -287,12 +295,7 @@ std::vector<CScsiDeviceData*> CLinuxDeviceDiscovery::validateEnumerateDevices(
     try {
         std::vector<std::string> paths(1, deviceName);
         std::string hostName = readHostName();
-        for (const std::string& path : paths) {
-            CScsiDeviceData* record = makeOpenedRecord(path, hostName, 0, false);
-            if (record != nullptr) {
-                result.push_back(record);
-            }
-        }
+        addOpenedRecords(paths, hostName, 0, false, result);
     } catch (...) {
         if (m_traceLog) {
             m_traceLog->trace(
