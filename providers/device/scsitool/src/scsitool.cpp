@@ -188,10 +188,12 @@ int CScsiTool::GetHostIQN(std::string& iqn)
             continue;
         }
         // "InitiatorName=" with nothing after it names no initiator: a later line may still.
-        if (tokens.size() < 2) {
+        std::string name =
+            tokens.size() < 2 ? std::string() : CFiStringTool::trim(tokens[1], kBlanks);
+        if (name.empty()) {
             continue;
         }
-        iqn = CFiStringTool::trim(tokens[1], kBlanks);
+        iqn = name;
         break;
     }
     std::fclose(file);
