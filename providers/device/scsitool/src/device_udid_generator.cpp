@@ -1,0 +1,175 @@
+// The generator base class, the generator table and the default generator.
+#include "device_udid_generator.h"
+
+#include <algorithm>
+
+#include "fi_system.h"
+#include "stringtool.h"
+
+using kzfi_pdk_4_4::fiSystem;
+
+const char* const CUdidGenerator::udid_prefix = "UDID##";
+const char* const CUdidGenerator::udid_separator = "##";
+
+const char* const CUdidGenerator::MSG_INVALID_SCSI_DEVICE_DATA =
+    "MSG_UDID_ERROR_INVALID_SCSI_DEVICE_DATA";
+const char* const CUdidGenerator::MSG_INVALID_SCSI_PAGE_SIZE =
+    "MSG_UDID_ERROR_INVALID_SCSI_PAGE_SIZE";
+const char* const CUdidGenerator::MSG_INVALID_SCSI_PAGE_DATA =
+    "MSG_UDID_ERROR_INVALID_SCSI_PAGE_DATA";
+const char* const CUdidGenerator::MSG_INVALID_SCSI_ENCLOSURE_DATA =
+    "MSG_UDID_ERROR_INVALID_SCSI_ENCLOSURE_DATA";
+
+std::vector<CUdidGenerator*> createUdidGeneratorTable()
+{
+    // clang-format off
+    return {
+        //   generator                                      vendorId   productId
+        /*  1 */ new CHpMsaUdidGenerator(                   "HP",      "MSA"),
+        /*  2 */ new CHpEvaUdidGenerator(                   "HP",      "HSV"),
+        /*  3 */ new CHpXpUdidGenerator(                    "HP",      "XP"),
+        /*  4 */ new CIbmUdidGenerator(                     "IBM",     "TOTALSTORAGE"),
+        /*  5 */ new CIbmDsUdidGenerator(                   "IBM",     "DISKSYSTEM"),
+        /*  6 */ new CEmcClariionUdidGenerator(             "DGC",     ""),
+        /*  7 */ new CEmcSymmetrixUdidGenerator(            "EMC",     "SYMMETRIX"),
+        /*  8 */ new CHitachiUdidGenerator(                 "HITACHI", "HDS"),
+        /*  9 */ new CLsiUdidGenerator(                     "ENGENIO", "UNIVERSAL"),
+        /* 10 */ new CNetAppUdidGenerator(                  "NETAPP",  "LUN"),
+        /* 11 */ new CHp3parUdidGenerator(                  "HP",      "3PAR"),
+        /* 12 */ new CFujitsuEternusUdidGenerator(          "FUJITSU", "ETERNUS"),
+        /* 13 */ new CDefaultUdidGenerator(                 "",        ""),  // claims all: last
+    };
+    // clang-format on
+}
+
+// --- CUdidGenerator --------------------------------------------------------------------------
+
+CUdidGenerator::CUdidGenerator(std::string vendorId, std::string productId)
+    : m_vendorId(std::move(vendorId)), m_productId(std::move(productId))
+{
+}
+
+CUdidGenerator::~CUdidGenerator() = default;
+
+std::string CUdidGenerator::getGeneratorName()
+{
+    return m_vendorId + ":" + m_productId;
+}
+
+bool CUdidGenerator::claimDevice(CScsiDeviceData* device)
+{
+    if (stripVendorId(device) != m_vendorId) {
+        return false;
+    }
+    return stripProductId(device) == m_productId;
+}
+
+std::string CUdidGenerator::getUniqueDeviceIDPrefix(CScsiDeviceData* /*device*/)
+{
+    std::string prefix = udid_prefix;
+    prefix += CStringTool::rtrim(m_vendorId, ' ') + udid_separator;
+    prefix += CStringTool::rtrim(m_productId, ' ') + udid_separator;
+    return CStringTool::tostrupper(prefix);
+}
+
+CUdidGeneratorException CUdidGenerator::error(const char* messageId) const
+{
+    return CUdidGeneratorException(messageId, m_vendorId, m_productId);
+}
+
+CUdidGeneratorException CUdidGenerator::anonymousError(const char* messageId)
+{
+    return CUdidGeneratorException(messageId, "", "");
+}
+
+const std::string& CUdidGenerator::stripVendorId(CScsiDeviceData* device)
+{
+    device->m_vendorId = CStringTool::rtrim(device->m_vendorId, ' ');
+    return device->m_vendorId;
+}
+
+const std::string& CUdidGenerator::stripProductId(CScsiDeviceData* device)
+{
+    device->m_productId = CStringTool::rtrim(device->m_productId, ' ');
+    return device->m_productId;
+}
+
+const unsigned char* CUdidGenerator::findPageData(const CScsiDeviceData* device, unsigned int code,
+                                                  unsigned int& length)
+{
+    length = 0;
+    const CScsiModePage* page = device->findPage(code);
+    if (page == nullptr || page->getData() == nullptr) {
+        return nullptr;
+    }
+    length = page->getLength();
+    return page->getData();
+}
+
+// --- CDefaultUdidGenerator -------------------------------------------------------------------
+
+namespace {
+
+// Hex text of a whole page, trailing '0' digits stripped; a text over 80 digits keeps its
+// first 80 and is stripped once more. The stripping works on digits, so a last byte 0x10
+// ends as "1": that is the form the id has always had.
+std::string pageBody(const unsigned char* data, unsigned int length)
+{
+    std::string body = CStringTool::rtrim(CStringTool::binary2str(data, int(length)), '0');
+    if (body.size() > 80) {
+        body = CStringTool::rtrim(body.substr(0, 80), '0');
+    }
+    return body;
+}
+
+}  // namespace
+
+CDefaultUdidGenerator::CDefaultUdidGenerator(std::string vendorId, std::string productId)
+    : CUdidGenerator(std::move(vendorId), std::move(productId))
+{
+}
+
+bool CDefaultUdidGenerator::claimDevice(CScsiDeviceData* /*device*/)
+{
+    return true;
+}
+
+std::string CDefaultUdidGenerator::getUniqueDeviceIDPrefix(CScsiDeviceData* device)
+{
+    std::string prefix = udid_prefix;
+    prefix += stripVendorId(device) + udid_separator;
+    std::string product = stripProductId(device);
+    std::replace(product.begin(), product.end(), ' ', '_');
+    prefix += product + udid_separator;
+    return CStringTool::tostrupper(prefix);
+}
+
+std::string CDefaultUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
+{
+    FI_TRACE_FUNCTION("CDefaultUdidGenerator::getUniqueDeviceID");
+    const std::vector<unsigned int>& pages = device->m_supportedPages;
+    if (std::find(pages.begin(), pages.end(), 0x00u) != pages.end() &&
+        !stripVendorId(device).empty()) {
+        for (unsigned int code : {0x83u, 0x80u}) {
+            unsigned int length = 0;
+            const unsigned char* data = findPageData(device, code, length);
+            if (data != nullptr && length != 0) {
+                return pageBody(data, length);
+            }
+        }
+    }
+
+    // Host-local id: keeps the device apart on this host only.
+    char host[512] = {};
+    std::string body = device->m_deviceName + "@";
+    if (fiSystem().gethostname(host, sizeof(host) - 1) == 0) {
+        body += host;
+    } else {
+        body += "UNKNOWN";
+    }
+    if (m_traceLog) {
+        m_traceLog->trace(3, "INFO: %s has no identity page, using the host-local id %s",
+                          device->m_deviceName.c_str(), body.c_str());
+    }
+    return body;
+}
