@@ -9,7 +9,10 @@ CFiError::CFiError(int code, std::string message) : m_code(code), m_message(std:
 
 CFiError::~CFiError() = default;
 
-const char* CFiError::what() const noexcept { return m_message.c_str(); }
+const char* CFiError::what() const noexcept
+{
+    return m_message.c_str();
+}
 
 std::string CFiError::getMessageId(const std::string& prefix, int base) const
 {

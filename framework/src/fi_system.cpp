@@ -43,31 +43,70 @@ void splitLines(const std::string& text, std::vector<std::string>& output)
 
 CFiSystem::~CFiSystem() = default;
 
-int CFiSystem::open(const char* path, int flags) { return ::open(path, flags); }
+int CFiSystem::open(const char* path, int flags)
+{
+    return ::open(path, flags);
+}
 
-int CFiSystem::close(int fd) { return ::close(fd); }
+int CFiSystem::close(int fd)
+{
+    return ::close(fd);
+}
 
-int CFiSystem::ioctl(int fd, unsigned long request, void* arg) { return ::ioctl(fd, request, arg); }
+int CFiSystem::ioctl(int fd, unsigned long request, void* arg)
+{
+    return ::ioctl(fd, request, arg);
+}
 
-FILE* CFiSystem::fopen(const char* path, const char* mode) { return ::fopen(path, mode); }
+FILE* CFiSystem::fopen(const char* path, const char* mode)
+{
+    return ::fopen(path, mode);
+}
 
-void* CFiSystem::opendir(const char* path) { return ::opendir(path); }
+void* CFiSystem::opendir(const char* path)
+{
+    return ::opendir(path);
+}
 
-struct dirent* CFiSystem::readdir(void* dir) { return ::readdir(static_cast<DIR*>(dir)); }
+struct dirent* CFiSystem::readdir(void* dir)
+{
+    return ::readdir(static_cast<DIR*>(dir));
+}
 
-int CFiSystem::closedir(void* dir) { return ::closedir(static_cast<DIR*>(dir)); }
+int CFiSystem::closedir(void* dir)
+{
+    return ::closedir(static_cast<DIR*>(dir));
+}
 
-int CFiSystem::stat(const char* path, struct stat* st) { return ::stat(path, st); }
+int CFiSystem::stat(const char* path, struct stat* st)
+{
+    return ::stat(path, st);
+}
 
-int CFiSystem::access(const char* path, int mode) { return ::access(path, mode); }
+int CFiSystem::access(const char* path, int mode)
+{
+    return ::access(path, mode);
+}
 
-int CFiSystem::uname(struct utsname* name) { return ::uname(name); }
+int CFiSystem::uname(struct utsname* name)
+{
+    return ::uname(name);
+}
 
-int CFiSystem::gethostname(char* name, size_t length) { return ::gethostname(name, length); }
+int CFiSystem::gethostname(char* name, size_t length)
+{
+    return ::gethostname(name, length);
+}
 
-unsigned int CFiSystem::sleep(unsigned int seconds) { return ::sleep(seconds); }
+unsigned int CFiSystem::sleep(unsigned int seconds)
+{
+    return ::sleep(seconds);
+}
 
-int CFiSystem::system(const char* command) { return ::system(command); }
+int CFiSystem::system(const char* command)
+{
+    return ::system(command);
+}
 
 int CFiSystem::exec(const std::string& command, std::vector<std::string>& output,
                     unsigned long limitSeconds, int& sysErrno)

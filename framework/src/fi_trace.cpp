@@ -119,9 +119,15 @@ bool CFiTraceLog::isEnabled(int level) const
     return m_sink != nullptr;
 }
 
-void CFiTraceLog::setLevel(int level) { m_level = level; }
+void CFiTraceLog::setLevel(int level)
+{
+    m_level = level;
+}
 
-int CFiTraceLog::getLevel() const { return m_level; }
+int CFiTraceLog::getLevel() const
+{
+    return m_level;
+}
 
 void CFiTraceLog::setSink(std::unique_ptr<CFiTraceSink> sink)
 {

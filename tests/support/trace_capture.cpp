@@ -10,9 +10,15 @@ TraceCapture::TraceCapture(int level) : m_log(new CFiTraceLog()), m_sink(new CFi
     m_log->setSink(std::unique_ptr<CFiTraceSink>(m_sink));
 }
 
-std::vector<std::pair<int, std::string>> TraceCapture::lines() const { return m_sink->lines(); }
+std::vector<std::pair<int, std::string>> TraceCapture::lines() const
+{
+    return m_sink->lines();
+}
 
-std::vector<std::string> TraceCapture::at(int level) const { return m_sink->messages(level); }
+std::vector<std::string> TraceCapture::at(int level) const
+{
+    return m_sink->messages(level);
+}
 
 std::vector<std::string> TraceCapture::all() const
 {
@@ -33,4 +39,7 @@ bool TraceCapture::has(int level, const std::string& message) const
     return false;
 }
 
-void TraceCapture::clear() { m_sink->clear(); }
+void TraceCapture::clear()
+{
+    m_sink->clear();
+}

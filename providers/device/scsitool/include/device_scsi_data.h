@@ -79,6 +79,12 @@ struct SDeviceInfo {
     std::vector<std::string> NativePath;
 };
 
+inline bool operator==(const SDeviceInfo& a, const SDeviceInfo& b)
+{
+    return a.dmpClaimLevel == b.dmpClaimLevel && a.DeviceName == b.DeviceName && a.Uid == b.Uid &&
+           a.NativePath == b.NativePath;
+}
+
 typedef std::map<std::string, SDeviceInfo> DeviceMap;
 
 // One entry of the kernel's SCSI device list.

@@ -40,8 +40,8 @@ void CScsiModePage::set(const unsigned char* data, unsigned int length)
 }
 
 CScsiDeviceData::CScsiDeviceData(const std::string& deviceName, const std::string& secondName,
-                                 const std::string& hostName, int target, unsigned int bus,
-                                 int lun, int port, const std::string& vendorId,
+                                 const std::string& hostName, int target, unsigned int bus, int lun,
+                                 int port, const std::string& vendorId,
                                  const std::string& productId, const std::string& firmwareLevel,
                                  unsigned long capacity)
     : m_deviceName(deviceName),

@@ -10,7 +10,10 @@
 
 #include "fi_system.h"
 
-std::string CStringTool::bool2str(bool b) { return b ? "true" : "false"; }
+std::string CStringTool::bool2str(bool b)
+{
+    return b ? "true" : "false";
+}
 
 std::string CStringTool::int2str(int v)
 {
@@ -26,11 +29,20 @@ std::string CStringTool::uint2str(unsigned int v)
     return buffer;
 }
 
-std::wstring CStringTool::int2wstr(int v) { return str2wstr(int2str(v)); }
+std::wstring CStringTool::int2wstr(int v)
+{
+    return str2wstr(int2str(v));
+}
 
-std::wstring CStringTool::uint2wstr(unsigned int v) { return str2wstr(uint2str(v)); }
+std::wstring CStringTool::uint2wstr(unsigned int v)
+{
+    return str2wstr(uint2str(v));
+}
 
-unsigned int CStringTool::str2uint(const std::string& s) { return static_cast<unsigned int>(str2int(s)); }
+unsigned int CStringTool::str2uint(const std::string& s)
+{
+    return static_cast<unsigned int>(str2int(s));
+}
 
 int CStringTool::str2int(const std::string& s)
 {
@@ -107,7 +119,10 @@ std::string CStringTool::rtrim(const std::string& s, char c)
     return last == std::string::npos ? std::string() : s.substr(0, last + 1);
 }
 
-std::string CStringTool::trim(const std::string& s) { return rtrim(ltrim(s, ' '), ' '); }
+std::string CStringTool::trim(const std::string& s)
+{
+    return rtrim(ltrim(s, ' '), ' ');
+}
 
 std::string CStringTool::tostrupper(const std::string& s)
 {
@@ -181,9 +196,15 @@ std::string CStringTool::wstr2str(const std::wstring& s)
     return std::string(buffer.get());
 }
 
-std::wstring CStringTool::str2wstr(const std::wstring& s) { return s; }
+std::wstring CStringTool::str2wstr(const std::wstring& s)
+{
+    return s;
+}
 
-std::string CStringTool::wstr2str(const std::string& s) { return s; }
+std::string CStringTool::wstr2str(const std::string& s)
+{
+    return s;
+}
 
 std::vector<std::string> readDir(std::string directory, std::string pattern)
 {

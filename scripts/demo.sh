@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# Sets up, builds, and shows the device map of the bundled example datacenter host.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/setup.sh
+cmake --preset default >/dev/null
+cmake --build --preset default >/dev/null
+if [ -x build/default/tools/scsitool/scsitool ]; then
+  exec build/default/tools/scsitool/scsitool --host examples/hosts/datacenter.json map "$@"
+fi
+echo "demo: the scsitool command is not built yet; running the tests instead"
+ctest --preset default

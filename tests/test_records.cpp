@@ -1,0 +1,125 @@
+// The device record, the page cache entries, and the string tools.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+
+#include "device_scsi_data.h"
+#include "stringtool.h"
+
+TEST(DeviceRecord, FreshRecordIsEmpty)
+{
+    CScsiDeviceData d("/dev/sdc", "", "hostA", 5, 2, 1, 3, "ACME", "Disk", "01", 77);
+    EXPECT_EQ(d.m_deviceName, "/dev/sdc");
+    EXPECT_EQ(d.m_hostName, "hostA");
+    EXPECT_EQ(d.m_target, 5);
+    EXPECT_EQ(d.m_bus, 2u);
+    EXPECT_EQ(d.m_lun, 1);
+    EXPECT_EQ(d.m_port, 3);
+    EXPECT_EQ(d.m_capacity, 77u);
+    EXPECT_TRUE(d.m_pageCache.empty());
+    EXPECT_TRUE(d.m_supportedPages.empty());
+    EXPECT_EQ(d.dmpClaimLevel, 0);
+    EXPECT_EQ(d.m_pagesValid, 0);
+    EXPECT_EQ(d.m_secondFlag, 0);
+    EXPECT_EQ(d.m_invalid, 0);
+    EXPECT_EQ(d.m_operatingSystem, "");
+}
+
+TEST(ModePage, CopiesAreIndependentAndStoringReplaces)
+{
+    const unsigned char a[] = {1, 2, 3};
+    const unsigned char b[] = {9};
+    CScsiModePage page(a, 3);
+    CScsiModePage copy(page);
+    page.set(b, 1);
+    EXPECT_EQ(copy.getLength(), 3u);
+    EXPECT_EQ(copy.getData()[2], 3);
+    EXPECT_EQ(page.getLength(), 1u);
+    EXPECT_EQ(page.getData()[0], 9);
+    copy = page;
+    EXPECT_EQ(copy.getLength(), 1u);
+    EXPECT_NE(copy.getData(), page.getData());
+    page.set(nullptr, 0);
+    EXPECT_EQ(page.getData(), nullptr);
+    EXPECT_EQ(page.getLength(), 0u);
+}
+
+TEST(StringTool, NumbersFromText)
+{
+    struct {
+        const char* text;
+        unsigned int value;
+    } decimal[] = {{"", 0},    {"42", 42}, {"42abc", 42},      {" 7", 7},
+                   {"abc", 0}, {"x1", 0},  {"-1", 4294967295u}};
+    for (const auto& c : decimal) {
+        EXPECT_EQ(CStringTool::str2uint(c.text), c.value) << c.text;
+        EXPECT_EQ(CStringTool::str2int(c.text), static_cast<int>(c.value)) << c.text;
+    }
+    struct {
+        const char* text;
+        unsigned int value;
+    } hex[] = {{"0x1F", 31}, {"0x", 0},
+               {"0xG1", 0},  {"zz10", 16},
+               {"0X0a", 10}, {"0x123456789", 0x23456789u},
+               {"0x1 ", 0},  {"0xffffffff", 0xffffffffu},
+               {"ab", 0}};
+    for (const auto& c : hex) {
+        EXPECT_EQ(CStringTool::hexstr2uint(c.text), c.value) << c.text;
+    }
+    EXPECT_EQ(CStringTool::int2str(-12), "-12");
+    EXPECT_EQ(CStringTool::uint2str(4294967295u), "4294967295");
+    EXPECT_EQ(CStringTool::bool2str(true), "true");
+    EXPECT_EQ(CStringTool::int2wstr(-3), L"-3");
+}
+
+TEST(StringTool, TextHelpers)
+{
+    const unsigned char bytes[] = {0x60, 0x05, 0x0A, 0xFF};
+    EXPECT_EQ(CStringTool::binary2str(bytes, 4), "60050aff");
+    EXPECT_EQ(CStringTool::binary2str(bytes, 0), "");
+    EXPECT_EQ(CStringTool::binary2str(bytes, -1), "");
+    EXPECT_EQ(CStringTool::trim("\tabc \n"), "\tabc \n");
+    EXPECT_EQ(CStringTool::trim("  abc  "), "abc");
+    EXPECT_EQ(CStringTool::trim("   "), "");
+    EXPECT_EQ(CStringTool::rtrim("HP      ", ' '), "HP");
+    EXPECT_EQ(CStringTool::ltrim("000120", '0'), "120");
+    EXPECT_FALSE(CStringTool::isalphaNumeric(""));
+    EXPECT_TRUE(CStringTool::isalphaNumeric("ab1"));
+    EXPECT_FALSE(CStringTool::isalphaNumeric("ab-1"));
+    EXPECT_FALSE(CStringTool::isalphaNumeric("ab 1"));
+    EXPECT_EQ(CStringTool::tostrupper("udid##acme##big_disk 2##"), "UDID##ACME##BIG_DISK 2##");
+    EXPECT_EQ(CStringTool::tostrlower("ABC-1"), "abc-1");
+    EXPECT_EQ(CStringTool::tostrupper(std::wstring(L"ab1")), L"AB1");
+    EXPECT_EQ(CStringTool::str2wstr("abc"), L"abc");
+    EXPECT_EQ(CStringTool::wstr2str(std::wstring(L"abc")), "abc");
+    EXPECT_EQ(CStringTool::wstr2str(std::wstring()), "");
+}
+
+TEST(ReadDir, ListsMatchingEntriesAsFullPaths)
+{
+    char dir[] = "/tmp/readdirXXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    std::string base = std::string(dir) + "/";
+    for (const char* name : {"x1", "x2", "y1"}) {
+        std::ofstream(base + name) << "";
+    }
+    std::vector<std::string> found = readDir(base, "x");
+    std::sort(found.begin(), found.end());
+    EXPECT_EQ(found, (std::vector<std::string>{base + "x1", base + "x2"}));
+    std::vector<std::string> all = readDir(base, "");
+    EXPECT_EQ(all.size(), 5u);  // "." and ".." match the empty pattern
+    EXPECT_NE(std::find(all.begin(), all.end(), base + "."), all.end());
+    EXPECT_EQ(readDir(dir, "x1"),
+              std::vector<std::string>{std::string(dir) + "x1"});  // joined as given
+    for (const char* name : {"x1", "x2", "y1"}) {
+        unlink((base + name).c_str());
+    }
+    rmdir(dir);
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(readDir("/nonexistent-dir/", "").empty());
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
