@@ -126,10 +126,13 @@ if [ -x /bin/scsitool ]; then
   emit capture.json /tmp/capture.json
   emit capture.out /tmp/capture.out
   # Two enumerations at once: the host-wide rescan lock must let both through.
-  (scsitool map --json >/tmp/lock1.json 2>/tmp/lock1.err; echo $? >/tmp/lock1.rc) &
-  (scsitool map --json >/tmp/lock2.json 2>/tmp/lock2.err; echo $? >/tmp/lock2.rc) &
+  for n in 1 2; do
+    (scsitool --trace /tmp/lock$n.trace --trace-level 3 map --json >/tmp/lock$n.json 2>/tmp/lock$n.err
+      echo $? >/tmp/lock$n.rc) &
+  done
   wait
   for n in 1 2; do
+    emit lock$n.trace /tmp/lock$n.trace
     emit lock$n.rc /tmp/lock$n.rc
     emit lock$n.json /tmp/lock$n.json
     emit lock$n.err /tmp/lock$n.err

@@ -465,6 +465,17 @@ void checkCapture()
     verdict("capture_replay_same_map", guest == replay, replay.dump());
 }
 
+// The time stamp of the first trace line that holds `what` ("" when none does).
+std::string stampOf(const std::string& trace, const std::string& what)
+{
+    size_t at = trace.find(what);
+    if (at == std::string::npos)
+        return "";
+    size_t begin = trace.rfind('\n', at);
+    begin = begin == std::string::npos ? 0 : begin + 1;
+    return trace.substr(begin, 23);  // "2026-11-22 10:15:02.123"
+}
+
 void checkLock()
 {
     if (!scsitoolRan())
