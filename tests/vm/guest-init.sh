@@ -137,6 +137,16 @@ if [ -x /bin/scsitool ]; then
     emit lock$n.json /tmp/lock$n.json
     emit lock$n.err /tmp/lock$n.err
   done
+  # A rescan with bus rescanning: on this kernel it matches every disk of /proc/scsi/scsi with a
+  # queried record and must remove none.
+  scsitool --trace /tmp/rescan.trace --trace-level 3 map --rescan-buses --json >/tmp/rescan.json 2>/tmp/rescan.err
+  emit_text rescan.rc "$?"
+  emit rescan.json /tmp/rescan.json
+  emit rescan.err /tmp/rescan.err
+  emit rescan.trace /tmp/rescan.trace
+  after=""
+  for d in /sys/block/sd*; do after="$after /dev/${d##*/}"; done
+  emit_text rescan.devices "$after"
   check scsitool PASS "present"
 else
   check scsitool SKIP "no scsitool in this guest"
