@@ -480,13 +480,15 @@ TEST(SimHostDatacenter, TypesOfEveryDeviceAndTheAdaptersFiles)
 // The first claiming generator's UDID of a node, or the message id it throws.
 std::string udidOf(const std::string& node)
 {
-    static std::vector<CUdidGenerator*> table = createUdidGeneratorTable();
+    // Generators live for the process, as the factory keeps them.
+    static std::vector<CUdidGenerator*>* table =
+        new std::vector<CUdidGenerator*>(createUdidGeneratorTable());
     CScsiDeviceData record(node, "", "dbhost01", 0, 0, 0, -1, "", "", "", 0);
     CScsiTool tool;
     if (tool.UpdateDevice(&record) != 0) {
         return "not a disk";
     }
-    for (CUdidGenerator* generator : table) {
+    for (CUdidGenerator* generator : *table) {
         if (generator->claimDevice(&record)) {
             try {
                 std::string body = generator->getUniqueDeviceID(&record);
