@@ -154,6 +154,13 @@ struct ScsiAccess : ::testing::Test {
         d.vpd[0x83] = vpd(0x83, {1, 3, 0, 8, 0x60, 5, 0x0A, 0, 0, 0, 0, 1});
         return d;
     }
+    // One INQUIRY through a fresh handle.
+    int query(CScsiDeviceData& dev, unsigned int code, unsigned int type, unsigned int& length,
+              ScsiPagePtr& page)
+    {
+        CScsiDeviceHandle handle;
+        return tool.GetModePageInfo(handle, dev, code, length, type, page);
+    }
 };
 
 // ---- device handle
@@ -240,10 +247,9 @@ TEST_F(ScsiAccess, InquiryCommandAndAnswerLength)
         disk("/dev/sda");
         host.sent.clear();
         CScsiDeviceData dev = record("/dev/sda", c.lun);
-        CScsiDeviceHandle handle;
         unsigned int length = 99;
         ScsiPagePtr page;
-        ASSERT_EQ(0, tool.GetModePageInfo(handle, dev, c.code, length, c.type, page));
+        ASSERT_EQ(0, query(dev, c.code, c.type, length, page));
         EXPECT_EQ(c.length, length);
         ASSERT_EQ(1u, host.sent.size());
         Bytes header = {
@@ -257,10 +263,9 @@ TEST_F(ScsiAccess, LengthByteThatClaimsTooMuchIsCutToTheAllocationLength)
 {
     disk("/dev/sda").vpd[0x80] = {0, 0x80, 0, 0xFF, 'A', 'B'};
     CScsiDeviceData dev = record("/dev/sda");
-    CScsiDeviceHandle handle;
     unsigned int length = 0;
     ScsiPagePtr page;
-    ASSERT_EQ(0, tool.GetModePageInfo(handle, dev, 0x80, length, 1, page));
+    ASSERT_EQ(0, query(dev, 0x80, 1, length, page));
     ASSERT_EQ(252u, length);
     EXPECT_EQ('B', page->get()[5]);
     EXPECT_EQ(0, page->get()[251]);  // never sent: the zeroed buffer
@@ -271,17 +276,15 @@ TEST_F(ScsiAccess, FailedInquiryReportsAndLeavesThePage)
     disk("/dev/sda");
     CScsiDeviceData dev = record("/dev/sda");
     CScsiDeviceData gone = record("/dev/gone");
-    CScsiDeviceHandle handle;
     unsigned int length = 7;
     ScsiPagePtr page;
-    EXPECT_EQ(6, tool.GetModePageInfo(handle, dev, 0xC0, length, 1, page));
+    EXPECT_EQ(6, query(dev, 0xC0, 1, length, page));
     EXPECT_EQ(0u, length);
     EXPECT_FALSE(page);
     EXPECT_TRUE(trace.has(1,
                           "libscsitool: ERROR: ioctl(SCSI_IOCTL_SEND_COMMAN) for device "
                           "/dev/sda "));
-    CScsiDeviceHandle other;
-    EXPECT_EQ(6, tool.GetModePageInfo(other, gone, 0, length, 0, page));
+    EXPECT_EQ(6, query(gone, 0, 0, length, page));
     EXPECT_TRUE(trace.has(2, "GetModePageInfo: Exception Ocurred"));
 }
 
