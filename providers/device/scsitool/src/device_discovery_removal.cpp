@@ -1,0 +1,237 @@
+#include <sys/stat.h>
+#include <sys/utsname.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "device_discovery.h"
+#include "discovery_common.h"
+#include "fi_stringtool.h"
+#include "fi_system.h"
+#include "stringtool.h"
+
+using kzfi_pdk_4_4::fiSystem;
+using scsitool_discovery::joinLines;
+using scsitool_discovery::kernelRelease;
+
+namespace {
+
+bool isDirectory(const char* path)
+{
+    struct stat st;
+    return fiSystem().stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+}  // namespace
+
+void CLinuxDeviceDiscovery::removeDeadDevices(std::vector<CScsiDeviceData*>& devices,
+                                              bool removeLun0)
+{
+    FI_TRACE_FUNCTION("removeDeadDevices");
+    if (m_traceLog) {
+        m_traceLog->trace(3, "removeDeadDevices : removeLun0 = %d", removeLun0 ? 1 : 0);
+    }
+    std::vector<SLinuxScsiDevice> kernel = getDeviceList(true);
+
+    size_t index = 0;
+    while (index < devices.size()) {
+        CScsiDeviceData* device = devices[index];
+        device->m_vendorId = CStringTool::rtrim(device->m_vendorId, ' ');
+        device->m_productId = CStringTool::rtrim(device->m_productId, ' ');
+        if (m_traceLog) {
+            m_traceLog->trace(
+                3, "INFO: iter devices a[%d] b[%d] t[%d] l[%d] vendor[%s], product[%s]",
+                device->m_port, static_cast<int>(device->m_bus), device->m_target, device->m_lun,
+                device->m_vendorId.c_str(), device->m_productId.c_str());
+        }
+        if (device->m_port == -1) {
+            // The query never learned the address. Once out of the list nobody holds the
+            // record any more, so it is deleted here.
+            devices.erase(devices.begin() + static_cast<std::ptrdiff_t>(index));
+            delete device;
+            index = 0;
+            continue;
+        }
+        ++index;
+    }
+
+    for (const SLinuxScsiDevice& address : kernel) {
+        const CScsiDeviceData* match = nullptr;
+        for (const CScsiDeviceData* device : devices) {
+            if (device->m_port == address.host &&
+                static_cast<int>(device->m_bus) == address.channel &&
+                device->m_target == address.id && device->m_lun == address.lun) {
+                match = device;
+                break;
+            }
+        }
+        if (match != nullptr) {
+            if (m_traceLog) {
+                m_traceLog->trace(
+                    3, "INFO: found match comparing devices a[%d,%d] b[%d,%d] t[%d,%d] l[%d,%d]",
+                    address.host, match->m_port, address.channel, static_cast<int>(match->m_bus),
+                    address.id, match->m_target, address.lun, match->m_lun);
+            }
+            continue;
+        }
+        if (m_traceLog) {
+            m_traceLog->trace(3, "INFO: removing device a[%d] b[%d] t[%d] l[%d]", address.host,
+                              address.channel, address.id, address.lun);
+        }
+        if (address.lun == 0 && !removeLun0) {
+            if (m_traceLog) {
+                m_traceLog->trace(3, "INFO: Device is not removed as LUN=0 and removeLun0 = false");
+            }
+            continue;
+        }
+        RemoveDevice(address.host, address.channel, address.id, address.lun);
+    }
+
+    rescanScsiBus(false);
+}
+
+void CLinuxDeviceDiscovery::RemoveDevice(int host, int channel, int id, int lun)
+{
+    FI_TRACE_FUNCTION("RemoveDevice");
+    if (m_traceLog) {
+        m_traceLog->trace(3, "INFO: RemoveDevice [%d,%d,%d,%d]", host, channel, id, lun);
+    }
+    std::string release = kernelRelease();
+
+    char command[255];
+    std::snprintf(command, sizeof command, "scsi remove-single-device %d %d %d %d\n", host, channel,
+                  id, lun);
+    FILE* file = fiSystem().fopen("/proc/scsi/scsi", "a");
+    if (file == nullptr) {
+        if (m_traceLog) {
+            m_traceLog->trace(3, "INFO: remove device failed to open /proc/scsi/scsi for: %s\n",
+                              command);
+        }
+        return;
+    }
+    if (m_traceLog) {
+        m_traceLog->trace(3, "INFO: removing: %s\n", command);
+    }
+    std::fputs(command, file);
+    std::fclose(file);
+
+    if (release.find("2.6") != 0) {
+        return;
+    }
+    char path[255];
+    std::snprintf(path, sizeof path, "/sys/class/scsi_device/%d:%d:%d:%d/device/delete", host,
+                  channel, id, lun);
+    file = fiSystem().fopen(path, "a");
+    if (file == nullptr) {
+        if (m_traceLog) {
+            m_traceLog->trace(2, "WARNING: remove device failed to open %s for device removal",
+                              path);
+        }
+        return;
+    }
+    if (m_traceLog) {
+        m_traceLog->trace(3, "INFO: removing: %s", path);
+    }
+    std::fputc('1', file);
+    std::fclose(file);
+
+    // The address is scanned again at once: a device that still answers comes back.
+    char scan[255];
+    std::snprintf(path, sizeof path, "/sys/class/scsi_host/host%d/scan", host);
+    std::snprintf(scan, sizeof scan, "%d %d %d\n", channel, id, lun);
+    file = fiSystem().fopen(path, "a");
+    if (file == nullptr) {
+        if (m_traceLog) {
+            m_traceLog->trace(2, "WARNING: device failed to open %s for device scan %s", path,
+                              scan);
+        }
+        return;
+    }
+    if (m_traceLog) {
+        m_traceLog->trace(3, "INFO: scaning after remove: %s", scan);
+    }
+    std::fputs(scan, file);
+    std::fclose(file);
+}
+
+int CLinuxDeviceDiscovery::FlushMultipathStaleDevices()
+{
+    FI_TRACE_FUNCTION("FlushMultipathStaleDevices");
+    int result = 0;
+    try {
+        kzfi_pdk_4_4::CFiExecPipePosix pipe(1);
+        pipe.registerTraceLog(m_traceLog);
+        std::string release = kernelRelease();
+
+        std::string command = std::string("/sbin/") + "pidof" + " -x multipathd";
+        if (m_traceLog) {
+            m_traceLog->trace(
+                3,
+                "INFO: CLinuxDeviceDiscovery::FlushMultipathStaleDevices - calling command [%s].",
+                command.c_str());
+        }
+        std::vector<std::string> lines;
+        result = pipe.Exec(command, lines, "", 600, "", "", "");
+        if (result != 0) {
+            if (m_traceLog) {
+                m_traceLog->trace(1,
+                                  "INFO: CLinuxDeviceDiscovery::FlushMultipathStaleDevices - "
+                                  "command  [%s] failed  with output [%s]",
+                                  command.c_str(), joinLines(lines).c_str());
+            }
+            return result;
+        }
+        if (lines.empty()) {
+            if (m_traceLog) {
+                m_traceLog->trace(3,
+                                  "INFO: CLinuxDeviceDiscovery::FlushMultipathStaleDevices "
+                                  "multipathd daemon not running");
+            }
+            return 0;
+        }
+        if (m_traceLog) {
+            m_traceLog->trace(3,
+                              "INFO: CLinuxDeviceDiscovery::FlushMultipathStaleDevices multipath "
+                              "unused/stale device maps");
+        }
+        if (release.find("2.6") != 0 && release.find("2.4") != 0) {
+            if (m_traceLog) {
+                m_traceLog->trace(3, "INFO: OS not supported for FlushMultipathStaleDevices");
+            }
+            return result;
+        }
+        if (!isDirectory("/dev/mapper/")) {
+            return result;
+        }
+        std::string flush = std::string("/sbin/") + "multipath" + " -F";
+        if (m_traceLog) {
+            m_traceLog->trace(3,
+                              "INFO: CLinuxDeviceDiscovery::FlushMultipathStaleDevices Calling "
+                              "Multipath Stale Device Path Flushing command [%s].",
+                              flush.c_str());
+        }
+        std::vector<std::string> inUse;
+        int code = pipe.Exec(flush, inUse, "", 600, "", "", "");
+        if (code != 0) {
+            kzfi_pdk_4_4::CFiTraceLogPtr shared = kzfi_pdk_4_4::fiPluginTraceLog();
+            if (shared) {
+                shared->trace(
+                    2, "WARN: FlushMultipathStaleDevices - command [%s] executed with value [%d]",
+                    flush.c_str(), code);
+            }
+        }
+        // What the flush prints are the maps it could not remove because they are in use.
+        for (const std::string& line : inUse) {
+            std::string map = kzfi_pdk_4_4::CFiStringTool::trim(line, " \n\t\r");
+            if (m_traceLog) {
+                m_traceLog->trace(5, "INFO: Mapped Devices in use :%s", map.c_str());
+            }
+        }
+    } catch (...) {
+        if (m_traceLog) {
+            m_traceLog->trace(
+                2, "CLinuxDeviceDiscovery::FlushMultipathStaleDevices: Exception Occurred");
+        }
+    }
+    return result;
+}
