@@ -4,6 +4,7 @@
 
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -468,7 +469,9 @@ std::string SimHost::toJson() const
         root["commands"][command.first] =
             ordered{{"exit", command.second.exitCode}, {"output", command.second.output}};
     }
-    return root.dump(2) + "\n";
+    // Addresses on one line: "address": [3, 0, 0, 1].
+    static const std::regex address(R"re("address": \[\s*(\d+),\s*(\d+),\s*(\d+),\s*(\d+)\s*\])re");
+    return std::regex_replace(root.dump(2), address, "\"address\": [$1, $2, $3, $4]") + "\n";
 }
 
 }  // namespace simhost

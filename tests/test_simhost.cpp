@@ -6,8 +6,12 @@
 #include <gtest/gtest.h>
 #include <scsi/sg.h>
 #include <string.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -385,6 +389,91 @@ TEST_F(SimHostTest, CommandsAreScriptedOrNotFoundAndEverythingIsRecorded)
     EXPECT_TRUE(host.events().empty());
 }
 
+TEST_F(SimHostTest, NodesDirectoriesAndProgramsStatLikeTheirKind)
+{
+    host.addPowerPathDevice("emcpowera", "sdb");
+    host.addExecutable("/sbin/powermt");
+    host.addFile("/etc/iscsi/initiatorname.iscsi", "InitiatorName=iqn.x\n");
+    struct stat st;
+    ASSERT_EQ(0, host.stat("/dev/sdc", &st));
+    EXPECT_TRUE(S_ISBLK(st.st_mode));
+    EXPECT_EQ(makedev(8, 32), st.st_rdev);
+    ASSERT_EQ(0, host.stat("/dev/", &st));
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    ASSERT_EQ(0, host.stat("/etc/iscsi/initiatorname.iscsi", &st));
+    EXPECT_EQ(20, st.st_size);
+    EXPECT_EQ(0, host.access("/sbin/powermt", X_OK));
+    EXPECT_EQ(-1, host.access("/etc/iscsi/initiatorname.iscsi", X_OK));
+    EXPECT_EQ(-1, host.access("/bin/rescan-scsi-bus.sh", F_OK));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ((std::vector<std::string>{".", "..", "emcpowera", "sdb", "sdc", "sdf"}),
+              listing(host, "/dev"));
+}
+
+TEST_F(SimHostTest, EchoIntoAMissingControlFileFailsLikeTheShell)
+{
+    EXPECT_EQ(2 << 8, host.system("/bin/echo \"1\" > /sys/class/fc_host/host4/issue_lip"));
+    EXPECT_TRUE(host.writesTo("/sys/class/fc_host/host4/issue_lip").empty());
+    EXPECT_EQ(0, host.system("echo 1 >> /sys/class/fc_host/host3/issue_lip"));
+    ASSERT_EQ(1u, host.writesTo("/sys/class/fc_host/host3/issue_lip").size());
+    EXPECT_EQ("1\n", host.writesTo("/sys/class/fc_host/host3/issue_lip")[0].data);
+}
+
+TEST_F(SimHostTest, InstalledHostAnswersTheSystemInterface)
+{
+    {
+        simhost::SimHostInstall install(host);
+        EXPECT_EQ(&host, &kzfi_pdk_4_4::fiSystem());
+    }
+    EXPECT_EQ(&kzfi_pdk_4_4::fiRealSystem(), &kzfi_pdk_4_4::fiSystem());
+}
+
+TEST(SimHostKernel24, OldKernelFormatsAndNoSysfs)
+{
+    std::string error;
+    std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + "host24.json", error);
+    ASSERT_TRUE(host) << error;
+    std::string scsi = text(*host, "/proc/scsi/scsi");
+    EXPECT_EQ(0u, scsi.find("Attached devices:\n"
+                            "Host: scsi0 Channel: 00 Id: 00 Lun: 00\n"
+                            "  Vendor: SEAGATE  Model: ST336607LW       Rev: 0007\n"
+                            "  Type:   Direct-Access                    ANSI SCSI revision: 03\n"))
+        << scsi;
+    EXPECT_NE(std::string::npos,
+              text(*host, "/proc/partitions").find("   8     0   35843670 sda\n"));
+    EXPECT_EQ(std::vector<std::string>{"<missing>"}, listing(*host, "/sys/class/scsi_host"));
+    EXPECT_EQ((std::vector<std::string>{".", "..", "aic7xxx", "lpfc", "qla2300", "scsi"}),
+              listing(*host, "/proc/scsi"));
+    // The probe's add-single-device finds the latent LUN behind the Emulex adapter.
+    ASSERT_EQ(std::string::npos, scsi.find("Host: scsi3 Channel: 00 Id: 00 Lun: 01"));
+    ASSERT_TRUE(writeFile(*host, "/proc/scsi/scsi", "scsi add-single-device 3 0 0 1\n"));
+    EXPECT_NE(std::string::npos,
+              text(*host, "/proc/scsi/scsi").find("Host: scsi3 Channel: 00 Id: 00 Lun: 01"));
+    std::unique_ptr<SimHost> again = SimHost::fromJson(host->toJson(), error);
+    ASSERT_TRUE(again) << error;
+    EXPECT_EQ(DeviceState::Running, again->findDevice("sdg")->state);
+    EXPECT_EQ(DeviceState::Latent, again->findDevice("sdh")->state);
+}
+
+TEST(SimHostDatacenter, TypesOfEveryDeviceAndTheAdaptersFiles)
+{
+    std::string error;
+    std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + "datacenter.json", error);
+    ASSERT_TRUE(host) << error;
+    std::string scsi = text(*host, "/proc/scsi/scsi");
+    for (const char* line : {"  Type:   CD-ROM                           ANSI  SCSI revision: 05\n",
+                             "  Type:   Sequential-Access                ANSI  SCSI revision: 03\n",
+                             "  Vendor: DGC      Model: RAID 5           Rev: 0326\n"}) {
+        EXPECT_NE(std::string::npos, scsi.find(line)) << line;
+    }
+    EXPECT_NE(
+        std::string::npos,
+        text(*host, "/proc/scsi/qla2xxx/3").find("scsi-qla0-adapter-port=21000024ff2c3d4e;\n"));
+    EXPECT_EQ("0x10000000c9a1b2c3\n", text(*host, "/sys/class/fc_host/host4/port_name"));
+    EXPECT_NE(std::string::npos,
+              text(*host, "/proc/partitions").find(" 253        0   52428800 dm-0\n"));
+}
+
 TEST(SimHostIdentity, UnameAndHostname)
 {
     SimHost host;
@@ -409,6 +498,22 @@ TEST(SimHostSnapshot, ExampleHostsLoadAndSurviveARoundTrip)
         ASSERT_TRUE(again) << name << ": " << error;
         EXPECT_EQ(host->toJson(), again->toJson()) << name;
     }
+}
+
+TEST(SimHostSnapshot, TheDocumentedExampleLoads)
+{
+    std::ifstream file(std::string(SCSITOOL_SOURCE_DIR) + "/docs/host-snapshot.md");
+    std::stringstream doc;
+    doc << file.rdbuf();
+    const std::string text = doc.str();
+    size_t start = text.find("```json\n");
+    ASSERT_NE(std::string::npos, start);
+    start += 8;
+    std::string error;
+    std::unique_ptr<SimHost> host =
+        SimHost::fromJson(text.substr(start, text.find("```", start) - start), error);
+    ASSERT_TRUE(host) << error;
+    EXPECT_EQ(1u, host->devices().size());
 }
 
 TEST(SimHostSnapshot, ModernHostHasNoProcScsi)

@@ -3,7 +3,7 @@
 // Every verdict is printed as "@@CHECK <name> PASS|FAIL <detail>"; the exit code is 0 when all
 // passed, 1 when one failed and 77 when the guest could not run on this machine.
 //
-// Usage: vm_check WORK DISKS_CONF GROUP   (GROUP: boot, sg3, map, pages, capture, lock)
+// Usage: vm_check WORK DISKS_CONF GROUP   (GROUP: boot, sg3, map, pages, capture, lock, rescan)
 #include <cctype>
 #include <cstdio>
 #include <fstream>
@@ -465,6 +465,17 @@ void checkCapture()
     verdict("capture_replay_same_map", guest == replay, replay.dump());
 }
 
+// The time stamp of the first trace line that holds `what` ("" when none does).
+std::string stampOf(const std::string& trace, const std::string& what)
+{
+    size_t at = trace.find(what);
+    if (at == std::string::npos)
+        return "";
+    size_t begin = trace.rfind('\n', at);
+    begin = begin == std::string::npos ? 0 : begin + 1;
+    return trace.substr(begin, 23);  // "2026-11-22 10:15:02.123"
+}
+
 void checkLock()
 {
     if (!scsitoolRan())
@@ -482,6 +493,57 @@ void checkLock()
         if (parseJson(std::string(run) + ".json", j))
             verdict(std::string(run) + "_same_map", j == guest, j.dump());
     }
+    // Each run holds the host-wide lock from "Got the lock ." to "Releasing the lock ."; the two
+    // spans must not overlap.
+    std::string t1 = text("lock1.trace"), t2 = text("lock2.trace");
+    std::string got1 = stampOf(t1, "Got the lock ."), rel1 = stampOf(t1, "Releasing the lock .");
+    std::string got2 = stampOf(t2, "Got the lock ."), rel2 = stampOf(t2, "Releasing the lock .");
+    bool traced = !got1.empty() && !rel1.empty() && !got2.empty() && !rel2.empty();
+    verdict("lock_spans_apart", traced && (rel1 <= got2 || rel2 <= got1),
+            "run 1 held it " + got1 + " .. " + rel1 + ", run 2 " + got2 + " .. " + rel2);
+}
+
+void checkRescan()
+{
+    if (!scsitoolRan())
+        return;
+    verdict("rescan_exit", text("rescan.rc") == "0",
+            "exit " + text("rescan.rc") + " " + text("rescan.err"));
+    std::string before, after = text("rescan.devices");
+    for (const std::string& dev : guestDevices())
+        if (dev != "mpatha")
+            before += " /dev/" + dev;
+    verdict("rescan_kept_every_disk", after == before,
+            "before [" + before + "] after [" + after + "]");
+    std::string trace = text("rescan.trace");
+    for (const std::string& dev : guestDevices()) {
+        if (dev == "mpatha")
+            continue;
+        std::vector<std::string> a = split(text(dev + ".hctl"), ':');
+        if (a.size() != 4)
+            continue;
+        std::string match = "INFO: found match comparing devices a[" + a[0] + "," + a[0] + "] b[" +
+                            a[1] + "," + a[1] + "] t[" + a[2] + "," + a[2] + "] l[" + a[3] + "," +
+                            a[3] + "]";
+        verdict("rescan_matched_" + dev, trace.find(match) != std::string::npos, match);
+    }
+    verdict("rescan_removed_nothing", trace.find("INFO: removing device") == std::string::npos,
+            "no \"INFO: removing device\" in the trace");
+    // The disks keep their entries; records whose query failed may leave the map on this path.
+    nlohmann::json guest, rescan;
+    if (!parseJson("map.json", guest) || !parseJson("rescan.json", rescan))
+        return;
+    std::string differ;
+    for (const auto& e : guest) {
+        if (e.value("DeviceName", "") == "/dev/mapper/control")
+            continue;
+        bool found = false;
+        for (const auto& r : rescan)
+            found = found || r == e;
+        if (!found)
+            differ += " " + e.value("DeviceName", "");
+    }
+    verdict("rescan_same_disks_in_map", differ.empty(), "changed or missing:" + differ);
 }
 
 }  // namespace
@@ -512,6 +574,8 @@ int main(int argc, char** argv)
         checkCapture();
     else if (group == "lock")
         checkLock();
+    else if (group == "rescan")
+        checkRescan();
     else {
         std::cerr << "vm_check: unknown group " << group << "\n";
         return 2;
