@@ -594,6 +594,14 @@ struct dirent* SimHost::readdir(void* dir)
     return &handle->entries[handle->next++];
 }
 
+void SimHost::State::closeDirectories()
+{
+    for (void* dir : dirs) {
+        delete static_cast<DirectoryHandle*>(dir);
+    }
+    dirs.clear();
+}
+
 int SimHost::closedir(void* dir)
 {
     if (!m_state->dirs.erase(dir)) {

@@ -87,6 +87,7 @@ struct SimHost::State {
     // SCSI commands (devices.cpp).
     int sgIo(SimDevice* device, void* header, std::vector<Bytes>& sent);
     std::set<void*> dirs;  // open directory handles
+    void closeDirectories();
 
     // Commands (commands.cpp).
     int run(const std::string& command, std::vector<std::string>& output, bool shell);

@@ -237,6 +237,21 @@ TEST_F(SimHostTest, SgIoAnswersTheVendorCommandWithinTheCallersBuffer)
     EXPECT_EQ(0, header.resid);
     EXPECT_EQ(Bytes(cdb, cdb + 10), host.cdbsSent("/dev/sdb").back());
 
+    // INQUIRY through SG_IO: a rejected page comes back as CHECK CONDITION with sense data.
+    unsigned char inquiry[6] = {0x12, 1, 0x80, 0, 252, 0};
+    unsigned char sense[32] = {0};
+    header.cmd_len = 6;
+    header.cmdp = inquiry;
+    header.sbp = sense;
+    header.mx_sb_len = 16;
+    ASSERT_EQ(0, host.ioctl(fd, 0x2285, &header));
+    EXPECT_EQ(2, header.status);
+    EXPECT_EQ(16, header.sb_len_wr);
+    EXPECT_EQ(0x05, sense[2]);
+    EXPECT_EQ(0, sense[16]);  // cut to mx_sb_len
+    header.cmd_len = 10;
+    header.cmdp = cdb;
+
     int other = host.open("/dev/sdc", O_RDONLY);  // no vendor command
     errno = 0;
     EXPECT_EQ(-1, host.ioctl(other, 0x2285, &header));
@@ -409,7 +424,16 @@ TEST_F(SimHostTest, NodesDirectoriesAndProgramsStatLikeTheirKind)
     EXPECT_EQ(-1, host.access("/etc/iscsi/initiatorname.iscsi", X_OK));
     EXPECT_EQ(-1, host.access("/bin/rescan-scsi-bus.sh", F_OK));
     EXPECT_EQ(ENOENT, errno);
-    EXPECT_EQ((std::vector<std::string>{".", "..", "emcpowera", "sdb", "sdc", "sdf"}),
+    // Control files are write-only; the kernel's tables read-only; snapshot files take writes.
+    EXPECT_EQ(nullptr, host.fopen("/sys/class/scsi_host/host3/scan", "r"));
+    EXPECT_EQ(EACCES, errno);
+    EXPECT_EQ(nullptr, host.fopen("/proc/partitions", "w"));
+    ASSERT_TRUE(writeFile(host, "/etc/iscsi/initiatorname.iscsi", "#more\n"));
+    EXPECT_EQ("InitiatorName=iqn.x\n#more\n", text(host, "/etc/iscsi/initiatorname.iscsi"));
+    host.setDeviceMapper(true);
+    ASSERT_EQ(0, host.stat("/dev/mapper/control", &st));
+    EXPECT_TRUE(S_ISCHR(st.st_mode));
+    EXPECT_EQ((std::vector<std::string>{".", "..", "emcpowera", "mapper", "sdb", "sdc", "sdf"}),
               listing(host, "/dev"));
 }
 
