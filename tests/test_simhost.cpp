@@ -15,6 +15,9 @@
 #include <string>
 #include <vector>
 
+#include "device_scsi_data.h"
+#include "device_udid_generator.h"
+#include "scsitool.h"
 #include "simhost.h"
 
 using simhost::Bytes;
@@ -474,6 +477,67 @@ TEST(SimHostDatacenter, TypesOfEveryDeviceAndTheAdaptersFiles)
               text(*host, "/proc/partitions").find(" 253        0   52428800 dm-0\n"));
 }
 
+// The first claiming generator's UDID of a node, or the message id it throws.
+std::string udidOf(const std::string& node)
+{
+    // Generators live for the process, as the factory keeps them.
+    static std::vector<CUdidGenerator*>* table =
+        new std::vector<CUdidGenerator*>(createUdidGeneratorTable());
+    CScsiDeviceData record(node, "", "dbhost01", 0, 0, 0, -1, "", "", "", 0);
+    CScsiTool tool;
+    if (tool.UpdateDevice(&record) != 0) {
+        return "not a disk";
+    }
+    for (CUdidGenerator* generator : *table) {
+        if (generator->claimDevice(&record)) {
+            try {
+                std::string body = generator->getUniqueDeviceID(&record);
+                return generator->getUniqueDeviceIDPrefix(&record) + body;
+            } catch (const CUdidGeneratorException& error) {
+                return error.m_messageId;
+            }
+        }
+    }
+    return "unclaimed";
+}
+
+TEST(SimHostDatacenter, EveryArrayFamilyGetsItsUdid)
+{
+    std::string error;
+    std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + "datacenter.json", error);
+    ASSERT_TRUE(host) << error;
+    simhost::SimHostInstall install(*host);
+    const std::pair<const char*, const char*> expected[] = {
+        {"/dev/sda",
+         "UDID##ATA##ST3500418AS##008300200201001c415441202020202053543335303034313841"
+         "532039564d5132414243"},
+        {"/dev/sr0", "not a disk"},
+        {"/dev/st0", "not a disk"},
+        {"/dev/sdb",
+         "UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3a:b1:1e:00:4c:8f:5e:59:72:c3:e0:11"},
+        {"/dev/sdc", "UDID##EMC##SYMMETRIX##000001879014##0A3F"},
+        {"/dev/sdd", "UDID##IBM##TOTALSTORAGE##IBM.2107-7512345##1a2b"},
+        {"/dev/sde", "UDID##HP##HSV##5000-1FE1-5005-ABCD##6005-08B4-0010-1234-0000-A000-0123-0000"},
+        {"/dev/sdf", "UDID##HP##XP##10057##1234"},
+        {"/dev/sdg", "UDID##HP##3PAR##1234567##50002AC000010ABC"},
+        {"/dev/sdh", "UDID##HITACHI##HDS##1234##18"},
+        {"/dev/sdi",
+         "UDID##ENGENIO##UNIVERSAL##600a0b8000112233000000004a5b6c7d##"
+         "600A0B8000112233000004D24A5B6C7D"},
+        {"/dev/sdj", "UDID##NETAPP##LUN##1234567890##50334f6f473457564c783452"},
+        {"/dev/sdk", "UDID##FUJITSU##ETERNUS##4321ABCD##600000E00D0000000001234500010000"},
+        {"/dev/sdl", "UDID##ACME##BIG_DISK_2##0083001401030010600123456789abcdef0123456789abcd"},
+        {"/dev/sdm", "MSG_UDID_ERROR_INVALID_SCSI_DEVICE_DATA"},
+        {"/dev/sdn", "not a disk"},  // unresponsive
+        {"/dev/mapper/mpatha",
+         "UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3a:b1:1e:00:4c:8f:5e:59:72:c3:e0:11"},
+        {"/dev/emcpowera", "UDID##EMC##SYMMETRIX##000001879014##0A3F"},
+    };
+    for (const auto& entry : expected) {
+        EXPECT_EQ(entry.second, udidOf(entry.first)) << entry.first;
+    }
+}
+
 TEST(SimHostIdentity, UnameAndHostname)
 {
     SimHost host;
@@ -566,6 +630,12 @@ TEST(SimHostSnapshot, BadSnapshotsAreRejectedWithOneMessage)
         {"{" + head + ", \"devices\": [" + sdb +
              R"(], "multipath_maps": [{"name": "mpatha", "device": "sdz"}]})",
          "multipath_maps[0].device: unknown device sdz"},
+        {"{" + head +
+             R"(, "devices": [{"name": "sdb", "address": [0, 0, 1, 0], "inquiry": "00", "partitions": ["sdc1"]}]})",
+         "devices[0].partitions[0]: sdc1 is not a partition of sdb"},
+        {"{" + head + ", \"devices\": [" + sdb +
+             R"(], "powerpath": [{"name": "sdb", "device": "sdb"}]})",
+         "powerpath[0].name: node /dev/sdb is a device's node"},
         {"{" + head + R"(, "devices": [], "adapters": [{"host": -1, "driver": "lpfc"}]})",
          "adapters[0].host: expected an integer from 0 to 65535"},
         {"{" + head + R"(, "devices": [], "commands": {"/bin/x": {"exit": "0"}}})",
