@@ -59,8 +59,9 @@ std::string CUDIDFactory::getUniqueDeviceID(CScsiDeviceData* device)
             return udid;
         } catch (const CUdidGeneratorException& e) {
             if (m_traceLog) {
-                m_traceLog->trace(2, "WARNING: getUniqueDeviceID caught exception: [%s],skipping device.",
-                                  joinException(e).c_str());
+                m_traceLog->trace(
+                    2, "WARNING: getUniqueDeviceID caught exception: [%s],skipping device.",
+                    joinException(e).c_str());
             }
         }
     }
@@ -74,8 +75,9 @@ std::string CUDIDFactory::mapEntryUdid(CScsiDeviceData* device)
         udid = getUniqueDeviceID(device);
     } catch (const CUdidGeneratorException& e) {
         if (m_traceLog) {
-            m_traceLog->trace(2, "WARNING: Caught CUdidGeneratorException [%s]: %s assigned empty UDID",
-                              joinException(e).c_str(), device->m_deviceName.c_str());
+            m_traceLog->trace(
+                2, "WARNING: Caught CUdidGeneratorException [%s]: %s assigned empty UDID",
+                joinException(e).c_str(), device->m_deviceName.c_str());
         }
         return std::string();
     }
@@ -88,8 +90,8 @@ std::string CUDIDFactory::mapEntryUdid(CScsiDeviceData* device)
 }
 
 std::map<std::string, SDeviceInfo> CUDIDFactory::enumerateDeviceMap(bool rescanBuses,
-                                                                     bool busScanFlag,
-                                                                     bool removeLun0)
+                                                                    bool busScanFlag,
+                                                                    bool removeLun0)
 {
     std::vector<CScsiDeviceData*> devices =
         m_discovery.rescan(rescanBuses, busScanFlag, removeLun0);
@@ -169,8 +171,9 @@ void CUDIDFactory::traceMissing(const char* deviceName)
     if (!m_traceLog) {
         return;
     }
-    m_traceLog->trace(2, "CUDIDFactory::getCachedUniqueDeviceID() Device %s not found, map contents are:",
-                      deviceName);
+    m_traceLog->trace(
+        2, "CUDIDFactory::getCachedUniqueDeviceID() Device %s not found, map contents are:",
+        deviceName);
     for (const auto& item : m_deviceMap) {
         m_traceLog->trace(2, "\t\t[%s] : [%s]\n", item.first.c_str(), item.second.Uid.c_str());
     }
@@ -188,7 +191,8 @@ std::string CUDIDFactory::getCachedUniqueDeviceID(const char* deviceName, bool r
     bool fresh = false;
     if (m_deviceMap.empty()) {
         if (m_traceLog) {
-            m_traceLog->trace(6, "CUDIDFactory::getCachedUniqueDeviceID() Device map is empty, re-enumerating.");
+            m_traceLog->trace(
+                6, "CUDIDFactory::getCachedUniqueDeviceID() Device map is empty, re-enumerating.");
         }
         m_deviceMap = enumerateDeviceMap(false, false, false);
         fresh = true;
