@@ -1,5 +1,7 @@
 #include "device_udid_factory.h"
 
+#include <mutex>
+
 #include "stringtool.h"
 
 using kzfi_pdk_4_4::CFiTraceLogPtr;
@@ -17,12 +19,22 @@ std::string joinException(const CUdidGeneratorException& e)
     return e.m_messageId + ":" + e.m_vendorId + ":" + e.m_productId;
 }
 
+// The generators a factory creates outlive it: they stay here, reachable, until the process ends.
+void keepForProcess(const std::vector<CUdidGenerator*>& generators)
+{
+    static std::mutex* guard = new std::mutex();
+    static std::vector<CUdidGenerator*>* kept = new std::vector<CUdidGenerator*>();
+    std::lock_guard<std::mutex> lock(*guard);
+    kept->insert(kept->end(), generators.begin(), generators.end());
+}
+
 }  // namespace
 
 CUDIDFactory::CUDIDFactory()
 {
     // The generators live for the life of the process: the destructor releases only the list.
     m_generators = createUdidGeneratorTable();
+    keepForProcess(m_generators);
 }
 
 CUDIDFactory::~CUDIDFactory() = default;
