@@ -74,6 +74,10 @@ struct SimHost::State {
 
     // The file tree (kernel_files.cpp).
     SimTree tree() const;
+    bool lookup(const std::string& normalPath, SimNode& node) const;  // false: no such path
+    // Visits the nodes under /dev until `visit` returns true; true when it did.
+    bool forEachDeviceNode(
+        const std::function<bool(const std::string&, const SimNode&)>& visit) const;
     std::string procScsiText() const;
     std::string procPartitionsText() const;
     void actOnWrite(const std::string& path, const std::string& data, bool append);
