@@ -165,8 +165,15 @@ TEST_F(SimHostTest, InquiryIsDecodedAndCutToTheSmallerOfAllocationAndOutputLengt
         const size_t end = 8 + c.expected.size();
         EXPECT_EQ(0xaa, command.buffer[end < 14 ? 14 : end]) << c.what << ": wrote past the cut";
     }
+    // Byte 3 is the high byte of the allocation length (SPC-3): 0x0100 lets 256 bytes through.
+    host.findDevice("sdb")->vpd[0x80] = Bytes(300, 0x33);
+    Command wide(0x01, 0x80, 0x00);
+    wide.buffer[8 + 3] = 0x01;
+    EXPECT_EQ(0, host.ioctl(fd, 1, wide.buffer));
+    EXPECT_EQ(0x33, wide.buffer[8 + 255]);
+    EXPECT_EQ(0xaa, wide.buffer[8 + 256]);
     std::vector<Bytes> sent = host.cdbsSent("/dev/sdb");
-    ASSERT_EQ(7u, sent.size());
+    ASSERT_EQ(8u, sent.size());
     EXPECT_EQ(bytes({0x12, 0x41, 0x83, 0, 252, 0}), sent[3]);
     EXPECT_EQ(sent, host.cdbsSent("sdb"));
     host.close(fd);
