@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "device_discovery.h"
 #include "device_scsi_data.h"
 #include "device_udid_generator.h"
 #include "scsitool.h"
@@ -566,6 +567,39 @@ TEST(SimHostDatacenter, EveryArrayFamilyGetsItsUdid)
     };
     for (const auto& entry : expected) {
         EXPECT_EQ(entry.second, udidOf(entry.first)) << entry.first;
+    }
+}
+
+// A rescan with bus rescanning replays each example host: latent LUNs are found by the 2.6
+// sysfs scans or the 2.4 probe, dead ones are dropped.
+TEST(SimHostExamples, RescanFindsTheLatentLunsOfEachHost)
+{
+    struct Case {
+        const char* file;
+        std::vector<std::string> devices;
+    } cases[] = {
+        {"datacenter.json",
+         {"/dev/emcpowera", "/dev/emcpowerb", "/dev/mapper/mpatha", "/dev/mapper/mpathb",
+          "/dev/sda", "/dev/sdb", "/dev/sdc", "/dev/sdd", "/dev/sde", "/dev/sdf", "/dev/sdg",
+          "/dev/sdh", "/dev/sdi", "/dev/sdj", "/dev/sdk", "/dev/sdl", "/dev/sdm", "/dev/sdo",
+          "/dev/sdp"}},
+        {"host24.json",
+         {"/dev/sda", "/dev/sdb", "/dev/sdc", "/dev/sdd", "/dev/sde", "/dev/sdf", "/dev/sdg",
+          "/dev/sdh"}},
+        {"modern.json", {"/dev/mapper/mpatha", "/dev/sda", "/dev/sdb"}},
+    };
+    for (const Case& c : cases) {
+        std::string error;
+        std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + c.file, error);
+        ASSERT_TRUE(host) << error;
+        simhost::SimHostInstall install(*host);
+        CLinuxDeviceDiscovery discovery;
+        std::vector<std::string> found;
+        for (CScsiDeviceData* record : discovery.rescan(true, false, false)) {
+            found.push_back(record->m_deviceName);
+            delete record;
+        }
+        EXPECT_EQ(c.devices, found) << c.file;
     }
 }
 
