@@ -324,6 +324,15 @@ TEST(Faults, GarbageConfigurationKeepsTheDefaults)
         {"=\n[[[]]]\n[]\n=x\n", 3, 8},
         {"", 3, 8},
         {"[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\n", 3, 12},  // the file is read at all
+        // A zero byte, a nameless value or a line over 4094 characters anywhere makes the whole
+        // file no configuration.
+        {std::string("[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\n\0\n", 47), 3, 8},
+        {"[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\n \t=5\n", 3, 8},
+        {"[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\n;" + std::string(4094, 'x') + "\n", 3, 8},
+        {"[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\n;" + std::string(4093, 'x') + "\n", 3,
+         12},
+        {"[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\nOPEN_DEVICE_RETRY_DELAY_IN_SEC=\n", 3,
+         12},
     };
     for (const Case& c : cases) {
         FILE* file = fopen(path.c_str(), "w");
