@@ -42,7 +42,7 @@ for target in "${targets[@]}"; do
     status=1
   fi
   elapsed=$(( $(date +%s) - start ))
-  last="$(grep -E '^#[0-9]+:? +.*cov: ' "$log" | tail -1)"
+  last="$(grep -E '^#[0-9]+:?[[:space:]]+.*cov: ' "$log" | tail -1)"
   execs="$(grep -E '^stat::number_of_executed_units:' "$log" | awk '{s += $2} END {print s + 0}')"
   [ "$execs" -gt 0 ] || execs="$(echo "$last" | sed -E 's/^#([0-9]+).*/\1/')"
   cov="$(echo "$last" | grep -oE 'cov: [0-9]+' | head -1)"

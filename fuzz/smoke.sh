@@ -16,10 +16,10 @@ for target in "${FUZZ_TARGETS[@]}"; do
   if build/fuzz/fuzz/"$target" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
       -dict="$(fuzz_dict "$target")" -artifact_prefix="$work/$target-" \
       "$work/$target" "fuzz/corpus/$target" >"$log" 2>&1; then
-    echo "fuzz: $target: $(grep -E '^#[0-9]+ +DONE' "$log" | tail -1)"
+    echo "fuzz: $target: $(grep -E '^#[0-9]+[[:space:]]+DONE' "$log" | tail -1)"
   else
     echo "fuzz: $target FAILED"
-    grep -v -E '^#[0-9]+ +(NEW|REDUCE|pulse)' "$log" | tail -60
+    grep -v -E '^#[0-9]+[[:space:]]+(NEW|REDUCE|pulse)' "$log" | tail -60
     for artifact in "$work/$target"-*; do
       [ -e "$artifact" ] || continue
       echo "fuzz: input $artifact ($(stat -c %s "$artifact") bytes):"
