@@ -1,32 +1,201 @@
 #include "scsitool.h"
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "fi_stringtool.h"
+#include "fi_system.h"
+
+using kzfi_pdk_4_4::CFiStringTool;
+using kzfi_pdk_4_4::fiSystem;
+
+namespace {
+
+const unsigned char kInquiry = 0x12;
+
+void putLittleEndian32(unsigned char* at, unsigned int value)
+{
+    for (int i = 0; i < 4; ++i) {
+        at[i] = static_cast<unsigned char>(value >> (8 * i));
+    }
+}
+
+}  // namespace
+
 CScsiTool::CScsiTool() {}
 
 CScsiTool::~CScsiTool() {}
 
-int CScsiTool::RemoveDevice(CScsiDeviceData*)
+int CScsiTool::GetModePageInfo(CScsiDeviceHandle& handle, CScsiDeviceData& device,
+                               const unsigned int& pageCode, unsigned int& length,
+                               unsigned int pageType, ScsiPagePtr& page)
 {
-    return SCSI_STATUS_FAILED;
+    if (m_traceLog) {
+        m_traceLog->trace(4, "libscsitool: DEBUG: Entering CScsiTool::GetModePageInfo()");
+    }
+    // A non-zero page code always names a VPD page.
+    unsigned char evpd = (pageType == 1 || pageCode != 0) ? 1 : 0;
+    unsigned char buffer[kCommandBufferSize];
+    std::memset(buffer, 0, sizeof(buffer));
+    length = 0;
+    try {
+        int fd = handle.open(device, false);
+
+        putLittleEndian32(buffer, 0);
+        putLittleEndian32(buffer + 4, kOutputLength);
+        unsigned char* cdb = buffer + kAnswerOffset;
+        cdb[0] = kInquiry;
+        cdb[1] = static_cast<unsigned char>((static_cast<unsigned int>(device.m_lun) << 5) | evpd);
+        cdb[2] = static_cast<unsigned char>(pageCode);
+        cdb[3] = 0;
+        cdb[4] = kAllocationLength;
+        cdb[5] = 0;
+        if (fiSystem().ioctl(fd, SCSITOOL_IOCTL_SEND_COMMAND, buffer) != 0) {
+            if (m_traceLog) {
+                m_traceLog->trace(
+                    1, "libscsitool: ERROR: ioctl(SCSI_IOCTL_SEND_COMMAN) for device %s ",
+                    device.m_deviceName.c_str());
+            }
+            return SCSI_STATUS_FAILED;
+        }
+
+        const unsigned char* answer = buffer + kAnswerOffset;
+        unsigned int size = evpd ? answer[3] + 4u : answer[4] + 5u;
+        // The device cannot have sent more than the allocation length of the CDB: a length byte
+        // that claims more is cut to the 252 bytes that may really have arrived (the buffer is
+        // zeroed, so a shorter transfer leaves zeroes, never stale bytes).
+        size = std::min(size, static_cast<unsigned int>(kAllocationLength));
+
+        unsigned char* bytes = new unsigned char[size];
+        std::memcpy(bytes, answer, size);
+        // A fresh holder replaces the caller's; an older page in it is released, not leaked.
+        page.reset(new AdapterAutoPtrArray<unsigned char>(bytes));
+        length = size;
+    } catch (...) {
+        if (m_traceLog) {
+            m_traceLog->trace(2, "GetModePageInfo: Exception Ocurred");
+        }
+        length = 0;
+        return SCSI_STATUS_FAILED;
+    }
+    if (m_traceLog) {
+        m_traceLog->trace(4, "libscsitool: DEBUG: Exiting CScsiTool::GetModePageInfo()");
+    }
+    return SCSI_STATUS_OK;
+}
+
+void CScsiTool::GetTargetLunPortInfo(CScsiDeviceHandle& handle, CScsiDeviceData& device)
+{
+    if (m_traceLog) {
+        m_traceLog->trace(4, "libscsitool: DEBUG: Entering CScsiTool::UpdateTargetLunPortInfo()");
+    }
+    try {
+        int fd = handle.open(device, false);
+        // The device word, then the host-unique id, which is not used.
+        unsigned int idlun[2] = {0, 0};
+        if (fiSystem().ioctl(fd, SCSITOOL_IOCTL_GET_IDLUN, idlun) == -1) {
+            if (m_traceLog) {
+                m_traceLog->trace(1,
+                                  "libscsitool: ERROR: CScsiTool::UpdateTargetLunPortInfo() "
+                                  "SCSI_IOCTL_GET_IDLUN IOCTL failed for device %s.",
+                                  device.m_deviceName.c_str());
+            }
+            throw static_cast<int>(SCSI_STATUS_FAILED);
+        }
+        unsigned int word = idlun[0];
+        device.m_port = static_cast<int>(word >> 24);
+        device.m_bus = (word >> 16) & 0xFF;
+        if (m_traceLog) {
+            m_traceLog->trace(4, "libscsitool: DEBUG: setting Bus number = %d", device.m_bus);
+        }
+        device.m_lun = static_cast<int>((word >> 8) & 0xFF);
+        if (m_traceLog) {
+            m_traceLog->trace(4, "libscsitool: DEBUG: setting LUN = %d", device.m_lun);
+        }
+        device.m_target = static_cast<int>(word & 0xFF);
+        if (m_traceLog) {
+            m_traceLog->trace(4, "libscsitool: DEBUG: setting Target = %d", device.m_target);
+            m_traceLog->trace(4,
+                              "libscsitool: DEBUG: Exiting CScsiTool::UpdateTargetLunPortInfo()");
+        }
+    } catch (...) {
+        if (m_traceLog) {
+            m_traceLog->trace(1,
+                              "libscsitool: ERROR: CScsiTool::UpdateTargetLunPortInfo() failed "
+                              "for device %s.",
+                              device.m_deviceName.c_str());
+        }
+        throw static_cast<int>(SCSI_STATUS_FAILED);
+    }
 }
 
 int CScsiTool::GetScsiDeviceCapacity(CScsiDeviceHandle&, CScsiDeviceData&)
 {
+    if (m_traceLog) {
+        m_traceLog->trace(4, "libscsitool: DEBUG: Entering CScsiTool::GetScsiDeviceCapacity()");
+        m_traceLog->trace(4, "libscsitool: DEBUG: Exiting CScsiTool::GetScsiDeviceCapacity()");
+    }
     return SCSI_STATUS_OK;
 }
 
-void CScsiTool::GetTargetLunPortInfo(CScsiDeviceHandle&, CScsiDeviceData&)
+int CScsiTool::RemoveDevice(CScsiDeviceData* device)
 {
-    throw static_cast<int>(SCSI_STATUS_FAILED);
+    if (device == nullptr || device->m_port == -1) {
+        if (m_traceLog) {
+            m_traceLog->trace(2, "RemoveDevice: Unknown device or adapter");
+        }
+        return SCSI_STATUS_FAILED;
+    }
+    char command[255];
+    std::snprintf(command, sizeof(command),
+                  "/bin/echo \"scsi remove-single-device %d %d %d %d\" >  /proc/scsi/scsi",
+                  device->m_port, static_cast<int>(device->m_bus), device->m_target, device->m_lun);
+    fiSystem().system(command);  // the kernel's answer is not visible here
+    return SCSI_STATUS_OK;
 }
 
-int CScsiTool::GetModePageInfo(CScsiDeviceHandle&, CScsiDeviceData&, const unsigned int&,
-                               unsigned int& length, unsigned int, ScsiPagePtr&)
+int CScsiTool::GetHostIQN(std::string& iqn)
 {
-    length = 0;
-    return SCSI_STATUS_FAILED;
-}
-
-int CScsiTool::GetHostIQN(std::string&)
-{
-    return SCSI_STATUS_FAILED;
+    static const char* const kInitiatorFile = "/etc/iscsi/initiatorname.iscsi";
+    static const char* const kBlanks = " \n\t\r";
+    if (m_traceLog) {
+        m_traceLog->trace(4, "libscsitool: DEBUG: Entering CScsiTool::GetHostIQN()");
+    }
+    if (fiSystem().access("/sbin/iscsiadm", F_OK) != 0) {
+        if (m_traceLog) {
+            m_traceLog->trace(
+                1,
+                "libscsitool: ERROR: iscsi-initiator-utils package is not installed on the host");
+        }
+        return SCSI_STATUS_FAILED;
+    }
+    FILE* file = fiSystem().fopen(kInitiatorFile, "r");
+    if (file == nullptr) {
+        if (m_traceLog) {
+            m_traceLog->trace(1, "Error: failed to open file [%s]", kInitiatorFile);
+        }
+        return 26;
+    }
+    char line[1024];
+    while (std::fgets(line, sizeof(line), file) != nullptr) {
+        std::vector<std::string> tokens = CFiStringTool::tokenize(line, "=");
+        if (tokens.empty() || !CFiStringTool::CompareNoCase(CFiStringTool::trim(tokens[0], kBlanks),
+                                                            "InitiatorName")) {
+            continue;
+        }
+        // "InitiatorName=" with nothing after it names no initiator: a later line may still.
+        std::string name =
+            tokens.size() < 2 ? std::string() : CFiStringTool::trim(tokens[1], kBlanks);
+        if (name.empty()) {
+            continue;
+        }
+        iqn = name;
+        break;
+    }
+    std::fclose(file);
+    return SCSI_STATUS_OK;
 }

@@ -1,0 +1,474 @@
+// The SCSI access layer against a small kernel model: device handle, INQUIRY and page cache,
+// the Linux commands, and the host's initiator identities.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "WWPN_discovery.h"
+#include "scsitool.h"
+#include "simhost.h"
+#include "trace_capture.h"
+
+namespace {
+
+typedef std::vector<unsigned char> Bytes;
+
+// The simulated host, with a record of what only the system interface sees: open flags,
+// closed descriptors and the length words of every command buffer. With `zeroFd` the next
+// successful open hands out descriptor 0.
+class Host : public simhost::SimHost {
+public:
+    int open(const char* path, int flags) override
+    {
+        lastFlags = flags;
+        int fd = SimHost::open(path, flags);
+        if (fd >= 0 && zeroFd) {
+            zeroFd = false;
+            return 0;
+        }
+        return fd;
+    }
+    int close(int fd) override
+    {
+        closed.push_back(fd);
+        return SimHost::close(fd);
+    }
+    int ioctl(int fd, unsigned long request, void* arg) override
+    {
+        if (request == SCSITOOL_IOCTL_SEND_COMMAND) {
+            lengths.push_back(
+                Bytes(static_cast<unsigned char*>(arg), static_cast<unsigned char*>(arg) + 8));
+        }
+        return SimHost::ioctl(fd, request, arg);
+    }
+    std::vector<int> closed;
+    std::vector<Bytes> lengths;
+    int lastFlags = 0;
+    bool zeroFd = false;
+};
+
+// A standard INQUIRY of `size` bytes of a direct-access disk.
+Bytes inquiry(size_t size)
+{
+    Bytes b(size, 0);
+    b[4] = static_cast<unsigned char>(size - 5);
+    std::string text = "ACME    Disk            01  ";
+    for (size_t i = 0; i < text.size() && 8 + i < size; ++i)
+        b[8 + i] = text[i];
+    return b;
+}
+
+Bytes vpd(unsigned char code, const Bytes& body)
+{
+    Bytes b(4 + body.size(), 0);
+    b[1] = code;
+    b[3] = static_cast<unsigned char>(body.size());
+    for (size_t i = 0; i < body.size(); ++i)
+        b[4 + i] = body[i];
+    return b;
+}
+
+CScsiDeviceData record(const std::string& name, int lun = 0, int port = -1)
+{
+    return CScsiDeviceData(name, "", "host", 0, 0, lun, port, "", "", "", 0);
+}
+
+struct ScsiAccess : ::testing::Test {
+    Host host;
+    simhost::SimHostInstall install{host};
+    TraceCapture trace;
+    CScsiTool tool;
+    ScsiAccess() { tool.registerTraceLog(trace.log()); }
+    // A disk (made afresh when known) listing pages 0x00, 0x80 and 0x83 (and answering 0xC0
+    // unlisted).
+    simhost::SimDevice& disk(const std::string& name = "sda")
+    {
+        simhost::SimDevice d;
+        d.name = name;
+        d.inquiry = inquiry(36);
+        d.vpd[0x00] = vpd(0x00, {0x00, 0x80, 0x83});
+        d.vpd[0x80] = vpd(0x80, {'S', 'N', '1'});
+        d.vpd[0x83] = vpd(0x83, {1, 3, 0, 8, 0x60, 5, 0x0A, 0, 0, 0, 0, 1});
+        d.vpd[0xC0] = vpd(0xC0, {1});
+        simhost::SimDevice* known = host.findDevice(name);
+        return known ? (*known = d) : host.addDevice(d);
+    }
+    // One INQUIRY through a fresh handle.
+    int query(CScsiDeviceData& dev, unsigned int code, unsigned int type, unsigned int& length,
+              ScsiPagePtr& page)
+    {
+        CScsiDeviceHandle handle;
+        return tool.GetModePageInfo(handle, dev, code, length, type, page);
+    }
+};
+
+// ---- device handle
+
+TEST_F(ScsiAccess, FailedOpenReportsOnceWithoutThrowAndTwiceWhenThrowing)
+{
+    const std::string warning =
+        "ERROR: CScsiDeviceHandle::openDevice() Invalid device handle [0xffffffff] for "
+        "[/dev/sdx], errno [2] throwing";
+    CScsiDeviceData missing = record("/dev/sdx");
+    CScsiDeviceHandle handle(trace.log());
+    EXPECT_EQ(-1, handle.open(missing, true));
+    EXPECT_EQ(-1, handle.getDescriptor());
+    EXPECT_EQ(std::vector<std::string>{warning}, trace.at(2));
+    EXPECT_TRUE(trace.at(1).empty());
+
+    trace.clear();
+    int thrown = 0;
+    try {
+        handle.open(missing, false);
+    } catch (int e) {
+        thrown = e;
+    }
+    EXPECT_EQ(6, thrown);
+    EXPECT_EQ(std::vector<std::string>{warning}, trace.at(2));
+    EXPECT_EQ(std::vector<std::string>{"ERROR: CScsiDeviceHandle::openDevice() caught "
+                                       "unhandled exception."},
+              trace.at(1));
+}
+
+TEST_F(ScsiAccess, SecondOpenReusesTheDescriptorAndTheDestructorClosesIt)
+{
+    disk("sda");
+    disk("sdb");
+    CScsiDeviceData a = record("/dev/sda");
+    CScsiDeviceData b = record("/dev/sdb");
+    int fd = -1;
+    {
+        CScsiDeviceHandle handle(a);
+        fd = handle.getDescriptor();
+        EXPECT_EQ(fd, handle.open(b, false));
+        EXPECT_EQ("/dev/sda", handle.getDeviceName());
+        EXPECT_EQ(1, host.openCalls());
+        EXPECT_EQ(0x802, host.lastFlags);  // O_RDWR | O_NONBLOCK
+    }
+    EXPECT_EQ(std::vector<int>{fd}, host.closed);
+}
+
+TEST_F(ScsiAccess, DescriptorZeroIsClosedOnlyOnRequest)
+{
+    disk();
+    CScsiDeviceData a = record("/dev/sda");
+    host.zeroFd = true;
+    {
+        CScsiDeviceHandle handle(a);
+        EXPECT_EQ(0, handle.getDescriptor());
+    }
+    EXPECT_TRUE(host.closed.empty());
+    host.zeroFd = true;
+    CScsiDeviceHandle handle(a);
+    handle.closeDevice(-1);
+    EXPECT_TRUE(host.closed.empty());
+    handle.closeDevice(0);
+    EXPECT_EQ(std::vector<int>{0}, host.closed);
+    EXPECT_EQ(-1, handle.getDescriptor());
+}
+
+// ---- INQUIRY command
+
+TEST_F(ScsiAccess, InquiryCommandAndAnswerLength)
+{
+    disk();
+    struct Case {
+        unsigned int type, code;
+        int lun;
+        unsigned char cdb1;
+        unsigned int length;
+    } cases[] = {
+        {0, 0x00, 0, 0x00, 36},  // standard INQUIRY: byte 4 + 5
+        {1, 0x00, 0, 0x01, 7},   // supported pages: byte 3 + 4
+        {0, 0x83, 0, 0x01, 16},  // a non-zero page code forces EVPD
+        {0, 0x00, 2, 0x40, 36}, {1, 0x80, 2, 0x41, 7},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.code);
+        CScsiDeviceData dev = record("/dev/sda", c.lun);
+        unsigned int length = 99;
+        ScsiPagePtr page;
+        ASSERT_EQ(0, query(dev, c.code, c.type, length, page));
+        EXPECT_EQ(c.length, length);
+        EXPECT_EQ((Bytes{0, 0, 0, 0, 0xE0, 0x01, 0, 0}), host.lengths.back());
+        Bytes cdb = {0x12, c.cdb1, static_cast<unsigned char>(c.code), 0, 0xFC, 0};
+        EXPECT_EQ(cdb, host.cdbsSent("/dev/sda").back());
+    }
+}
+
+TEST_F(ScsiAccess, LengthByteThatClaimsTooMuchIsCutToTheAllocationLength)
+{
+    disk().vpd[0x80] = {0, 0x80, 0, 0xFF, 'A', 'B'};
+    CScsiDeviceData dev = record("/dev/sda");
+    unsigned int length = 0;
+    ScsiPagePtr page;
+    ASSERT_EQ(0, query(dev, 0x80, 1, length, page));
+    ASSERT_EQ(252u, length);
+    EXPECT_EQ('B', page->get()[5]);
+    EXPECT_EQ(0, page->get()[251]);  // never sent: the zeroed buffer
+}
+
+TEST_F(ScsiAccess, FailedInquiryReportsAndLeavesThePage)
+{
+    disk();
+    CScsiDeviceData dev = record("/dev/sda");
+    CScsiDeviceData missing = record("/dev/sdx");
+    unsigned int length = 7;
+    ScsiPagePtr page;
+    EXPECT_EQ(6, query(dev, 0xC8, 1, length, page));
+    EXPECT_EQ(0u, length);
+    EXPECT_FALSE(page);
+    EXPECT_TRUE(trace.has(1,
+                          "libscsitool: ERROR: ioctl(SCSI_IOCTL_SEND_COMMAN) for device "
+                          "/dev/sda "));
+    EXPECT_EQ(6, query(missing, 0, 0, length, page));
+    EXPECT_TRUE(trace.has(2, "GetModePageInfo: Exception Ocurred"));
+}
+
+// ---- SCSI address and removal
+
+TEST_F(ScsiAccess, IdlunWordFillsTheAddress)
+{
+    simhost::SimDevice& d = disk();
+    d.host = 3;
+    d.channel = 2;
+    d.lun = 1;
+    d.id = 5;  // the word 0x03020105
+    CScsiDeviceData dev = record("/dev/sda");
+    CScsiDeviceHandle handle;
+    tool.GetTargetLunPortInfo(handle, dev);
+    EXPECT_EQ(3, dev.m_port);
+    EXPECT_EQ(2u, dev.m_bus);
+    EXPECT_EQ(1, dev.m_lun);
+    EXPECT_EQ(5, dev.m_target);
+    std::vector<std::string> expected = {
+        "libscsitool: DEBUG: Entering CScsiTool::UpdateTargetLunPortInfo()",
+        "libscsitool: DEBUG: setting Bus number = 2", "libscsitool: DEBUG: setting LUN = 1",
+        "libscsitool: DEBUG: setting Target = 5",
+        "libscsitool: DEBUG: Exiting CScsiTool::UpdateTargetLunPortInfo()"};
+    EXPECT_EQ(expected, trace.at(4));
+}
+
+TEST_F(ScsiAccess, FailedIdlunThrowsAfterTwoErrors)
+{
+    disk().state = simhost::DeviceState::Unresponsive;
+    CScsiDeviceData dev = record("/dev/sda", 4, 9);
+    CScsiDeviceHandle handle;
+    EXPECT_THROW(tool.GetTargetLunPortInfo(handle, dev), int);
+    std::vector<std::string> expected = {
+        "libscsitool: ERROR: CScsiTool::UpdateTargetLunPortInfo() SCSI_IOCTL_GET_IDLUN IOCTL "
+        "failed for device /dev/sda.",
+        "libscsitool: ERROR: CScsiTool::UpdateTargetLunPortInfo() failed for device /dev/sda."};
+    EXPECT_EQ(expected, trace.at(1));
+    EXPECT_EQ(9, dev.m_port);
+    EXPECT_EQ(4, dev.m_lun);
+}
+
+TEST_F(ScsiAccess, RemoveDeviceWritesTheAddressToTheKernelList)
+{
+    CScsiDeviceData dev("/dev/sda", "", "host", 2, 0, 3, 1, "", "", "", 0);
+    CScsiDeviceData unknown = record("/dev/sdb");
+    EXPECT_EQ(0, tool.RemoveDevice(&dev));
+    EXPECT_EQ(6, tool.RemoveDevice(&unknown));
+    EXPECT_EQ(6, tool.RemoveDevice(nullptr));
+    EXPECT_EQ(std::vector<std::string>{"/bin/echo \"scsi remove-single-device 1 0 2 3\" >  "
+                                       "/proc/scsi/scsi"},
+              host.commandsRun());
+    EXPECT_EQ(std::vector<std::string>(2, "RemoveDevice: Unknown device or adapter"), trace.at(2));
+}
+
+// ---- filling a record
+
+TEST_F(ScsiAccess, UpdateDeviceCachesTheListedPagesInFixedOrder)
+{
+    disk();
+    CScsiDeviceData dev = record("/dev/sda");
+    ASSERT_EQ(0, tool.UpdateDevice(&dev));
+    std::vector<unsigned int> keys;
+    for (const auto& entry : dev.m_pageCache)
+        keys.push_back(entry.first);
+    EXPECT_EQ((std::vector<unsigned int>{0x00, 0x80, 0x83}), keys);  // 0xC0 is not listed
+    std::vector<int> codes;
+    for (const Bytes& cdb : host.cdbsSent("/dev/sda"))
+        codes.push_back(cdb[2]);
+    EXPECT_EQ((std::vector<int>{0x00, 0x00, 0x83, 0x80}), codes);
+    EXPECT_EQ(7u, dev.m_pageCache[0x80].getLength());
+    EXPECT_EQ("Linux", dev.m_operatingSystem);
+    EXPECT_EQ(1, host.openCalls());
+    EXPECT_EQ(1u, host.closed.size());
+
+    ASSERT_EQ(0, tool.UpdateDevice(&dev));
+    EXPECT_EQ((std::vector<unsigned int>{0x00, 0x80, 0x83, 0x00, 0x80, 0x83}),
+              dev.m_supportedPages);
+}
+
+TEST_F(ScsiAccess, UpdateDeviceRefusesWhatIsNotADisk)
+{
+    const std::string size =
+        "WARNING: UpdateStdInquiryString invalid SCSI inq page size, device may have been "
+        "removed.";
+    const std::string call =
+        "WARNING: CScsiToolBase::UpdateDevice() call to UpdateStdInquiryString for device "
+        "/dev/sda";
+    Bytes tape = inquiry(36);
+    tape[0] = 0x01;
+    struct Case {
+        Bytes inquiry;
+        simhost::DeviceState state;
+        std::vector<std::string> warnings;
+    } cases[] = {
+        {tape,
+         simhost::DeviceState::Running,
+         {"WARNING: UpdateStdInquiryString SCSI check for disk device error, device may have "
+          "been removed.",
+          call}},
+        {inquiry(31), simhost::DeviceState::Running, {size, call}},
+        {inquiry(36),
+         simhost::DeviceState::Gone,
+         {"ERROR: CScsiDeviceHandle::openDevice() Invalid device handle [0xffffffff] for "
+          "[/dev/sda], errno [6] throwing",
+          "GetModePageInfo: Exception Ocurred", size, call}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.warnings[0]);
+        trace.clear();
+        simhost::SimDevice& d = disk();
+        d.inquiry = c.inquiry;
+        d.state = c.state;
+        CScsiDeviceData dev = record("/dev/sda");
+        EXPECT_EQ(6, tool.UpdateDevice(&dev));
+        EXPECT_EQ(c.warnings, trace.at(2));
+    }
+    EXPECT_EQ(6, tool.UpdateDevice(static_cast<CScsiDeviceData*>(nullptr)));
+    EXPECT_TRUE(trace.has(2, "WARNING: CScsiToolBase::UpdateDevice() invalid SCSI device handle."));
+}
+
+TEST_F(ScsiAccess, InquiryStringsComeOnlyFromReceivedBytes)
+{
+    struct Case {
+        size_t size;
+        const char* firmware;
+    } cases[] = {
+        {36, "01  "},  // revision blanks are kept
+        {34, "01"},    // a short INQUIRY gives a short firmware level
+        {32, ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.size);
+        disk().inquiry = inquiry(c.size);
+        CScsiDeviceData dev = record("/dev/sda");
+        ASSERT_EQ(0, tool.UpdateDevice(&dev));
+        EXPECT_EQ("ACME", dev.m_vendorId);
+        EXPECT_EQ("Disk", dev.m_productId);
+        EXPECT_EQ(c.firmware, dev.m_firmwareLevel);
+        EXPECT_EQ(c.size, dev.m_pageCache[0].getLength());
+    }
+}
+
+// ---- initiator identities
+
+TEST(HostIdentity, HostIqn)
+{
+    struct Case {
+        bool tools;
+        const char* content;  // nullptr: no file
+        int result;
+        std::string iqn;
+        std::string error;
+    } cases[] = {
+        {true, "InitiatorName=iqn.x:host1\n", 0, "iqn.x:host1", ""},
+        {true, "# comment\ninitiatorname = iqn.x   \n", 0, "iqn.x", ""},
+        {true, "#InitiatorName=iqn.x\n", 0, "unchanged", ""},
+        {true, "InitiatorName=\nInitiatorName=iqn.y\n", 0, "iqn.y", ""},  // empty name skipped
+        {true, nullptr, 26, "unchanged",
+         "Error: failed to open file [/etc/iscsi/initiatorname.iscsi]"},
+        {false, "InitiatorName=iqn.x\n", 6, "unchanged",
+         "libscsitool: ERROR: iscsi-initiator-utils package is not installed on the host"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.iqn);
+        simhost::SimHost host;
+        simhost::SimHostInstall install(host);
+        TraceCapture trace;
+        CScsiTool tool;
+        tool.registerTraceLog(trace.log());
+        if (c.tools)
+            host.addExecutable("/sbin/iscsiadm");
+        if (c.content)
+            host.addFile("/etc/iscsi/initiatorname.iscsi", c.content);
+        std::string iqn = "unchanged";
+        EXPECT_EQ(c.result, tool.GetHostIQN(iqn));
+        EXPECT_EQ(c.iqn, iqn);
+        EXPECT_EQ(c.error.empty() ? std::vector<std::string>() : std::vector<std::string>{c.error},
+                  trace.at(1));
+    }
+}
+
+struct Wwpn : ::testing::Test {
+    simhost::SimHost host;
+    simhost::SimHostInstall install{host};
+    TraceCapture trace;
+    WWPN wwpn;
+    Wwpn() { wwpn.registerTraceLog(trace.log()); }
+    void adapter(int number, const std::string& driver, const std::string& procText,
+                 const std::string& portName)
+    {
+        host.addAdapter(simhost::SimAdapter{number, driver, procText, !portName.empty(), portName});
+    }
+};
+
+TEST_F(Wwpn, QlogicDriverFiles)
+{
+    adapter(1, "qla2xxx",
+            "QLogic PCI to Fibre Channel Host Adapter\nscsi-qla0-adapter-node=2000001b32000001;\n"
+            "scsi-qla0-adapter-port=2100001b32000001;\n",
+            "0x2100001b32000001");
+    adapter(2, "qla2xxx", "scsi-qla1-adapter-port = 2100001b32000002 ;\n", "");
+    EXPECT_EQ((std::vector<std::string>{"2100001b32000001", "2100001b32000002"}), wwpn.getWWPN());
+    EXPECT_EQ(std::vector<std::string>{"/bin/ls /proc/scsi/qla2xxx/"}, host.commandsRun());
+    EXPECT_TRUE(trace.has(3, "Reading file /proc/scsi/qla2xxx/1"));
+}
+
+TEST_F(Wwpn, EmptyDriverDirectoryKeepsSysfsOut)
+{
+    host.scriptCommand("/bin/ls /proc/scsi/qla2xxx/", simhost::SimCommandScript{0, {}});
+    adapter(4, "qla2xxx", "", "0x21000024ff2c3d4e");
+    EXPECT_TRUE(wwpn.getWWPN().empty());
+    EXPECT_EQ(std::vector<std::string>{"/bin/ls /proc/scsi/qla2xxx/"}, host.commandsRun());
+}
+
+TEST_F(Wwpn, SysfsOnlyHosts)
+{
+    adapter(4, "lpfc", "", "0x21000024ff2c3d4e");
+    EXPECT_EQ(std::vector<std::string>{"0x21000024ff2c3d4e"}, wwpn.getWWPN());
+    std::vector<std::string> expected = {"/bin/ls /proc/scsi/qla2xxx/",
+                                         "/bin/ls /proc/scsi/qla2300/", "/bin/ls /proc/scsi/lpfc/",
+                                         "/bin/ls /sys/class/fc_host/"};
+    EXPECT_EQ(expected, host.commandsRun());
+    EXPECT_EQ((std::vector<std::string>{"Error: command /bin/ls /proc/scsi/qla2xxx/ failed.\n",
+                                        "Error: command /bin/ls /proc/scsi/qla2300/ failed.\n",
+                                        "Error: command /bin/ls /proc/scsi/lpfc/ failed.\n"}),
+              trace.at(1));
+}
+
+TEST_F(Wwpn, ScsiHostLayoutsWithoutFcHost)
+{
+    // Both layouts under scsi_host; the newer one wins when both are there.
+    const std::string s = "/sys/class/scsi_host/";
+    for (int n = 0; n < 3; ++n)
+        adapter(n, "mptspi", "", "");
+    host.addFile(s + "host0/device/fc_host/host0/port_name", "0x10\n");
+    host.addFile(s + "host0/device/fc_host:host0/port_name", "0x11\n");
+    host.addFile(s + "host1/device/fc_host:host1/port_name", "0x20\n");
+    EXPECT_EQ((std::vector<std::string>{"0x10", "0x20"}), wwpn.getWWPN());
+    EXPECT_TRUE(trace.has(1, "Error: failed to open file " + s +
+                                 "host2/device/fc_host/host2/port_name and " + s +
+                                 "host2/device/fc_host:host2/port_name"));
+}
+
+}  // namespace
