@@ -20,6 +20,17 @@ simhost::SimDevice simDisk(const std::string& name, int host, int channel, int i
     return device;
 }
 
+simhost::SimAdapter simAdapter(int host, const std::string& driver, bool fcHost,
+                               const std::string& procText)
+{
+    simhost::SimAdapter adapter;
+    adapter.host = host;
+    adapter.driver = driver;
+    adapter.fcHost = fcHost;
+    adapter.procText = procText;
+    return adapter;
+}
+
 SharedLogCapture::SharedLogCapture() : m_log(fiPluginTraceLog()), m_sink(new CFiMemoryTraceSink())
 {
     m_log->setLevel(6);
@@ -44,4 +55,15 @@ std::vector<std::string> writtenTo(const simhost::SimHost& host, const std::stri
         data.push_back(event.data);
     }
     return data;
+}
+
+std::vector<std::string> allWrites(const simhost::SimHost& host)
+{
+    std::vector<std::string> writes;
+    for (const simhost::SimEvent& event : host.events()) {
+        if (event.kind == simhost::SimEvent::Write) {
+            writes.push_back(event.text + " " + event.data);
+        }
+    }
+    return writes;
 }
