@@ -211,6 +211,10 @@ TEST_F(ScsiAccess, LengthByteThatClaimsTooMuchIsCutToTheAllocationLength)
     ASSERT_EQ(252u, length);
     EXPECT_EQ('B', page->get()[5]);
     EXPECT_EQ(0, page->get()[251]);  // never sent: the zeroed buffer
+    // A second answer into the same holder releases the first page (the leak check sees it).
+    ASSERT_EQ(0, query(dev, 0x83, 1, length, page));
+    EXPECT_EQ(16u, length);
+    EXPECT_EQ(0x83, page->get()[1]);
 }
 
 TEST_F(ScsiAccess, FailedInquiryReportsAndLeavesThePage)

@@ -83,6 +83,6 @@ if [ -n "$scsitool" ] && [ -s "$work/out/capture.json" ]; then
   set -e
 fi
 end=$(date +%s)
-echo "build $((built - start)) s, boot and guest checks $((booted - built)) s, total $((end - start)) s" |
+echo "build $((built - start)) s, boot and guest checks $((booted - built)) s, unpack and replay $((end - booted)) s, total $((end - start)) s" |
   tee "$work/out/timing" >&2
 touch "$work/finished"

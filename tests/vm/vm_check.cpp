@@ -47,6 +47,15 @@ std::string text(const std::string& name)
     return t;
 }
 
+// An exit code file: its text without the line end.
+std::string exitCode(const std::string& name)
+{
+    std::string t = text(name);
+    while (!t.empty() && std::isspace(static_cast<unsigned char>(t.back())))
+        t.pop_back();
+    return t;
+}
+
 bool have(const std::string& name)
 {
     std::string t;
@@ -181,8 +190,7 @@ std::vector<std::string> mapPaths()
 
 // What the UDID of a device must be, worked out from the raw answers the guest's sg3-utils read.
 // Only the families the guest's disks are built for are known here. The Clariion disk has no
-// page 0xC0; an implementation may either fall through to page 0x80 for the array serial or give
-// the disk up to the default generator, so both forms are returned for it.
+// page 0xC0, so its array serial comes from page 0x80.
 std::vector<std::string> expectedUdids(const std::string& dev, const std::string& host)
 {
     Bytes inq = kept(bytes(dev + ".inquiry"), true);
@@ -225,7 +233,7 @@ std::vector<std::string> expectedUdids(const std::string& dev, const std::string
         std::string serial = field(p80, 4, 14);
         std::string wwn = hex(p83, 8, 16, false, ":");
         wwn.pop_back();
-        return {upper("UDID##DGC##CLARIION##" + serial + "##" + wwn), def};
+        return {upper("UDID##DGC##CLARIION##" + serial + "##" + wwn)};
     }
     return {def};
 }
@@ -322,7 +330,8 @@ void checkMap()
 {
     if (!scsitoolRan())
         return;
-    verdict("map_exit", text("map.rc") == "0", "exit " + text("map.rc") + " " + text("map.err"));
+    verdict("map_exit", exitCode("map.rc") == "0",
+            "exit " + exitCode("map.rc") + " " + text("map.err"));
     nlohmann::json map;
     if (!parseJson("map.json", map))
         return;
@@ -378,8 +387,9 @@ void checkPages()
     for (const std::string& dev : guestDevices()) {
         std::string name = "pages_" + dev;
         nlohmann::json show;
-        if (text(dev + ".show.rc") != "0") {
-            verdict(name, false, "exit " + text(dev + ".show.rc") + " " + text(dev + ".show.err"));
+        if (exitCode(dev + ".show.rc") != "0") {
+            verdict(name, false,
+                    "exit " + exitCode(dev + ".show.rc") + " " + text(dev + ".show.err"));
             continue;
         }
         if (!parseJson(dev + ".show.json", show))
@@ -455,10 +465,10 @@ void checkCapture()
 {
     if (!scsitoolRan())
         return;
-    verdict("capture_exit", text("capture.rc") == "0",
-            "exit " + text("capture.rc") + " " + text("capture.out"));
-    verdict("capture_replay_exit", text("replay.rc") == "0",
-            "exit " + text("replay.rc") + " " + text("replay.err"));
+    verdict("capture_exit", exitCode("capture.rc") == "0",
+            "exit " + exitCode("capture.rc") + " " + text("capture.out"));
+    verdict("capture_replay_exit", exitCode("replay.rc") == "0",
+            "exit " + exitCode("replay.rc") + " " + text("replay.err"));
     nlohmann::json guest, replay;
     if (!parseJson("map.json", guest) || !parseJson("replay.json", replay))
         return;
@@ -484,9 +494,7 @@ void checkLock()
     if (!parseJson("map.json", guest))
         return;
     for (const char* run : {"lock1", "lock2"}) {
-        std::string rc = text(std::string(run) + ".rc");
-        while (!rc.empty() && std::isspace(static_cast<unsigned char>(rc.back())))
-            rc.pop_back();
+        std::string rc = exitCode(std::string(run) + ".rc");
         verdict(std::string(run) + "_exit", rc == "0",
                 "exit " + rc + " " + text(std::string(run) + ".err"));
         nlohmann::json j;
@@ -507,8 +515,8 @@ void checkRescan()
 {
     if (!scsitoolRan())
         return;
-    verdict("rescan_exit", text("rescan.rc") == "0",
-            "exit " + text("rescan.rc") + " " + text("rescan.err"));
+    verdict("rescan_exit", exitCode("rescan.rc") == "0",
+            "exit " + exitCode("rescan.rc") + " " + text("rescan.err"));
     std::string before, after = text("rescan.devices");
     for (const std::string& dev : guestDevices())
         if (dev != "mpatha")
@@ -516,8 +524,15 @@ void checkRescan()
     verdict("rescan_kept_every_disk", after == before,
             "before [" + before + "] after [" + after + "]");
     std::string trace = text("rescan.trace");
+    // Kernels built without SCSI_PROC_FS (Debian's among them) have no /proc/scsi/scsi: the dead
+    // device pass then sees no kernel disk, says so, and must still remove nothing.
+    if (text("proc_scsi").empty()) {
+        verdict("rescan_no_proc_scsi_reported",
+                trace.find("failed to open /proc/scsi/scsi for reading.") != std::string::npos,
+                "this kernel has no /proc/scsi/scsi");
+    }
     for (const std::string& dev : guestDevices()) {
-        if (dev == "mpatha")
+        if (dev == "mpatha" || text("proc_scsi").empty())
             continue;
         std::vector<std::string> a = split(text(dev + ".hctl"), ':');
         if (a.size() != 4)
