@@ -1,308 +1,201 @@
-// Multipath discovery: which device-mapper and PowerPath nodes become pseudo-devices, the
-// commands the modules run and their messages, and the manager's module order and trace log.
+// Multipath discovery on the simulated host: which device-mapper and PowerPath nodes become
+// pseudo-devices, the commands the modules run and their messages, the manager's module order.
 #include <gtest/gtest.h>
-
-#include <cstring>
-#include <map>
-#include <set>
 
 #include "dmp_discovery_manager.h"
 #include "dmp_linux_device_mapper.h"
 #include "dmp_powerpath.h"
-#include "fi_system.h"
+#include "sim_disks.h"
 #include "trace_capture.h"
 
-using namespace kzfi_pdk_4_4;
+using Lines = std::vector<std::string>;
 
 namespace {
 
-// Just enough of a host for the modules: directory listings, existing paths, scripted commands.
-class FakeSystem : public CFiSystem {
-public:
-    struct Script {
-        int code;
-        std::vector<std::string> output;
-    };
-    std::map<std::string, std::vector<std::string>> directories;
-    std::set<std::string> paths;
-    std::map<std::string, Script> scripts;
-    std::vector<std::string> commands;
-
-    FakeSystem() : m_previous(fiInstallSystem(this)) {}
-    ~FakeSystem() override { fiInstallSystem(m_previous); }
-
-    void* opendir(const char* path) override
-    {
-        auto it = directories.find(path);
-        if (it == directories.end()) {
-            return nullptr;
-        }
-        m_listing = it->second;
-        m_next = 0;
-        return &m_listing;
-    }
-    struct dirent* readdir(void*) override
-    {
-        if (m_next >= m_listing.size()) {
-            return nullptr;
-        }
-        std::memset(&m_entry, 0, sizeof m_entry);
-        std::strncpy(m_entry.d_name, m_listing[m_next++].c_str(), sizeof m_entry.d_name - 1);
-        return &m_entry;
-    }
-    int closedir(void*) override { return 0; }
-    int stat(const char* path, struct stat* st) override
-    {
-        std::memset(st, 0, sizeof *st);
-        return paths.count(path) ? 0 : -1;
-    }
-    int exec(const std::string& command, std::vector<std::string>& output, unsigned long,
-             int& sysErrno) override
-    {
-        commands.push_back(command);
-        sysErrno = 0;
-        auto it = scripts.find(command);
-        if (it == scripts.end()) {
-            return 127;
-        }
-        output = it->second.output;
-        return it->second.code;
-    }
-
-private:
-    CFiSystem* m_previous;
-    std::vector<std::string> m_listing;
-    size_t m_next = 0;
-    struct dirent m_entry;
+struct Multipath : ::testing::Test {
+    simhost::SimHost host;
+    simhost::SimHostInstall install{host};
+    TraceCapture trace;
 };
 
-std::vector<std::string> keysOf(const DeviceMap& map)
+Lines keysOf(const DeviceMap& map)
 {
-    std::vector<std::string> keys;
+    Lines keys;
     for (const auto& entry : map) {
         keys.push_back(entry.first);
+        EXPECT_EQ(entry.second.dmpClaimLevel, 16) << entry.first;
+        EXPECT_EQ(entry.second.DeviceName, entry.first);
+        EXPECT_EQ(entry.second.Uid, "") << "an existing entry is overwritten";
     }
     return keys;
 }
 
 }  // namespace
 
-TEST(DeviceMapper, EntersWholeMapsTheControlNodeAndDotEntries)
+TEST_F(Multipath, DeviceMapperEntersWholeMapsTheControlNodeAndDotEntries)
 {
-    FakeSystem host;
-    host.directories["/dev/mapper/"] = {".",       "..",       "control", "mpatha",
-                                        "mpatha1", "mpathap1", "vg-lv",   "mpathb"};
-    TraceCapture capture;
+    for (const char* name : {"mpatha", "mpatha1", "mpathap1", "vg-lv", "mpathb"}) {
+        host.addMultipathMap(name);
+    }
     CDmpLinuxDeviceMapper mapper;
-    mapper.registerTraceLog(capture.log());
+    mapper.registerTraceLog(trace.log());
     DeviceMap map;
     map["/dev/mapper/mpathb"].Uid = "stale";
-
     EXPECT_EQ(mapper.enumerateDmpDevices(map), 0);
-
-    EXPECT_EQ(keysOf(map), (std::vector<std::string>{"/dev/mapper/.", "/dev/mapper/..",
-                                                     "/dev/mapper/control", "/dev/mapper/mpatha",
-                                                     "/dev/mapper/mpatha1", "/dev/mapper/mpathb"}));
-    for (const auto& entry : map) {
-        EXPECT_EQ(entry.second.dmpClaimLevel, 16) << entry.first;
-        EXPECT_EQ(entry.second.DeviceName, entry.first);
-        EXPECT_EQ(entry.second.Uid, "") << "an existing entry is overwritten";
-        EXPECT_TRUE(entry.second.NativePath.empty());
-    }
-    std::vector<std::string> info = capture.at(3);
+    EXPECT_EQ(keysOf(map),
+              (Lines{"/dev/mapper/.", "/dev/mapper/..", "/dev/mapper/control", "/dev/mapper/mpatha",
+                     "/dev/mapper/mpatha1", "/dev/mapper/mpathb"}));
+    Lines info = trace.at(3);
     ASSERT_EQ(info.size(), 1u + 8u + 6u);
     EXPECT_EQ(info[0], "INFO: readdir lines returned [8] devices.");
     EXPECT_EQ(info[1], "Working on device [/dev/mapper/.]");
     EXPECT_EQ(info[2], "INFO: adding device mapper multipath device to the map [/dev/mapper/.]");
-    EXPECT_TRUE(capture.has(3, "Working on device [/dev/mapper/mpathap1]"));
-    EXPECT_FALSE(capture.has(
-        3, "INFO: adding device mapper multipath device to the map [/dev/mapper/vg-lv]"));
-}
 
-TEST(DeviceMapper, MissingDirectoryGivesNothing)
-{
-    FakeSystem host;
-    TraceCapture capture;
-    CDmpLinuxDeviceMapper mapper;
-    mapper.registerTraceLog(capture.log());
-    DeviceMap map;
-    EXPECT_EQ(mapper.enumerateDmpDevices(map), 0);
+    // Without /dev/mapper/ there is nothing to enter.
+    host.setDeviceMapper(false);
+    trace.clear();
+    map.clear();
+    mapper.enumerateDmpDevices(map);
     EXPECT_TRUE(map.empty());
-    EXPECT_EQ(capture.at(3), std::vector<std::string>{"INFO: readdir lines returned [0] devices."});
+    EXPECT_EQ(trace.at(3), Lines{"INFO: readdir lines returned [0] devices."});
 }
 
-TEST(DeviceMapper, RescanRunsMultipathAndReportsItsOutputOnFailure)
+TEST_F(Multipath, DeviceMapperRescanReportsTheToolsOutputOnFailure)
 {
-    struct Case {
-        int code;
-        std::vector<std::string> output;
-        std::vector<std::string> errors;
-    } cases[] = {
-        {0, {"ignored"}, {}},
-        {1, {"no ", "paths"}, {"Failed to refresh devices with message ==>no paths."}},
-    };
-    for (const Case& c : cases) {
-        FakeSystem host;
-        host.scripts["/sbin/multipath -v0 "] = {c.code, c.output};
-        TraceCapture capture;
+    for (int code : {0, 1}) {
+        host.scriptCommand("/sbin/multipath -v0 ", {code, {"no ", "paths"}});
+        trace.clear();
         CDmpLinuxDeviceMapper mapper;
-        mapper.registerTraceLog(capture.log());
-        EXPECT_EQ(mapper.rescan(), c.code);
-        EXPECT_EQ(host.commands, std::vector<std::string>{"/sbin/multipath -v0 "});
-        EXPECT_EQ(capture.at(1), c.errors);
-        EXPECT_TRUE(capture.has(6, "calling command [/sbin/multipath -v0 ]."));
+        mapper.registerTraceLog(trace.log());
+        EXPECT_EQ(mapper.rescan(), code);
+        EXPECT_EQ(trace.at(1),
+                  code ? Lines{"Failed to refresh devices with message ==>no paths."} : Lines{});
+        EXPECT_TRUE(trace.has(6, "calling command [/sbin/multipath -v0 ]."));
     }
+    EXPECT_EQ(host.commandsRun(), Lines(2, "/sbin/multipath -v0 "));
 }
 
-TEST(PowerPath, EntersPseudoDevicesAndSkipsTheirPartitions)
+TEST_F(Multipath, PowerPathEntersPseudoDevicesAndSkipsTheirPartitions)
 {
-    FakeSystem host;
-    host.directories["/dev/"] = {"sda",      "emcpowera", "emcpowera1",
-                                 "emcpower", "emcpowerb", "emcpowerb12"};
-    TraceCapture capture;
+    for (const char* name : {"emcpowera", "emcpowera1", "emcpower", "emcpowerb12"}) {
+        host.addPowerPathDevice(name);
+    }
+    host.addDevice(simDisk("sda", 0, 0, 0, 0));
     CDmpPowerPathDiscovery powerPath;
-    powerPath.registerTraceLog(capture.log());
+    powerPath.registerTraceLog(trace.log());
     DeviceMap map;
     EXPECT_EQ(powerPath.enumerateDmpDevices(map), 0);
-    EXPECT_EQ(keysOf(map),
-              (std::vector<std::string>{"/dev/emcpower", "/dev/emcpowera", "/dev/emcpowerb"}));
-    EXPECT_EQ(map["/dev/emcpowera"].dmpClaimLevel, 16);
-    EXPECT_EQ(map["/dev/emcpowera"].DeviceName, "/dev/emcpowera");
-    EXPECT_EQ(capture.at(3), (std::vector<std::string>{
-                                 "INFO: enumerating devices using command [], lines returned [5]",
-                                 "INFO: adding powerpath device to the map [/dev/emcpowera]",
-                                 "INFO: adding powerpath device to the map [/dev/emcpower]",
-                                 "INFO: adding powerpath device to the map [/dev/emcpowerb]"}));
+    EXPECT_EQ(keysOf(map), (Lines{"/dev/emcpower", "/dev/emcpowera"}));
+    EXPECT_EQ(trace.at(3), (Lines{"INFO: enumerating devices using command [], lines returned [4]",
+                                  "INFO: adding powerpath device to the map [/dev/emcpower]",
+                                  "INFO: adding powerpath device to the map [/dev/emcpowera]"}));
 }
 
-TEST(PowerPath, WithoutTheToolOnlyWarns)
+TEST_F(Multipath, PowerPathRescanRunsAllFourCommandsWhateverTheirResults)
 {
-    FakeSystem host;
-    TraceCapture capture;
-    CDmpPowerPathDiscovery powerPath;
-    powerPath.registerTraceLog(capture.log());
-    EXPECT_EQ(powerPath.rescan(), 0);
-    EXPECT_TRUE(host.commands.empty());
-    EXPECT_EQ(
-        capture.at(2),
-        std::vector<std::string>{
-            "CDmpPowerPathDiscovery: WARNING: powermt command (/sbin/powermt) was not found."});
-    EXPECT_EQ(capture.at(3), std::vector<std::string>{
-                                 "CDmpPowerPathDiscovery: ExecuteEmcPowerPathCommands() called."});
-}
-
-TEST(PowerPath, RunsAllFourCommandsWhateverTheirResults)
-{
-    const std::vector<std::string> commands = {"/sbin/powermt check force dev=all class=all",
-                                               "/sbin/powermt release", "/sbin/powermt config",
-                                               "/sbin/powermt save"};
-    const std::vector<std::string> failures = {
+    const Lines commands = {"/sbin/powermt check force dev=all class=all", "/sbin/powermt release",
+                            "/sbin/powermt config", "/sbin/powermt save"};
+    const Lines failures = {
         "CDmpPowerPathDiscovery: removal of dead powerpath devices failed with message [ out0 ].",
         "CDmpPowerPathDiscovery: Linux powermt release failed, some emcpower devices may not "
         "have been reclaimed for later use, error message - [out1].",
         "CDmpPowerPathDiscovery: removal of dead powerpath devices failed with error [out2].",
         "CDmpPowerPathDiscovery: running powerpath save failed with error [ out3]."};
-    // Each case: which of the four commands fail.
-    const std::vector<std::vector<bool>> cases = {
-        {false, false, false, false}, {true, true, true, true}, {true, false, true, false}};
-    for (const std::vector<bool>& failing : cases) {
-        FakeSystem host;
-        host.paths.insert("/sbin/powermt");
-        std::vector<std::string> expectedFailures;
+    const Lines announcements = {
+        "CDmpPowerPathDiscovery: ExecuteEmcPowerPathCommands() called.",
+        "CDmpPowerPathDiscovery: removing dead powerpath devices",
+        "CDmpPowerPathDiscovery: running powermt release (Linux only) ",
+        "CDmpPowerPathDiscovery: running powermt config",
+        "CDmpPowerPathDiscovery: running powermt save",
+        "CDmpPowerPathDiscovery: ExecuteEmcPowerPathCommands() completed."};
+    CDmpPowerPathDiscovery powerPath;
+    powerPath.registerTraceLog(trace.log());
+    // Without the tool: one warning and nothing run.
+    EXPECT_EQ(powerPath.rescan(), 0);
+    EXPECT_TRUE(host.commandsRun().empty());
+    EXPECT_EQ(trace.at(2), Lines{"CDmpPowerPathDiscovery: WARNING: powermt command "
+                                 "(/sbin/powermt) was not found."});
+    EXPECT_EQ(trace.at(3), Lines{announcements[0]});
+
+    host.addExecutable("/sbin/powermt");
+    for (unsigned failing : {0u, 15u, 5u}) {  // bit i: command i fails
+        Lines expected;
         for (size_t i = 0; i < commands.size(); ++i) {
-            host.scripts[commands[i]] = {failing[i] ? 2 : 0, {"out" + std::to_string(i)}};
-            if (failing[i]) {
-                expectedFailures.push_back(failures[i]);
+            bool fails = failing & (1u << i);
+            host.scriptCommand(commands[i], {fails ? 2 : 0, {"out" + std::to_string(i)}});
+            if (fails) {
+                expected.push_back(failures[i]);
             }
         }
-        TraceCapture capture;
-        CDmpPowerPathDiscovery powerPath;
-        powerPath.registerTraceLog(capture.log());
+        host.clearEvents();
+        trace.clear();
         EXPECT_EQ(powerPath.rescan(), 0);
-        EXPECT_EQ(host.commands, commands);
-        EXPECT_EQ(capture.at(2), expectedFailures);
-        EXPECT_EQ(capture.at(3),
-                  (std::vector<std::string>{
-                      "CDmpPowerPathDiscovery: ExecuteEmcPowerPathCommands() called.",
-                      "CDmpPowerPathDiscovery: removing dead powerpath devices",
-                      "CDmpPowerPathDiscovery: running powermt release (Linux only) ",
-                      "CDmpPowerPathDiscovery: running powermt config",
-                      "CDmpPowerPathDiscovery: running powermt save",
-                      "CDmpPowerPathDiscovery: ExecuteEmcPowerPathCommands() completed."}));
+        EXPECT_EQ(host.commandsRun(), commands);
+        EXPECT_EQ(trace.at(2), expected) << failing;
+        EXPECT_EQ(trace.at(3), announcements);
     }
 }
 
 namespace {
 struct RecordingModule : CDmpDiscoveryBase {
-    std::string name;
-    std::vector<std::string>* calls;
-    RecordingModule(const std::string& n, std::vector<std::string>* c) : name(n), calls(c) {}
+    Lines calls;
     int enumerateDmpDevices(DeviceMap& map) override
     {
-        calls->push_back(name + " enumerate " + std::to_string(map.size()));
-        map["/dev/" + name].dmpClaimLevel = 16;
+        calls.push_back("enumerate " + std::to_string(map.size()));
+        map["/dev/extra"].dmpClaimLevel = 16;
         return 5;
     }
     int rescan() override
     {
-        calls->push_back(name + " rescan");
+        calls.push_back("rescan");
         return 7;
     }
 };
 }  // namespace
 
-TEST(DiscoveryManager, AsksPowerPathFirstThenDeviceMapper)
+TEST_F(Multipath, ManagerAsksPowerPathFirstThenDeviceMapper)
 {
-    FakeSystem host;
-    host.directories["/dev/"] = {"emcpowerc"};
-    host.directories["/dev/mapper/"] = {"mpatha"};
-    host.paths.insert("/sbin/powermt");
-    TraceCapture capture;
+    host.addPowerPathDevice("emcpowerc");
+    host.addMultipathMap("mpatha");
+    host.addExecutable("/sbin/powermt");
     CDmpDiscoveryManager manager;
-    ASSERT_EQ(manager.getDiscoveryModules().size(), 2u);
-    EXPECT_NE(dynamic_cast<CDmpPowerPathDiscovery*>(manager.getDiscoveryModules()[0]), nullptr);
-    EXPECT_NE(dynamic_cast<CDmpLinuxDeviceMapper*>(manager.getDiscoveryModules()[1]), nullptr);
+    const std::vector<CDmpDiscoveryBase*>& modules = manager.getDiscoveryModules();
+    ASSERT_EQ(modules.size(), 2u);
+    EXPECT_NE(dynamic_cast<CDmpPowerPathDiscovery*>(modules[0]), nullptr);
+    EXPECT_NE(dynamic_cast<CDmpLinuxDeviceMapper*>(modules[1]), nullptr);
 
-    manager.registerTraceLog(capture.log());
-    EXPECT_EQ(capture.at(3),
-              (std::vector<std::string>{"INFO: registering trace log on discovery module",
-                                        "INFO: registering trace log on discovery module"}));
-    for (CDmpDiscoveryBase* module : manager.getDiscoveryModules()) {
-        EXPECT_EQ(module->getTraceLog(), capture.log());
-    }
+    manager.registerTraceLog(trace.log());
+    EXPECT_EQ(trace.at(3), Lines(2, "INFO: registering trace log on discovery module"));
+    EXPECT_EQ(modules[1]->getTraceLog(), trace.log());
 
-    capture.clear();
+    trace.clear();
     DeviceMap map;
     EXPECT_EQ(manager.enumerateDmpDevices(map), 0);
-    EXPECT_EQ(keysOf(map), (std::vector<std::string>{"/dev/emcpowerc", "/dev/mapper/mpatha"}));
-    EXPECT_EQ(capture.at(3)[0],
+    EXPECT_EQ(map.count("/dev/emcpowerc") + map.count("/dev/mapper/mpatha"), 2u);
+    EXPECT_EQ(trace.at(3)[0],
               "INFO: CDmpDiscoveryManager::enumerateDmpDevices 2 modules registered");
-
     EXPECT_EQ(manager.rescan(), 0);
-    ASSERT_EQ(host.commands.size(), 5u);
-    EXPECT_EQ(host.commands.front(), "/sbin/powermt check force dev=all class=all");
-    EXPECT_EQ(host.commands.back(), "/sbin/multipath -v0 ");
+    Lines run = host.commandsRun();
+    ASSERT_EQ(run.size(), 5u);
+    EXPECT_EQ(run.front(), "/sbin/powermt check force dev=all class=all");
+    EXPECT_EQ(run.back(), "/sbin/multipath -v0 ");
 }
 
-TEST(DiscoveryManager, WithoutALogWritesNothingAndForwardsTheEmptyPointer)
+TEST_F(Multipath, ManagerWithoutALogWritesNothingAndForwardsTheEmptyPointer)
 {
-    FakeSystem host;
-    TraceCapture capture;
     CDmpDiscoveryManager manager;
-    std::vector<std::string> calls;
-    RecordingModule extra("extra", &calls);
-    extra.registerTraceLog(capture.log());
+    RecordingModule extra;
+    extra.registerTraceLog(trace.log());
     manager.registerDiscoveryModule(nullptr);
     EXPECT_EQ(manager.getDiscoveryModules().size(), 2u);
     manager.registerDiscoveryModule(&extra);
     ASSERT_EQ(manager.getDiscoveryModules().size(), 3u);
     EXPECT_TRUE(extra.getTraceLog().isNull()) << "a registered module takes the manager's log";
 
-    manager.registerTraceLog(CFiTraceLogPtr());
+    manager.registerTraceLog(kzfi_pdk_4_4::CFiTraceLogPtr());
     DeviceMap map;
     EXPECT_EQ(manager.enumerateDmpDevices(map), 0);
     EXPECT_EQ(manager.rescan(), 0) << "module results are not looked at";
-    EXPECT_EQ(calls, (std::vector<std::string>{"extra enumerate 0", "extra rescan"}));
-    EXPECT_EQ(keysOf(map), std::vector<std::string>{"/dev/extra"});
-    EXPECT_TRUE(capture.all().empty());
+    EXPECT_EQ(extra.calls, (Lines{"enumerate 0", "rescan"}));
+    EXPECT_TRUE(trace.all().empty());
 }

@@ -13,28 +13,8 @@
 #include <string>
 
 #include "device_discovery.h"
-#include "fi_system.h"
-
-using namespace kzfi_pdk_4_4;
 
 namespace {
-
-// No device, no multipath software, no command run.
-class QuietSystem : public CFiSystem {
-public:
-    QuietSystem() : m_previous(fiInstallSystem(this)) {}
-    ~QuietSystem() override { fiInstallSystem(m_previous); }
-    int stat(const char*, struct stat*) override { return -1; }
-    void* opendir(const char*) override { return nullptr; }
-    int exec(const std::string&, std::vector<std::string>&, unsigned long, int& e) override
-    {
-        e = 0;
-        return 127;
-    }
-
-private:
-    CFiSystem* m_previous;
-};
 
 // Discovery that runs `whileEnumerating` inside the locked part of a rescan.
 class HoldingDiscovery : public CLinuxDeviceDiscovery {
@@ -122,7 +102,6 @@ std::string concurrentRound()
 
 TEST(RescanLock, TwoProcessesRescanningAtOnceTakeTurns)
 {
-    QuietSystem host;
     // The set is host-wide and the first process to exit after a rescan removes it, so another
     // program on the host may remove it in the middle of a round; a round that was not
     // serialised is tried again, and two such rounds in a row are a fault.
@@ -135,7 +114,6 @@ TEST(RescanLock, TwoProcessesRescanningAtOnceTakeTurns)
 
 TEST(RescanLock, AProcessKilledWhileHoldingTheLockDoesNotKeepIt)
 {
-    QuietSystem host;
     int fds[2];
     ASSERT_EQ(pipe(fds), 0);
     pid_t holder = runChild([&]() {

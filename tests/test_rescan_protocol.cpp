@@ -5,30 +5,10 @@
 #include <string>
 
 #include "device_discovery.h"
-#include "fi_system.h"
+#include "simhost.h"
 #include "trace_capture.h"
 
-using namespace kzfi_pdk_4_4;
-
 namespace {
-
-// A host without multipath software on which no device node opens.
-class QuietSystem : public CFiSystem {
-public:
-    QuietSystem() : m_previous(fiInstallSystem(this)) {}
-    ~QuietSystem() override { fiInstallSystem(m_previous); }
-    int open(const char*, int) override { return -1; }
-    int stat(const char*, struct stat*) override { return -1; }
-    void* opendir(const char*) override { return nullptr; }
-    int exec(const std::string&, std::vector<std::string>&, unsigned long, int& e) override
-    {
-        e = 0;
-        return 127;
-    }
-
-private:
-    CFiSystem* m_previous;
-};
 
 // Discovery whose enumeration hands out records that fail their query, and which records the
 // steps of the protocol.
@@ -98,7 +78,8 @@ TEST(RescanProtocol, BusRescanOrFlushNeverBoth)
         {true, false, true, {"rescanScsiBus 0", "enumerate", "removeDeadDevices 2 1"}},
     };
     for (const Case& c : cases) {
-        QuietSystem host;
+        simhost::SimHost host;
+        simhost::SimHostInstall install(host);
         TraceCapture capture;
         ScriptedDiscovery discovery;
         discovery.registerTraceLog(capture.log());
@@ -133,7 +114,8 @@ TEST(RescanProtocol, BusRescanOrFlushNeverBoth)
 
 TEST(RescanProtocol, FailuresAreReportedAndTheLockIsReleased)
 {
-    QuietSystem host;
+    simhost::SimHost host;
+    simhost::SimHostInstall install(host);
     TraceCapture capture;
     ScriptedDiscovery discovery;
     discovery.registerTraceLog(capture.log());
@@ -162,7 +144,8 @@ TEST(RescanProtocol, FailuresAreReportedAndTheLockIsReleased)
 
 TEST(RescanProtocol, ValidationKeepsAFailedDeviceAndTakesNoLock)
 {
-    QuietSystem host;
+    simhost::SimHost host;
+    simhost::SimHostInstall install(host);
     TraceCapture capture;
     ScriptedDiscovery discovery;
     discovery.registerTraceLog(capture.log());
