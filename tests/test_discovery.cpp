@@ -1,6 +1,7 @@
 // Device enumeration on the simulated host: the kernel's SCSI list and its filters, whole-disk
 // names from /proc/partitions, and the records made for multipath and native devices.
 #include <gtest/gtest.h>
+#include <stdio.h>
 
 #include <string>
 #include <vector>
@@ -14,8 +15,20 @@ using simhost::DeviceState;
 
 namespace {
 
+// A host whose /proc/partitions can be given as text.
+struct Host : simhost::SimHost {
+    std::string partitions;
+    FILE* fopen(const char* path, const char* mode) override
+    {
+        if (partitions.empty() || std::string(path) != "/proc/partitions") {
+            return SimHost::fopen(path, mode);
+        }
+        return fmemopen(&partitions[0], partitions.size(), "r");
+    }
+};
+
 struct Enumeration : ::testing::Test {
-    simhost::SimHost host;
+    Host host;
     simhost::SimHostInstall install{host};
     TraceCapture trace;
     CLinuxDeviceDiscovery discovery;
@@ -118,14 +131,11 @@ TEST_F(Enumeration, WholeSdDiskNames)
 
 TEST_F(Enumeration, NativePathsAreWholeSdDisksCutToEightCharacters)
 {
-    simhost::SimDevice a = simDisk("sda", 0, 0, 0, 0);
-    a.partitions = {"sda1", "sda2"};
-    host.addDevice(a);
-    host.addDevice(simDisk("sdabcdefgh", 0, 0, 1, 0));
-    host.addDevice(simDisk("sdb", 0, 0, 2, 0));
-    host.addPowerPathDevice("emcpowera", "sda");
-    host.addMultipathMap("mpatha", "sdb");
-
+    host.partitions =
+        "major minor  #blocks  name\n\n"
+        "   8     0   10485760 sda\n   8     1    5242880 sda1\n   3     0    1000000 hda\n"
+        "   8    16   10485760 sdabcdefgh\n 120     0   10485760 emcpowera\n"
+        " 253     0   10485760 dm-0\n   8    32   10485760 sdb\n";
     EXPECT_EQ(discovery.enumerateNativeDevicePaths(),
               (std::vector<std::string>{"/dev/sda", "/dev/sdabcdef", "/dev/sdb"}));
     EXPECT_TRUE(trace.has(3, "INFO: reading /proc/partitions\n"));
