@@ -1,7 +1,6 @@
 // Device enumeration on the simulated host: the kernel's SCSI list and its filters, whole-disk
 // names from /proc/partitions, and the records made for multipath and native devices.
 #include <gtest/gtest.h>
-#include <stdio.h>
 
 #include <string>
 #include <vector>
@@ -15,20 +14,8 @@ using simhost::DeviceState;
 
 namespace {
 
-// A host whose /proc/partitions can be given as text.
-struct Host : simhost::SimHost {
-    std::string partitions;
-    FILE* fopen(const char* path, const char* mode) override
-    {
-        if (partitions.empty() || std::string(path) != "/proc/partitions") {
-            return SimHost::fopen(path, mode);
-        }
-        return fmemopen(&partitions[0], partitions.size(), "r");
-    }
-};
-
 struct Enumeration : ::testing::Test {
-    Host host;
+    TestHost host;
     simhost::SimHostInstall install{host};
     TraceCapture trace;
     CLinuxDeviceDiscovery discovery;
@@ -131,7 +118,7 @@ TEST_F(Enumeration, WholeSdDiskNames)
 
 TEST_F(Enumeration, NativePathsAreWholeSdDisksCutToEightCharacters)
 {
-    host.partitions =
+    host.texts["/proc/partitions"] =
         "major minor  #blocks  name\n\n"
         "   8     0   10485760 sda\n   8     1    5242880 sda1\n   3     0    1000000 hda\n"
         "   8    16   10485760 sdabcdefgh\n 120     0   10485760 emcpowera\n"

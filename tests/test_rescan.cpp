@@ -1,10 +1,6 @@
 // Bus rescanning, dead-device removal and the stale multipath flush on the simulated host: the
 // control files written, in order, the pauses asked for, the commands run and their messages.
 #include <gtest/gtest.h>
-#include <stdio.h>
-
-#include <cstdlib>
-#include <deque>
 
 #include "device_discovery.h"
 #include "sim_disks.h"
@@ -15,29 +11,8 @@ using Lines = std::vector<std::string>;
 
 namespace {
 
-// A host whose /proc/scsi/scsi takes writes without acting on them, so the sysfs steps that
-// follow a removal find the device still there.
-struct Host : simhost::SimHost {
-    bool procIgnoresWrites = false;
-    std::deque<std::pair<char*, size_t>> procWrites;
-    ~Host() override
-    {
-        for (auto& w : procWrites) {
-            free(w.first);
-        }
-    }
-    FILE* fopen(const char* path, const char* mode) override
-    {
-        if (procIgnoresWrites && std::string(path) == "/proc/scsi/scsi" && mode[0] == 'a') {
-            procWrites.emplace_back(nullptr, 0);
-            return open_memstream(&procWrites.back().first, &procWrites.back().second);
-        }
-        return SimHost::fopen(path, mode);
-    }
-};
-
 struct Rescan : ::testing::Test {
-    Host host;
+    TestHost host;
     simhost::SimHostInstall install{host};
     TraceCapture trace;
     CLinuxDeviceDiscovery discovery;
@@ -77,7 +52,7 @@ TEST_F(Rescan, KernelReleasePicksTheScan)
                  {"3.0.1", "", 1, {3}},
                  {"2.60", "", 1, {3}}};
     for (const Case& c : cases) {
-        Host fresh;
+        TestHost fresh;
         simhost::SimHostInstall use(fresh);
         fresh.setKernelRelease(c.release);
         fresh.addAdapter(simAdapter(1, "qla2300", false, "QLogic\n"));
@@ -122,7 +97,7 @@ TEST_F(Rescan, MidLayerProbeOn24)
     } cases[] = {{false, {{0, 0, 1, 15}, {0, 1, 0, 7}, {1, 0, 0, 7}}},
                  {true, {{0, 0, 1, 15}, {0, 1, 0, 15}, {1, 0, 0, 7}}}};
     for (const Case& c : cases) {
-        Host fresh;
+        TestHost fresh;
         simhost::SimHostInstall use(fresh);
         fresh.setKernelRelease("2.4.21");
         fresh.addAdapter(simAdapter(0, "lpfc", false, "Emulex\n"));
@@ -150,7 +125,7 @@ TEST_F(Rescan, SysfsScanOn26)
                   {"Warning: rescan_scsi_bus.sh failed with execpipe code [11]",
                    "Warning: rescan_scsi_bus.sh failed with error [0]."}}};
     for (const Case& c : cases) {
-        Host fresh;
+        TestHost fresh;
         simhost::SimHostInstall use(fresh);
         SharedLogCapture shared;
         fresh.addAdapter(simAdapter(0, "mptspi"));  // no fc_host, no issue_lip of its own
@@ -194,7 +169,7 @@ TEST_F(Rescan, SysfsScanOn26)
 TEST_F(Rescan, DeadDevicesAreDroppedAndRemoved)
 {
     for (bool removeLun0 : {false, true}) {
-        Host fresh;
+        TestHost fresh;
         simhost::SimHostInstall use(fresh);
         fresh.addAdapter(simAdapter(0, "mptspi"));
         fresh.addDevice(simDisk("sda", 0, 0, 0, 0));
@@ -266,11 +241,13 @@ TEST_F(Rescan, RemoveDeviceWritesByKernelFamily)
          "3\n\n"},
     };
     for (const Case& c : cases) {
-        Host fresh;
+        TestHost fresh;
         simhost::SimHostInstall use(fresh);
         fresh.setKernelRelease(c.release);
         fresh.setProcScsi(c.procScsi);
-        fresh.procIgnoresWrites = c.procIgnores;
+        if (c.procIgnores) {
+            fresh.inertFiles.insert("/proc/scsi/scsi");
+        }
         if (c.adapter) {
             fresh.addAdapter(simAdapter(2, "lpfc"));
         }
@@ -278,10 +255,8 @@ TEST_F(Rescan, RemoveDeviceWritesByKernelFamily)
         trace.clear();
         discovery.RemoveDevice(2, 0, 1, 3);
         EXPECT_EQ(allWrites(fresh), c.writes) << c.release;
-        if (c.procIgnores) {
-            ASSERT_EQ(fresh.procWrites.size(), 1u);
-            EXPECT_STREQ(fresh.procWrites[0].first, "scsi remove-single-device 2 0 1 3\n");
-        }
+        EXPECT_EQ(fresh.inertWrites(),
+                  c.procIgnores ? Lines{"scsi remove-single-device 2 0 1 3\n"} : Lines{});
         EXPECT_TRUE(*c.message == '\0' || has(c.message)) << c.message;
     }
 }
@@ -333,7 +308,7 @@ TEST_F(Rescan, StaleMultipathFlush)
          "INFO: OS not supported for FlushMultipathStaleDevices"},
     };
     for (const Case& c : cases) {
-        Host fresh;
+        TestHost fresh;
         simhost::SimHostInstall use(fresh);
         SharedLogCapture shared;
         fresh.setKernelRelease(c.release);
