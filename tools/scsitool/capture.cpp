@@ -1,0 +1,423 @@
+// `scsitool capture`: this host's SCSI view written as a snapshot that the simulated host
+// replays. Everything is read through the system interface, so a capture made while a snapshot
+// is replayed reproduces that snapshot.
+#include <fcntl.h>
+#include <scsi/sg.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <set>
+
+#include "commands.h"
+#include "device_discovery.h"
+#include "errors.h"
+#include "fi_system.h"
+#include "progress.h"
+#include "scsitool.h"
+#include "simhost.h"
+
+namespace scsitool_cli {
+
+namespace {
+
+using kzfi_pdk_4_4::fiSystem;
+using simhost::Bytes;
+
+// Executables whose presence changes what the library does.
+const char* const kExecutables[] = {"/sbin/iscsiadm", "/sbin/powermt", "/bin/rescan-scsi-bus.sh",
+                                    "/sbin/multipath"};
+const char* const kInitiatorFile = "/etc/iscsi/initiatorname.iscsi";
+
+bool readText(const std::string& path, std::string& text)
+{
+    FILE* file = fiSystem().fopen(path.c_str(), "r");
+    if (file == nullptr) {
+        return false;
+    }
+    text.clear();
+    char buffer[4096];
+    size_t count;
+    while ((count = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
+        text.append(buffer, count);
+    }
+    std::fclose(file);
+    return true;
+}
+
+std::string firstLine(const std::string& text)
+{
+    std::string line = text.substr(0, text.find('\n'));
+    while (!line.empty() && std::isspace(static_cast<unsigned char>(line.back()))) {
+        line.pop_back();
+    }
+    return line;
+}
+
+std::vector<std::string> listDirectory(const std::string& path)
+{
+    std::vector<std::string> names;
+    void* dir = fiSystem().opendir(path.c_str());
+    if (dir == nullptr) {
+        return names;
+    }
+    while (struct dirent* entry = fiSystem().readdir(dir)) {
+        std::string name = entry->d_name;
+        if (name != "." && name != "..") {
+            names.push_back(name);
+        }
+    }
+    fiSystem().closedir(dir);
+    return names;
+}
+
+bool isNumber(const std::string& text)
+{
+    if (text.empty()) {
+        return false;
+    }
+    for (char c : text) {
+        if (!std::isdigit(static_cast<unsigned char>(c))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+struct PartitionEntry {
+    unsigned long long blocks = 0;
+    std::vector<std::string> partitions;
+};
+
+// "/proc/partitions": the size of each disk and the partitions listed after it.
+std::map<std::string, PartitionEntry> readPartitions()
+{
+    std::map<std::string, PartitionEntry> disks;
+    std::string text;
+    if (!readText("/proc/partitions", text)) {
+        return disks;
+    }
+    std::vector<std::pair<std::string, unsigned long long>> rows;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        std::string line = text.substr(start, end == std::string::npos ? end : end - start);
+        start = end == std::string::npos ? text.size() : end + 1;
+        unsigned int major, minor;
+        unsigned long long blocks;
+        char name[256];
+        if (std::sscanf(line.c_str(), "%u %u %llu %255s", &major, &minor, &blocks, name) == 4) {
+            rows.emplace_back(name, blocks);
+        }
+    }
+    for (const auto& row : rows) {
+        disks[row.first].blocks = row.second;
+    }
+    // A partition is a disk's name followed by its number.
+    for (const auto& row : rows) {
+        for (auto& disk : disks) {
+            const std::string& name = disk.first;
+            if (row.first.size() > name.size() && row.first.compare(0, name.size(), name) == 0 &&
+                isNumber(row.first.substr(name.size()))) {
+                disk.second.partitions.push_back(row.first);
+            }
+        }
+    }
+    return disks;
+}
+
+Bytes toBytes(const ScsiPagePtr& page, unsigned int length)
+{
+    if (!page || page->get() == nullptr) {
+        return Bytes();
+    }
+    return Bytes(page->get(), page->get() + length);
+}
+
+// One answer of the device: the standard INQUIRY data (evpd false, code 0) or a VPD page.
+bool readPage(CScsiTool& tool, CScsiDeviceHandle& handle, CScsiDeviceData& record,
+              unsigned int code, bool evpd, Bytes& bytes)
+{
+    unsigned int length = 0;
+    ScsiPagePtr page;
+    try {
+        if (tool.GetModePageInfo(handle, record, code, length, evpd ? 1 : 0, page) != 0 ||
+            length == 0) {
+            return false;
+        }
+    } catch (...) {
+        return false;
+    }
+    bytes = toBytes(page, length);
+    return !bytes.empty();
+}
+
+// The filer identity command that the NetApp generator sends; its raw answer, trailing zero
+// bytes left out.
+bool readNetAppIdentity(const std::string& node, Bytes& answer)
+{
+    int fd = fiSystem().open(node.c_str(), O_RDONLY | O_NONBLOCK);
+    if (fd < 0) {
+        return false;
+    }
+    unsigned char cdb[10] = {0xC0, 0x00, 0x00, 0x0A, 0x98, 0x0A, 0x22, 0x10, 0x00, 0x00};
+    unsigned char sense[64] = {0};
+    std::vector<unsigned char> buffer(4096, 0);
+    sg_io_hdr_t header;
+    std::memset(&header, 0, sizeof header);
+    header.interface_id = 'S';
+    header.dxfer_direction = SG_DXFER_FROM_DEV;
+    header.cmd_len = sizeof cdb;
+    header.mx_sb_len = sizeof sense;
+    header.dxfer_len = buffer.size();
+    header.dxferp = buffer.data();
+    header.cmdp = cdb;
+    header.sbp = sense;
+    header.timeout = 10;
+    int result = fiSystem().ioctl(fd, SG_IO, &header);
+    fiSystem().close(fd);
+    if (result != 0) {
+        return false;
+    }
+    size_t used = buffer.size();
+    while (used > 0 && buffer[used - 1] == 0) {
+        --used;
+    }
+    answer.assign(buffer.begin(), buffer.begin() + used);
+    return true;
+}
+
+std::string rtrim(std::string text)
+{
+    while (!text.empty() && text.back() == ' ') {
+        text.pop_back();
+    }
+    return text;
+}
+
+// A disk node's address, INQUIRY data and every page its page 0x00 lists, as a device of the
+// snapshot. A node that opens but does not answer is kept as an unresponsive device.
+simhost::SimDevice captureDevice(Session& session, const std::string& node)
+{
+    simhost::SimDevice device;
+    device.name = node.substr(node.rfind('/') + 1);
+    CScsiDeviceData record(node, "", "", 0, 0, 0, -1, "", "", "", 0);
+    CScsiTool tool;
+    tool.registerTraceLog(session.log());
+    CScsiDeviceHandle handle(session.log());
+    try {
+        tool.GetTargetLunPortInfo(handle, record);
+        device.host = record.m_port;
+        device.channel = static_cast<int>(record.m_bus);
+        device.id = record.m_target;
+        device.lun = record.m_lun;
+    } catch (...) {
+        device.state = simhost::DeviceState::Unresponsive;
+        return device;
+    }
+    if (!readPage(tool, handle, record, 0, false, device.inquiry)) {
+        device.state = simhost::DeviceState::Unresponsive;
+        return device;
+    }
+    Bytes supported;
+    if (readPage(tool, handle, record, 0, true, supported)) {
+        device.vpd[0] = supported;
+        size_t count = supported.size() > 3 ? supported[3] : 0;
+        for (size_t i = 4; i < 4 + count && i < supported.size(); ++i) {
+            Bytes page;
+            if (supported[i] != 0 && readPage(tool, handle, record, supported[i], true, page)) {
+                device.vpd[supported[i]] = page;
+            }
+        }
+    }
+    if (device.inquiry.size() >= 32) {
+        std::string vendor =
+            rtrim(std::string(device.inquiry.begin() + 8, device.inquiry.begin() + 16));
+        std::string product =
+            rtrim(std::string(device.inquiry.begin() + 16, device.inquiry.begin() + 32));
+        if (vendor == "NETAPP" && product == "LUN") {
+            device.hasVendorCommand = readNetAppIdentity(node, device.vendorCommand);
+        }
+    }
+    return device;
+}
+
+// The identity a pseudo-device shows: its INQUIRY data and its identification pages. A map or
+// PowerPath node answers like the disk behind it, so equal identities pair them.
+Bytes identity(Session& session, const std::string& node)
+{
+    CScsiDeviceData record(node, "", "", 0, 0, 0, -1, "", "", "", 0);
+    CScsiTool tool;
+    tool.registerTraceLog(session.log());
+    CScsiDeviceHandle handle(session.log());
+    Bytes key;
+    for (unsigned int code : {0x83u, 0x80u}) {
+        Bytes page;
+        if (readPage(tool, handle, record, code, true, page)) {
+            key.insert(key.end(), page.begin(), page.end());
+        }
+    }
+    if (key.empty()) {
+        return key;
+    }
+    Bytes inquiry;
+    readPage(tool, handle, record, 0, false, inquiry);
+    key.insert(key.end(), inquiry.begin(), inquiry.end());
+    return key;
+}
+
+std::string behind(Session& session, const std::string& node,
+                   const std::vector<std::pair<Bytes, std::string>>& identities)
+{
+    Bytes key = identity(session, node);
+    if (!key.empty()) {
+        for (const auto& known : identities) {
+            if (known.first == key) {
+                return known.second;
+            }
+        }
+    }
+    return "";
+}
+
+void captureAdapters(simhost::SimHost& snapshot)
+{
+    std::map<int, simhost::SimAdapter> adapters;
+    for (const std::string& driver : listDirectory("/proc/scsi/")) {
+        for (const std::string& entry : listDirectory("/proc/scsi/" + driver + "/")) {
+            if (!isNumber(entry)) {
+                continue;
+            }
+            simhost::SimAdapter& adapter = adapters[std::stoi(entry)];
+            adapter.host = std::stoi(entry);
+            adapter.driver = driver;
+            readText("/proc/scsi/" + driver + "/" + entry, adapter.procText);
+        }
+    }
+    for (const std::string& name : listDirectory("/sys/class/scsi_host/")) {
+        if (name.compare(0, 4, "host") != 0 || !isNumber(name.substr(4))) {
+            continue;
+        }
+        int number = std::stoi(name.substr(4));
+        simhost::SimAdapter& adapter = adapters[number];
+        adapter.host = number;
+        std::string driver;
+        if (adapter.driver.empty() &&
+            readText("/sys/class/scsi_host/" + name + "/proc_name", driver)) {
+            adapter.driver = firstLine(driver);
+        }
+    }
+    for (const std::string& name : listDirectory("/sys/class/fc_host/")) {
+        if (name.compare(0, 4, "host") != 0 || !isNumber(name.substr(4))) {
+            continue;
+        }
+        int number = std::stoi(name.substr(4));
+        simhost::SimAdapter& adapter = adapters[number];
+        adapter.host = number;
+        adapter.fcHost = true;
+        std::string portName;
+        if (readText("/sys/class/fc_host/" + name + "/port_name", portName)) {
+            adapter.portName = firstLine(portName);
+        }
+    }
+    for (const auto& adapter : adapters) {
+        snapshot.addAdapter(adapter.second);
+    }
+}
+
+void captureHost(Session& session, simhost::SimHost& snapshot)
+{
+    char buffer[256] = {0};
+    if (fiSystem().gethostname(buffer, sizeof buffer - 1) == 0) {
+        snapshot.setHostname(buffer);
+    } else {
+        snapshot.setHostnameFails();
+    }
+    struct utsname uts;
+    if (fiSystem().uname(&uts) == 0) {
+        snapshot.setKernelRelease(uts.release);
+    }
+    struct stat st;
+    snapshot.setProcScsi(fiSystem().stat("/proc/scsi/scsi", &st) == 0);
+
+    // The disks discovery finds; multipath nodes are taken from their directories below.
+    CLinuxDeviceDiscovery discovery;
+    discovery.registerTraceLog(session.log());
+    std::vector<CScsiDeviceData*> records = discovery.enumerateDevices();
+    std::vector<std::string> disks;
+    for (CScsiDeviceData* record : records) {
+        if (record->m_deviceName.compare(0, 7, "/dev/sd") == 0) {
+            disks.push_back(record->m_deviceName);
+        }
+        delete record;
+    }
+    std::map<std::string, PartitionEntry> partitions = readPartitions();
+    std::vector<std::pair<Bytes, std::string>> identities;
+    for (const std::string& node : disks) {
+        simhost::SimDevice device = captureDevice(session, node);
+        auto listed = partitions.find(device.name);
+        if (listed != partitions.end()) {
+            device.blocks = listed->second.blocks;
+            device.partitions = listed->second.partitions;
+        }
+        snapshot.addDevice(device);
+        Bytes key = identity(session, node);
+        if (!key.empty()) {
+            identities.emplace_back(key, device.name);
+        }
+    }
+
+    for (const std::string& map : listDirectory("/dev/mapper/")) {
+        if (map != "control") {
+            snapshot.addMultipathMap(map, behind(session, "/dev/mapper/" + map, identities));
+        }
+    }
+    for (const std::string& node : listDirectory("/dev/")) {
+        if (node.compare(0, 8, "emcpower") == 0) {
+            snapshot.addPowerPathDevice(node, behind(session, "/dev/" + node, identities));
+        }
+    }
+    captureAdapters(snapshot);
+    std::string initiator;
+    if (readText(kInitiatorFile, initiator)) {
+        snapshot.addFile(kInitiatorFile, initiator);
+    }
+    for (const char* path : kExecutables) {
+        if (fiSystem().access(path, X_OK) == 0) {
+            snapshot.addExecutable(path);
+        }
+    }
+}
+
+}  // namespace
+
+std::string runCapture(Session& session, const std::string& file)
+{
+    std::string text;
+    {
+        ProgressLine progress("capturing the host");
+        simhost::SimHost snapshot;
+        captureHost(session, snapshot);
+        text = snapshot.toJson();
+    }
+    if (!text.empty() && text.back() != '\n') {
+        text += '\n';
+    }
+    if (file == "-") {
+        return text;
+    }
+    std::ofstream out(file, std::ios::binary | std::ios::trunc);
+    out << text;
+    out.close();
+    if (!out) {
+        throw CommandError(kExitBadInput,
+                           file + ": cannot write the snapshot: " + std::strerror(errno));
+    }
+    return "";
+}
+
+}  // namespace scsitool_cli
