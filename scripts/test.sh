@@ -9,4 +9,9 @@ for preset in default asan; do
   cmake --build --preset "$preset"
   echo "== $preset: tests"
   ctest --preset "$preset"
+  if [ "$preset" = default ]; then
+    echo "== default: real-kernel tests in a virtual machine"
+    # The presets leave the vm label out; these run from the build directory itself.
+    ctest --test-dir build/default -L vm --output-on-failure
+  fi
 done

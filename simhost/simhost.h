@@ -20,7 +20,8 @@ enum class DeviceState {
     Running,       // answers every command it supports
     Latent,        // present but invisible until a scan finds its address
     Unresponsive,  // its node opens, every command fails
-    Gone           // its node cannot be opened
+    Gone,          // still listed by the kernel, its node cannot be opened (ENXIO)
+    Removed        // forgotten by the kernel after a removal; no scan brings it back
 };
 
 struct SimDevice {
@@ -34,6 +35,15 @@ struct SimDevice {
     bool hasVendorCommand = false;
     Bytes vendorCommand;  // the answer to the vendor identity command sent with SG_IO
     DeviceState state = DeviceState::Running;
+    std::vector<std::string> partitions;   // partition names in /proc/partitions, e.g. "sdc1"
+    unsigned long long blocks = 10485760;  // size in 1 KiB blocks, as /proc/partitions shows it
+};
+
+// A device-mapper multipath map (/dev/mapper/<name>) or a PowerPath pseudo-device
+// (/dev/<name>): a node that answers like the device it fronts.
+struct SimPseudoDevice {
+    std::string name;
+    std::string device;  // name of the SimDevice behind it; "" when it fronts none
 };
 
 // A host adapter: /sys/class/scsi_host/hostN, and the driver's /proc/scsi/<driver>/N file.
@@ -53,8 +63,8 @@ struct SimCommandScript {
 // One thing the library did to the host, in order.
 struct SimEvent {
     enum Kind { Command, System, Write, Sleep } kind;
-    std::string text;  // the command line, or the path written
-    std::string data;  // the bytes written (Write)
+    std::string text;          // the command line, or the path written
+    std::string data;          // the bytes written (Write)
     unsigned int seconds = 0;  // Sleep
 };
 
@@ -79,8 +89,13 @@ public:
     SimDevice& addDevice(const SimDevice& device);
     SimDevice* findDevice(const std::string& name);
     void addAdapter(const SimAdapter& adapter);
-    void addMultipathMap(const std::string& name);    // a node under /dev/mapper/
+    void addMultipathMap(const std::string& name);     // a node under /dev/mapper/
     void addPowerPathDevice(const std::string& name);  // a node /dev/<name>
+    // The same, fronting the named device (the pseudo-node answers like that device).
+    void addMultipathMap(const std::string& name, const std::string& device);
+    void addPowerPathDevice(const std::string& name, const std::string& device);
+    // Whether /dev/mapper/ exists (it does as soon as a map is added).
+    void setDeviceMapper(bool present);
     void addFile(const std::string& path, const std::string& content);
     void addExecutable(const std::string& path);
     void scriptCommand(const std::string& commandLine, const SimCommandScript& script);
@@ -92,6 +107,13 @@ public:
     std::vector<unsigned int> sleeps() const;
     void clearEvents();
     int openCalls() const;  // successful and failed open() calls on device nodes
+    // The CDBs sent through ioctl to a node, in order ("/dev/sdc" or "sdc").
+    std::vector<Bytes> cdbsSent(const std::string& node) const;
+    // Read access to the model, for tests and the capture command.
+    std::vector<SimDevice> devices() const;
+    std::vector<SimAdapter> adapters() const;
+    // The text a read of `path` gives now; false when the file does not exist.
+    bool fileText(const std::string& path, std::string& text) const;
 
     // The system interface.
     int open(const char* path, int flags) override;
@@ -110,8 +132,9 @@ public:
     int exec(const std::string& command, std::vector<std::string>& output,
              unsigned long limitSeconds, int& sysErrno) override;
 
+    struct State;  // the model's state; defined and used only inside simhost/
+
 private:
-    struct State;
     std::unique_ptr<State> m_state;
 };
 

@@ -1,0 +1,125 @@
+// Commands: scripted answers, the few commands the model answers itself, and the shell's
+// "not found".
+#include <errno.h>
+
+#include <regex>
+#include <sstream>
+
+#include "simhost.h"
+#include "simhost_state.h"
+
+namespace simhost {
+
+namespace {
+
+std::vector<std::string> words(const std::string& command)
+{
+    std::vector<std::string> result;
+    std::stringstream stream(command);
+    for (std::string word; stream >> word;) {
+        result.push_back(word);
+    }
+    return result;
+}
+
+}  // namespace
+
+// Runs `command` as /bin/sh would and returns its exit status. With `shell` set (system())
+// the echo-into-a-control-file form the library uses is carried out as a write.
+int SimHost::State::run(const std::string& command, std::vector<std::string>& output, bool shell)
+{
+    auto script = commands.find(command);
+    if (script != commands.end()) {
+        output.insert(output.end(), script->second.output.begin(), script->second.output.end());
+        return script->second.exitCode;
+    }
+    if (shell) {
+        static const std::regex echo(
+            R"re(\s*(?:/bin/)?echo\s+(?:"([^"]*)"|(\S+))\s*(>>?)\s*(\S+)\s*)re");
+        std::smatch match;
+        if (std::regex_match(command, match, echo)) {
+            const std::string text = (match[1].matched ? match[1].str() : match[2].str()) + "\n";
+            const std::string target = match[4].str();
+            SimTree files = tree();
+            auto found = files.find(normalizePath(target));
+            if (found == files.end() || found->second.kind != SimNode::File ||
+                !found->second.writable) {
+                output.push_back(
+                    "sh: 1: cannot create " + target + ": " +
+                    (found == files.end() ? "Directory nonexistent" : "Permission denied"));
+                return 2;
+            }
+            actOnWrite(target, text, match[3].str() == ">>");
+            return 0;
+        }
+    }
+    std::vector<std::string> argv = words(command);
+    if (argv.empty()) {
+        return 0;
+    }
+    const std::string& program = argv[0];
+    if (program == "/bin/ls" || program == "ls") {
+        // ls answered from the model's own directories: entries without "." and "..", sorted,
+        // one per line.
+        SimTree files = tree();
+        int status = 0;
+        std::vector<std::string> paths(argv.begin() + 1, argv.end());
+        paths.erase(std::remove_if(paths.begin(), paths.end(),
+                                   [](const std::string& p) { return p[0] == '-'; }),
+                    paths.end());
+        if (paths.empty()) {
+            paths.push_back("/");
+        }
+        for (const std::string& path : paths) {
+            const std::string normal = normalizePath(path);
+            auto found = files.find(normal);
+            if (found == files.end()) {
+                output.push_back(program + ": cannot access '" + path +
+                                 "': No such file or directory");
+                status = 2;
+                continue;
+            }
+            if (found->second.kind != SimNode::Directory) {
+                output.push_back(path);
+                continue;
+            }
+            const std::string prefix = normal == "/" ? "/" : normal + "/";
+            for (auto entry = files.lower_bound(prefix);
+                 entry != files.end() && entry->first.compare(0, prefix.size(), prefix) == 0;
+                 ++entry) {
+                std::string name = entry->first.substr(prefix.size());
+                if (!name.empty() && name.find('/') == std::string::npos) {
+                    output.push_back(name);
+                }
+            }
+        }
+        return status;
+    }
+    if (executables.count(normalizePath(program))) {
+        return 0;  // a program the host has, run without a script, prints nothing
+    }
+    output.push_back("sh: 1: " + program + ": not found");
+    return 127;
+}
+
+int SimHost::exec(const std::string& command, std::vector<std::string>& output,
+                  unsigned long limitSeconds, int& sysErrno)
+{
+    (void)limitSeconds;
+    sysErrno = 0;
+    m_state->events.push_back(SimEvent{SimEvent::Command, command, "", 0});
+    return m_state->run(command, output, false);
+}
+
+int SimHost::system(const char* command)
+{
+    if (!command) {
+        return 1;  // a shell is available
+    }
+    m_state->events.push_back(SimEvent{SimEvent::System, command, "", 0});
+    std::vector<std::string> output;
+    // system() returns a wait status: the exit code in the second byte.
+    return m_state->run(command, output, true) << 8;
+}
+
+}  // namespace simhost

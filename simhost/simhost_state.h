@@ -1,0 +1,93 @@
+// The simulated host's state and the helpers its parts share. Private to simhost/.
+#ifndef SIMHOST_SIMHOST_STATE_H
+#define SIMHOST_SIMHOST_STATE_H
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "simhost.h"
+
+namespace simhost {
+
+// One entry of the host's file tree as it stands now.
+struct SimNode {
+    enum Kind { Directory, File, BlockDevice, CharDevice } kind = File;
+    std::string content;      // what a read gives (File)
+    bool readable = true;     // File: may be opened for reading
+    bool writable = false;    // File: a control file or a writable file
+    bool executable = false;  // File: an executable program
+    unsigned int major = 0;   // device nodes
+    unsigned int minor = 0;
+};
+
+typedef std::map<std::string, SimNode> SimTree;
+
+// "/dev//mapper/" -> "/dev/mapper"; the root stays "/".
+std::string normalizePath(const std::string& path);
+
+// Hex text (blanks allowed) to bytes; false on a non-hex character or an odd digit count.
+bool parseHex(const std::string& text, Bytes& bytes);
+std::string formatHex(const Bytes& bytes);  // "00 1f a0"
+
+// The kernel's names for peripheral device types, padded to 17 characters.
+std::string scsiDeviceTypeName(unsigned int type);
+
+// A read-only stream over an owned copy of `text`.
+FILE* openTextStream(const std::string& text);
+// A write stream whose bytes are handed to `onClose` when it is closed.
+FILE* openControlStream(std::function<void(const std::string&)> onClose, bool append);
+
+struct SimHost::State {
+    std::string hostname = "simhost";
+    bool hostnameFails = false;
+    std::string release = "2.6.18-8.el5";
+    bool procScsi = true;
+    bool deviceMapper = false;
+    std::deque<SimDevice> devices;  // a deque keeps the references addDevice hands out
+    std::vector<SimAdapter> adapters;
+    std::vector<SimPseudoDevice> maps;
+    std::vector<SimPseudoDevice> powerpath;
+    std::map<std::string, std::string> files;
+    std::set<std::string> executables;
+    std::map<std::string, SimCommandScript> commands;
+
+    std::vector<SimEvent> events;
+    int openCalls = 0;
+    struct OpenNode {
+        std::string node;    // the path as opened
+        std::string device;  // the SimDevice that answers ("" for none)
+    };
+    std::map<int, OpenNode> fds;
+    int nextFd = 3;
+    std::map<std::string, std::vector<Bytes>> cdbs;
+
+    // Devices.
+    SimDevice* find(const std::string& name);
+    const SimDevice* find(const std::string& name) const;
+    SimDevice* findAt(int host, int channel, int id, int lun);
+    const SimAdapter* adapter(int host) const;
+    static bool listed(const SimDevice& device);  // the kernel knows it
+
+    // The file tree (kernel_files.cpp).
+    SimTree tree() const;
+    std::string procScsiText() const;
+    std::string procPartitionsText() const;
+    void actOnWrite(const std::string& path, const std::string& data, bool append);
+    void appear(int host, int channel, int id, int lun);  // -1 matches any
+    void remove(int host, int channel, int id, int lun);
+
+    // SCSI commands (devices.cpp).
+    int sgIo(SimDevice* device, void* header, std::vector<Bytes>& sent);
+    std::set<void*> dirs;  // open directory handles
+
+    // Commands (commands.cpp).
+    int run(const std::string& command, std::vector<std::string>& output, bool shell);
+};
+
+}  // namespace simhost
+
+#endif

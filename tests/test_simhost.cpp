@@ -1,0 +1,484 @@
+// The simulated host: CDB decoding, address packing, SG_IO, generated files and their reaction
+// to control writes, commands, the event record and snapshot validation.
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <scsi/sg.h>
+#include <string.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "simhost.h"
+
+using simhost::Bytes;
+using simhost::DeviceState;
+using simhost::SimAdapter;
+using simhost::SimDevice;
+using simhost::SimEvent;
+using simhost::SimHost;
+
+namespace {
+
+const std::string kHosts = std::string(SCSITOOL_SOURCE_DIR) + "/examples/hosts/";
+
+Bytes bytes(std::initializer_list<int> values)
+{
+    return Bytes(values.begin(), values.end());
+}
+
+// A 40-byte standard INQUIRY answer: direct access, SPC-3, "ACME    Big Disk 2      0100".
+Bytes acmeInquiry()
+{
+    Bytes inquiry(40, 0);
+    inquiry[2] = 5;
+    inquiry[3] = 2;
+    inquiry[4] = 35;
+    memcpy(&inquiry[8], "ACME    Big Disk 2      0100", 28);
+    return inquiry;
+}
+
+SimDevice disk(const std::string& name, int host, int channel, int id, int lun,
+               DeviceState state = DeviceState::Running)
+{
+    SimDevice device;
+    device.name = name;
+    device.host = host;
+    device.channel = channel;
+    device.id = id;
+    device.lun = lun;
+    device.inquiry = acmeInquiry();
+    device.vpd[0x00] = bytes({0, 0, 0, 2, 0x00, 0x83});
+    device.vpd[0x83] = bytes({0, 0x83, 0, 8, 1, 3, 0, 4, 0xde, 0xad, 0xbe, 0xef});
+    device.state = state;
+    return device;
+}
+
+// The SCSI_IOCTL_SEND_COMMAND buffer as the library fills it.
+struct Command {
+    uint8_t buffer[512];
+    Command(int byte1, int page, int allocation, uint32_t outputLength = 480)
+    {
+        memset(buffer, 0xaa, sizeof buffer);
+        memset(buffer, 0, 8);
+        buffer[4] = outputLength & 0xff;
+        buffer[5] = (outputLength >> 8) & 0xff;
+        const uint8_t cdb[6] = {0x12, static_cast<uint8_t>(byte1),      static_cast<uint8_t>(page),
+                                0,    static_cast<uint8_t>(allocation), 0};
+        memcpy(buffer + 8, cdb, 6);
+    }
+    Bytes answer(size_t length) const { return Bytes(buffer + 8, buffer + 8 + length); }
+};
+
+std::string text(SimHost& host, const std::string& path)
+{
+    std::string content;
+    return host.fileText(path, content) ? content : "<missing>";
+}
+
+bool writeFile(SimHost& host, const char* path, const char* data)
+{
+    FILE* file = host.fopen(path, "a");
+    if (!file) {
+        return false;
+    }
+    fputs(data, file);
+    fclose(file);
+    return true;
+}
+
+std::vector<std::string> listing(SimHost& host, const char* path)
+{
+    std::vector<std::string> names;
+    void* dir = host.opendir(path);
+    if (!dir) {
+        return {"<missing>"};
+    }
+    while (struct dirent* entry = host.readdir(dir)) {
+        names.push_back(entry->d_name);
+    }
+    host.closedir(dir);
+    return names;
+}
+
+class SimHostTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        host.addDevice(disk("sdb", 3, 0, 0, 0));
+        host.addDevice(disk("sdc", 3, 0, 0, 2));
+        host.addDevice(disk("sdd", 3, 0, 1, 0, DeviceState::Latent));
+        host.addDevice(disk("sde", 4, 0, 0, 0, DeviceState::Latent));
+        host.addDevice(disk("sdf", 3, 0, 2, 0, DeviceState::Unresponsive));
+        SimAdapter qla;
+        qla.host = 3;
+        qla.driver = "qla2xxx";
+        qla.procText = "scsi-qla0-adapter-port=21000024ff2c3d4e;\n";
+        qla.fcHost = true;
+        qla.portName = "0x21000024ff2c3d4e";
+        host.addAdapter(qla);
+        SimAdapter lpfc;
+        lpfc.host = 4;
+        lpfc.driver = "lpfc";
+        host.addAdapter(lpfc);
+    }
+    SimHost host;
+};
+
+TEST_F(SimHostTest, InquiryIsDecodedAndCutToTheSmallerOfAllocationAndOutputLength)
+{
+    struct Case {
+        const char* what;
+        int byte1, page, allocation;
+        uint32_t outputLength;
+        int result;
+        Bytes expected;
+    } cases[] = {
+        {"standard, whole", 0x00, 0, 252, 480, 0, acmeInquiry()},
+        {"standard, allocation 5", 0x00, 0, 5, 480, 0, bytes({0, 0, 5, 2, 35})},
+        {"standard, output 3", 0x00, 0, 252, 3, 0, bytes({0, 0, 5})},
+        {"page 83 with LUN bits", 0x41, 0x83, 252, 480, 0,
+         bytes({0, 0x83, 0, 8, 1, 3, 0, 4, 0xde, 0xad, 0xbe, 0xef})},
+        {"supported pages", 0x01, 0x00, 252, 480, 0, bytes({0, 0, 0, 2, 0x00, 0x83})},
+        // Rejected: CHECK CONDITION with ILLEGAL REQUEST / INVALID FIELD IN CDB sense data.
+        {"unsupported page", 0x01, 0x80, 252, 480, 2,
+         bytes({0x70, 0, 5, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0x24, 0, 0, 0, 0, 0})},
+        {"page without EVPD", 0x00, 0x83, 252, 480, 2,
+         bytes({0x70, 0, 5, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0x24, 0, 0, 0, 0, 0})},
+    };
+    int fd = host.open("/dev/sdb", O_RDWR | O_NONBLOCK);
+    ASSERT_GE(fd, 0);
+    for (const Case& c : cases) {
+        Command command(c.byte1, c.page, c.allocation, c.outputLength);
+        EXPECT_EQ(c.result, host.ioctl(fd, 1, command.buffer)) << c.what;
+        EXPECT_EQ(c.expected, command.answer(c.expected.size())) << c.what;
+        // Past the answer lie the rest of the CDB (offsets 8 to 13) and the untouched fill.
+        const size_t end = 8 + c.expected.size();
+        EXPECT_EQ(0xaa, command.buffer[end < 14 ? 14 : end]) << c.what << ": wrote past the cut";
+    }
+    std::vector<Bytes> sent = host.cdbsSent("/dev/sdb");
+    ASSERT_EQ(7u, sent.size());
+    EXPECT_EQ(bytes({0x12, 0x41, 0x83, 0, 252, 0}), sent[3]);
+    EXPECT_EQ(sent, host.cdbsSent("sdb"));
+    host.close(fd);
+}
+
+TEST_F(SimHostTest, UnresponsiveDeviceOpensAndFailsEveryCommand)
+{
+    int fd = host.open("/dev/sdf", O_RDWR);
+    ASSERT_GE(fd, 0);
+    Command command(0, 0, 252);
+    errno = 0;
+    EXPECT_EQ(-1, host.ioctl(fd, 1, command.buffer));
+    EXPECT_EQ(EIO, errno);
+    EXPECT_EQ(0xaa, command.buffer[8 + 6]);
+    uint32_t idlun[2];
+    EXPECT_EQ(-1, host.ioctl(fd, 0x5382, idlun));
+}
+
+TEST_F(SimHostTest, NodesOpenOnlyForDevicesTheKernelShows)
+{
+    host.addDevice(disk("sdg", 3, 0, 3, 0, DeviceState::Gone));
+    struct Case {
+        const char* path;
+        int error;  // 0: opens
+    } cases[] = {{"/dev/sdb", 0},
+                 {"/dev/sdf", 0},
+                 {"/dev/sdd", ENOENT},
+                 {"/dev/sdg", ENXIO},
+                 {"/dev/sdz", ENOENT}};
+    for (const Case& c : cases) {
+        errno = 0;
+        int fd = host.open(c.path, O_RDWR);
+        EXPECT_EQ(c.error == 0, fd >= 0) << c.path;
+        EXPECT_EQ(c.error, c.error ? errno : 0) << c.path;
+    }
+    EXPECT_EQ(5, host.openCalls());
+}
+
+TEST_F(SimHostTest, IdLunPacksTheAddress)
+{
+    host.addDevice(disk("sdx", 3, 2, 5, 1));
+    int fd = host.open("/dev/sdx", O_RDWR);
+    uint32_t idlun[2] = {0, 0};
+    ASSERT_EQ(0, host.ioctl(fd, 0x5382, idlun));
+    EXPECT_EQ(0x03020105u, idlun[0]);
+}
+
+TEST_F(SimHostTest, SgIoAnswersTheVendorCommandWithinTheCallersBuffer)
+{
+    SimDevice* sdb = host.findDevice("sdb");
+    sdb->hasVendorCommand = true;
+    sdb->vendorCommand = Bytes(64, 0x5a);
+    int fd = host.open("/dev/sdb", O_RDONLY | O_NONBLOCK);
+    unsigned char cdb[10] = {0xC0, 0, 0, 0x0A, 0x98, 0x0A, 0x22, 0x10, 0, 0};
+    unsigned char data[48];
+    memset(data, 0, sizeof data);
+    sg_io_hdr_t header;
+    memset(&header, 0, sizeof header);
+    header.interface_id = 'S';
+    header.dxfer_direction = SG_DXFER_FROM_DEV;
+    header.cmd_len = 10;
+    header.cmdp = cdb;
+    header.dxferp = data;
+    header.dxfer_len = 40;  // less than the answer: the cut keeps the last 8 bytes untouched
+    ASSERT_EQ(0, host.ioctl(fd, 0x2285, &header));
+    EXPECT_EQ(0x5a, data[39]);
+    EXPECT_EQ(0, data[40]);
+    EXPECT_EQ(0, header.resid);
+    EXPECT_EQ(Bytes(cdb, cdb + 10), host.cdbsSent("/dev/sdb").back());
+
+    int other = host.open("/dev/sdc", O_RDONLY);  // no vendor command
+    errno = 0;
+    EXPECT_EQ(-1, host.ioctl(other, 0x2285, &header));
+    EXPECT_EQ(EIO, errno);
+    header.interface_id = 'Q';
+    EXPECT_EQ(-1, host.ioctl(fd, 0x2285, &header));
+}
+
+TEST_F(SimHostTest, PseudoDevicesAnswerLikeTheDeviceTheyFront)
+{
+    host.addMultipathMap("mpatha", "sdc");
+    host.addPowerPathDevice("emcpowera", "sdb");
+    EXPECT_EQ((std::vector<std::string>{".", "..", "control", "mpatha"}),
+              listing(host, "/dev/mapper/"));
+    for (const char* node : {"/dev/mapper/mpatha", "/dev/emcpowera"}) {
+        int fd = host.open(node, O_RDWR);
+        Command command(0, 0, 252);
+        EXPECT_EQ(0, host.ioctl(fd, 1, command.buffer)) << node;
+        EXPECT_EQ(acmeInquiry(), command.answer(40)) << node;
+        EXPECT_EQ(1u, host.cdbsSent(node).size()) << node;
+    }
+}
+
+TEST_F(SimHostTest, ProcScsiAndPartitionsFollowAddRemoveScanLipAndQlascan)
+{
+    const std::string sdb =
+        "Host: scsi3 Channel: 00 Id: 00 Lun: 00\n"
+        "  Vendor: ACME     Model: Big Disk 2       Rev: 0100\n"
+        "  Type:   Direct-Access                    ANSI  SCSI revision: 05\n";
+    const std::string sdc = "Host: scsi3 Channel: 00 Id: 00 Lun: 02\n";
+    const std::string sdd = "Host: scsi3 Channel: 00 Id: 01 Lun: 00\n";
+    const std::string sde = "Host: scsi4 Channel: 00 Id: 00 Lun: 00\n";
+    auto shows = [&](const std::string& entry) {
+        return text(host, "/proc/scsi/scsi").find(entry) != std::string::npos;
+    };
+    EXPECT_EQ(0u, text(host, "/proc/scsi/scsi").find("Attached devices:\n" + sdb));
+    EXPECT_EQ(
+        "major minor  #blocks  name\n\n"
+        "   8       16   10485760 sdb\n"
+        "   8       32   10485760 sdc\n"
+        "   8       80   10485760 sdf\n",
+        text(host, "/proc/partitions"));
+    EXPECT_FALSE(shows(sdd));
+
+    ASSERT_TRUE(writeFile(host, "/proc/scsi/scsi", "scsi remove-single-device 3 0 0 2\n"));
+    EXPECT_FALSE(shows(sdc));
+    EXPECT_EQ(ENOENT, (host.open("/dev/sdc", O_RDWR), errno));
+    ASSERT_TRUE(writeFile(host, "/proc/scsi/scsi", "scsi add-single-device 3 0 0 2\n"));
+    EXPECT_TRUE(shows(sdc));  // it still answers, so a probe finds it again
+
+    ASSERT_TRUE(writeFile(host, "/proc/scsi/qla2xxx/3", "scsi-qlascan\n"));
+    EXPECT_TRUE(shows(sdd));
+    EXPECT_FALSE(shows(sde));
+    ASSERT_TRUE(writeFile(host, "/sys/class/scsi_host/host4/issue_lip", "1\n"));
+    EXPECT_TRUE(shows(sde));
+
+    ASSERT_TRUE(writeFile(host, "/sys/class/scsi_device/3:0:1:0/device/delete", "1"));
+    EXPECT_FALSE(shows(sdd));
+    ASSERT_TRUE(writeFile(host, "/sys/class/scsi_host/host3/scan", "0 1 0\n"));
+    EXPECT_TRUE(shows(sdd));
+
+    // A dead device, once removed, is not found again.
+    ASSERT_TRUE(writeFile(host, "/proc/scsi/scsi", "scsi remove-single-device 3 0 2 0\n"));
+    ASSERT_TRUE(writeFile(host, "/sys/class/scsi_host/host3/scan", "- - -\n"));
+    EXPECT_FALSE(shows("Id: 02"));
+}
+
+TEST_F(SimHostTest, ControlFilesExistOnlyWhereTheKernelHasThem)
+{
+    struct Case {
+        const char* path;
+        bool opens;
+    } cases[] = {
+        {"/sys/class/fc_host/host3/issue_lip", true},
+        {"/sys/class/fc_host/host4/issue_lip", false},
+        {"/sys/class/scsi_host/host4/issue_lip", true},
+        {"/sys/class/scsi_host/host3/issue_lip", false},
+        {"/sys/class/scsi_host/host9/scan", false},
+        {"/proc/scsi/lpfc/4", false},
+    };
+    for (const Case& c : cases) {
+        errno = 0;
+        FILE* file = host.fopen(c.path, "a");
+        EXPECT_EQ(c.opens, file != nullptr) << c.path;
+        if (file) {
+            fclose(file);
+        } else {
+            EXPECT_EQ(ENOENT, errno) << c.path;
+        }
+    }
+    host.setProcScsi(false);
+    EXPECT_EQ(nullptr, host.fopen("/proc/scsi/scsi", "a"));
+    EXPECT_EQ(nullptr, host.fopen("/proc/scsi/scsi", "r"));
+}
+
+TEST_F(SimHostTest, DirectoriesListDotEntriesFirst)
+{
+    EXPECT_EQ((std::vector<std::string>{".", "..", "host3", "host4"}),
+              listing(host, "/sys/class/scsi_host"));
+    EXPECT_EQ((std::vector<std::string>{".", "..", "host3"}), listing(host, "/sys/class/fc_host/"));
+    EXPECT_EQ((std::vector<std::string>{".", "..", "3:0:0:0", "3:0:0:2", "3:0:2:0"}),
+              listing(host, "/sys/class/scsi_device"));
+    EXPECT_EQ((std::vector<std::string>{".", "..", "qla2xxx", "scsi"}),
+              listing(host, "/proc/scsi"));
+    EXPECT_EQ("0x21000024ff2c3d4e\n", text(host, "/sys/class/fc_host/host3/port_name"));
+    EXPECT_EQ(std::vector<std::string>{"<missing>"}, listing(host, "/dev/mapper"));
+}
+
+TEST_F(SimHostTest, CommandsAreScriptedOrNotFoundAndEverythingIsRecorded)
+{
+    host.addExecutable("/sbin/powermt");
+    host.scriptCommand("/sbin/multipath -v0 ", {1, {"error", "more"}});
+    std::vector<std::string> output;
+    int sysErrno = -1;
+    EXPECT_EQ(1, host.exec("/sbin/multipath -v0 ", output, 600, sysErrno));
+    EXPECT_EQ((std::vector<std::string>{"error", "more"}), output);
+    EXPECT_EQ(0, sysErrno);
+    output.clear();
+    EXPECT_EQ(0, host.exec("/sbin/powermt save", output, 600, sysErrno));
+    EXPECT_TRUE(output.empty());
+    EXPECT_EQ(127, host.exec("/sbin/pidof -x multipathd", output, 600, sysErrno));
+    EXPECT_EQ(std::vector<std::string>{"sh: 1: /sbin/pidof: not found"}, output);
+    output.clear();
+    EXPECT_EQ(0, host.exec("/bin/ls /proc/scsi/qla2xxx/", output, 600, sysErrno));
+    EXPECT_EQ(std::vector<std::string>{"3"}, output);
+    output.clear();
+    EXPECT_EQ(2, host.exec("/bin/ls /proc/scsi/lpfc/", output, 600, sysErrno));
+    EXPECT_EQ(
+        std::vector<std::string>{
+            "/bin/ls: cannot access '/proc/scsi/lpfc/': No such file or directory"},
+        output);
+
+    const char* removal = "/bin/echo \"scsi remove-single-device 3 0 0 2\" >  /proc/scsi/scsi";
+    EXPECT_EQ(0, host.system(removal));
+    EXPECT_EQ(127 << 8, host.system("/sbin/nothing here"));
+    EXPECT_EQ(0u, host.sleep(5));
+
+    EXPECT_EQ((std::vector<std::string>{"/sbin/multipath -v0 ", "/sbin/powermt save",
+                                        "/sbin/pidof -x multipathd", "/bin/ls /proc/scsi/qla2xxx/",
+                                        "/bin/ls /proc/scsi/lpfc/", removal, "/sbin/nothing here"}),
+              host.commandsRun());
+    std::vector<SimEvent> writes = host.writesTo("/proc/scsi/scsi");
+    ASSERT_EQ(1u, writes.size());
+    EXPECT_EQ("scsi remove-single-device 3 0 0 2\n", writes[0].data);
+    EXPECT_EQ(std::string::npos, text(host, "/proc/scsi/scsi").find("Lun: 02"));
+    EXPECT_EQ(std::vector<unsigned int>{5}, host.sleeps());
+    const std::vector<SimEvent>& events = host.events();
+    ASSERT_EQ(9u, events.size());
+    EXPECT_EQ(SimEvent::System, events[5].kind);
+    EXPECT_EQ(SimEvent::Write, events[6].kind);
+    EXPECT_EQ(SimEvent::Sleep, events[8].kind);
+    host.clearEvents();
+    EXPECT_TRUE(host.events().empty());
+}
+
+TEST(SimHostIdentity, UnameAndHostname)
+{
+    SimHost host;
+    host.setKernelRelease("2.4.21-4.ELsmp");
+    struct utsname name;
+    ASSERT_EQ(0, host.uname(&name));
+    EXPECT_STREQ("2.4.21-4.ELsmp", name.release);
+    char buffer[255];
+    ASSERT_EQ(0, host.gethostname(buffer, sizeof buffer));
+    EXPECT_STREQ("simhost", buffer);
+    host.setHostnameFails();
+    EXPECT_EQ(-1, host.gethostname(buffer, sizeof buffer));
+}
+
+TEST(SimHostSnapshot, ExampleHostsLoadAndSurviveARoundTrip)
+{
+    for (const char* name : {"datacenter.json", "host24.json", "modern.json"}) {
+        std::string error;
+        std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + name, error);
+        ASSERT_TRUE(host) << error;
+        std::unique_ptr<SimHost> again = SimHost::fromJson(host->toJson(), error);
+        ASSERT_TRUE(again) << name << ": " << error;
+        EXPECT_EQ(host->toJson(), again->toJson()) << name;
+    }
+}
+
+TEST(SimHostSnapshot, ModernHostHasNoProcScsi)
+{
+    std::string error;
+    std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + "modern.json", error);
+    ASSERT_TRUE(host) << error;
+    errno = 0;
+    EXPECT_EQ(nullptr, host->fopen("/proc/scsi/scsi", "r"));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_NE("<missing>", text(*host, "/proc/partitions"));
+}
+
+TEST(SimHostSnapshot, BadSnapshotsAreRejectedWithOneMessage)
+{
+    const std::string head =
+        R"("format": 1, "hostname": "h", "kernel_release": "2.6.18-8.el5", "proc_scsi": true)";
+    const std::string sdb = R"({"name": "sdb", "address": [0, 0, 1, 0], "inquiry": "00"})";
+    struct Case {
+        std::string json;
+        std::string message;
+    } cases[] = {
+        {"{", "not JSON: "},
+        {"[]", "snapshot: expected a JSON object"},
+        {R"({"format": 2})", "format: unsupported format 2 (expected 1)"},
+        {R"({"format": 1, "hostname": "h", "kernel_release": "r", "proc_scsi": true})",
+         "devices: missing"},
+        {"{" + head + R"(, "devices": [], "hostname2": 1})", "hostname2: unknown field"},
+        {R"({"format": 1, "hostname": 7, "kernel_release": "r", "proc_scsi": true, "devices": []})",
+         "hostname: expected a string or null"},
+        {"{" + head + R"(, "devices": [{"name": "sdb", "address": [0, 0, 1], "inquiry": ""}]})",
+         "devices[0].address: expected [host, channel, id, lun]"},
+        {"{" + head + R"(, "devices": [{"name": "sdb", "address": [0, 0, 1, 0]}]})",
+         "devices[0].inquiry: missing"},
+        {"{" + head +
+             R"(, "devices": [{"name": "sdb", "address": [0, 0, 1, 0], "inquiry": "0g"}]})",
+         "devices[0].inquiry: not hexadecimal"},
+        {"{" + head +
+             R"(, "devices": [{"name": "sdb", "address": [0, 0, 1, 0], "inquiry": "00", "vpd": {"83": "123"}}]})",
+         "devices[0].vpd.83: not hexadecimal"},
+        {"{" + head +
+             R"(, "devices": [{"name": "sdb", "address": [0, 0, 1, 0], "inquiry": "00", "state": "dead"}]})",
+         "devices[0].state: unknown state \"dead\" (expected running, latent, unresponsive, gone "
+         "or removed)"},
+        {"{" + head + ", \"devices\": [" + sdb + ", " + sdb + "]}",
+         "devices[1].name: duplicate device name sdb"},
+        {"{" + head + ", \"devices\": [" + sdb +
+             R"(, {"name": "sdc", "address": [0, 0, 1, 0], "inquiry": "00"}]})",
+         "devices[1].address: duplicate address 0:0:1:0"},
+        {"{" + head + ", \"devices\": [" + sdb +
+             R"(], "multipath_maps": [{"name": "mpatha", "device": "sdz"}]})",
+         "multipath_maps[0].device: unknown device sdz"},
+        {"{" + head + R"(, "devices": [], "adapters": [{"host": -1, "driver": "lpfc"}]})",
+         "adapters[0].host: expected an integer from 0 to 65535"},
+        {"{" + head + R"(, "devices": [], "commands": {"/bin/x": {"exit": "0"}}})",
+         "commands[\"/bin/x\"].exit: expected an integer from 0 to 255"},
+    };
+    for (const Case& c : cases) {
+        std::string error;
+        EXPECT_EQ(nullptr, SimHost::fromJson(c.json, error)) << c.json;
+        if (c.message == "not JSON: ") {
+            EXPECT_EQ(0u, error.find(c.message)) << error;
+            EXPECT_EQ(std::string::npos, error.find('\n')) << error;
+        } else {
+            EXPECT_EQ(c.message, error) << c.json;
+        }
+    }
+    std::string error;
+    EXPECT_EQ(nullptr, SimHost::fromFile("/nonexistent/host.json", error));
+    EXPECT_EQ("cannot read /nonexistent/host.json: No such file or directory", error);
+}
+
+}  // namespace

@@ -1,0 +1,522 @@
+// Judges what the test guest sent back (run-vm.sh unpacks it into WORK/out): the raw INQUIRY and
+// VPD answers that sg3-utils read on a real kernel, and what scsitool made of the same disks.
+// Every verdict is printed as "@@CHECK <name> PASS|FAIL <detail>"; the exit code is 0 when all
+// passed, 1 when one failed and 77 when the guest could not run on this machine.
+//
+// Usage: vm_check WORK DISKS_CONF GROUP   (GROUP: boot, sg3, map, pages, capture, lock)
+#include <cctype>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+typedef std::vector<unsigned char> Bytes;
+
+std::string outDir;
+int failures = 0;
+
+void verdict(const std::string& name, bool pass, const std::string& detail)
+{
+    std::cout << "@@CHECK " << name << (pass ? " PASS " : " FAIL ") << detail << "\n";
+    if (!pass)
+        ++failures;
+}
+
+bool readFile(const std::string& path, std::string& text)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        return false;
+    std::ostringstream s;
+    s << in.rdbuf();
+    text = s.str();
+    return true;
+}
+
+std::string text(const std::string& name)
+{
+    std::string t;
+    readFile(outDir + "/" + name, t);
+    return t;
+}
+
+bool have(const std::string& name)
+{
+    std::string t;
+    return readFile(outDir + "/" + name, t);
+}
+
+Bytes bytes(const std::string& name)
+{
+    std::string t = text(name);
+    return Bytes(t.begin(), t.end());
+}
+
+std::string hex(const Bytes& b, size_t from, size_t count, bool upper, const char* sep = "")
+{
+    std::string s;
+    char buf[4];
+    for (size_t i = from; i < from + count && i < b.size(); ++i) {
+        std::snprintf(buf, sizeof buf, upper ? "%02X" : "%02x", b[i]);
+        s += buf;
+        s += sep;
+    }
+    return s;
+}
+
+std::string upper(std::string s)
+{
+    for (char& c : s)
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return s;
+}
+
+std::string rtrim(std::string s)
+{
+    while (!s.empty() && s.back() == ' ')
+        s.pop_back();
+    return s;
+}
+
+// An INQUIRY text field as the library reads it: up to the first null byte, trailing blanks off.
+std::string field(const Bytes& inq, size_t from, size_t count)
+{
+    std::string s;
+    for (size_t i = from; i < from + count && i < inq.size() && inq[i] != 0; ++i)
+        s += char(inq[i]);
+    return rtrim(s);
+}
+
+// The bytes the library keeps of an answer: a VPD page to its page-length byte 3 plus the 4-byte
+// header, the standard INQUIRY to its additional-length byte 4 plus 5.
+Bytes kept(const Bytes& raw, bool inquiry)
+{
+    if (raw.size() < 5)
+        return Bytes();
+    size_t n = inquiry ? raw[4] + 5u : raw[3] + 4u;
+    return Bytes(raw.begin(), raw.begin() + std::min(n, raw.size()));
+}
+
+std::vector<int> supportedPages(const std::string& dev)
+{
+    Bytes p = bytes(dev + ".vpd.00");
+    std::vector<int> codes;
+    for (size_t i = 4; p.size() > 3 && i < 4u + p[3] && i < p.size(); ++i)
+        codes.push_back(p[i]);
+    return codes;
+}
+
+Bytes page(const std::string& dev, int code)
+{
+    char name[64];
+    std::snprintf(name, sizeof name, "%s.vpd.%02x", dev.c_str(), code);
+    return kept(bytes(name), false);
+}
+
+std::vector<std::string> split(const std::string& s, char sep)
+{
+    std::vector<std::string> parts;
+    std::string cur;
+    std::istringstream in(s);
+    while (std::getline(in, cur, sep))
+        parts.push_back(cur);
+    if (!s.empty() && s.back() == sep)
+        parts.push_back("");
+    return parts;
+}
+
+struct Disk {
+    std::string generator, vendor, product, serial, wwn, portWwn, deviceId;
+    std::string dev;  // guest block name, found by its address 0:0:<index>:0
+};
+
+std::vector<Disk> readDisks(const std::string& conf)
+{
+    std::vector<Disk> disks;
+    std::string all;
+    readFile(conf, all);
+    std::istringstream in(all);
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.empty() || line[0] == '#')
+            continue;
+        std::vector<std::string> f = split(line, '|');
+        f.resize(7);
+        Disk d{f[0], f[1], f[2], f[3], f[4], f[5], f[6], ""};
+        std::string want = "0:0:" + std::to_string(disks.size()) + ":0";
+        for (const std::string& dev : split(text("devices"), ' '))
+            if (!dev.empty() && text(dev.substr(dev.rfind('/') + 1) + ".hctl") == want)
+                d.dev = dev.substr(dev.rfind('/') + 1);
+        disks.push_back(d);
+    }
+    return disks;
+}
+
+// The device names the guest listed: sdX and mpatha.
+std::vector<std::string> guestDevices()
+{
+    std::vector<std::string> names;
+    for (const std::string& dev : split(text("devices"), ' '))
+        if (!dev.empty())
+            names.push_back(dev.substr(dev.rfind('/') + 1));
+    return names;
+}
+
+std::string nodeOf(const std::string& name)
+{
+    return name == "mpatha" ? "/dev/mapper/mpatha" : "/dev/" + name;
+}
+
+std::vector<std::string> mapPaths()
+{
+    return split(text("dm_paths").substr(1), ' ');
+}
+
+// What the UDID of a device must be, worked out from the raw answers the guest's sg3-utils read.
+// Only the families the guest's disks are built for are known here. The Clariion disk has no
+// page 0xC0; an implementation may either fall through to page 0x80 for the array serial or give
+// the disk up to the default generator, so both forms are returned for it.
+std::vector<std::string> expectedUdids(const std::string& dev, const std::string& host)
+{
+    Bytes inq = kept(bytes(dev + ".inquiry"), true);
+    std::string vendor = field(inq, 8, 8), product = field(inq, 16, 16);
+    std::vector<int> sup = supportedPages(dev);
+    auto listed = [&](int c) {
+        for (int s : sup)
+            if (s == c)
+                return true;
+        return false;
+    };
+    Bytes p80 = listed(0x80) ? page(dev, 0x80) : Bytes(),
+          p83 = listed(0x83) ? page(dev, 0x83) : Bytes();
+
+    std::string def = "UDID##" + vendor + "##";
+    for (char c : product)
+        def += c == ' ' ? '_' : c;
+    def += "##";
+    if (listed(0) && !vendor.empty() && (!p83.empty() || !p80.empty())) {
+        std::string body = hex(p83.empty() ? p80 : p83, 0, 4096, false);
+        while (!body.empty() && body.back() == '0')
+            body.pop_back();
+        if (body.size() > 80) {
+            body.resize(80);
+            while (!body.empty() && body.back() == '0')
+                body.pop_back();
+        }
+        def += body;
+    } else {
+        def += nodeOf(dev) + "@" + host;
+    }
+    def = upper(def);
+
+    if (vendor == "3PARdata" && product == "VV" && p80.size() > 11 && p83.size() >= 16) {
+        std::string serial = field(p80, 4, 8);
+        return {upper("UDID##HP##3PAR##" + serial + "##" + hex(p83, 8, 8, true))};
+    }
+    if (vendor == "DGC" && product.find("RAID") != std::string::npos && p83.size() > 22 &&
+        p80.size() > 4 && p80[3] + 4u <= p80.size()) {
+        std::string serial = field(p80, 4, 14);
+        std::string wwn = hex(p83, 8, 16, false, ":");
+        wwn.pop_back();
+        return {upper("UDID##DGC##CLARIION##" + serial + "##" + wwn), def};
+    }
+    return {def};
+}
+
+bool contains(const std::vector<std::string>& v, const std::string& s)
+{
+    for (const std::string& x : v)
+        if (x == s)
+            return true;
+    return false;
+}
+
+std::string join(const std::vector<std::string>& v)
+{
+    std::string s;
+    for (const std::string& x : v)
+        s += (s.empty() ? "" : " or ") + x;
+    return s;
+}
+
+bool parseJson(const std::string& name, nlohmann::json& j)
+{
+    try {
+        j = nlohmann::json::parse(text(name));
+        return true;
+    } catch (const std::exception& e) {
+        verdict(name, false,
+                std::string("not JSON: ") + e.what() + " [" + text(name).substr(0, 200) + "]");
+        return false;
+    }
+}
+
+bool scsitoolRan()
+{
+    if (have("map.json"))
+        return true;
+    std::cout << "vm: SKIP: the guest ran without scsitool\n";
+    return false;
+}
+
+// ---- groups ----
+
+void checkBoot()
+{
+    std::string guest = text("guest-checks");
+    for (const char* name : {"modules", "virtio_disks", "scsi_debug", "dm_map"}) {
+        std::string mark = std::string("@@CHECK ") + name + " ";
+        size_t at = guest.find(mark);
+        std::string line =
+            at == std::string::npos ? "" : guest.substr(at, guest.find('\n', at) - at);
+        verdict(std::string("guest_") + name, line.find(" PASS ") != std::string::npos,
+                line.empty() ? "no report from the guest" : line.substr(mark.size()));
+    }
+}
+
+// The kernel and QEMU must present the disks as configured, or every later check is moot.
+void checkSg3(const std::vector<Disk>& disks)
+{
+    for (const Disk& d : disks) {
+        std::string name = "sg3_" + d.generator;
+        if (d.dev.empty()) {
+            verdict(name, false, "no disk at address of " + d.vendor);
+            continue;
+        }
+        Bytes inq = bytes(d.dev + ".inquiry");
+        std::string id(inq.begin() + std::min<size_t>(8, inq.size()),
+                       inq.begin() + std::min<size_t>(32, inq.size()));
+        std::string want = (d.vendor + std::string(8, ' ')).substr(0, 8) +
+                           (d.product + std::string(16, ' ')).substr(0, 16);
+        verdict(name + "_inquiry", id == want, d.dev + " [" + id + "]");
+        Bytes p80 = page(d.dev, 0x80);
+        std::string serial(p80.begin() + std::min<size_t>(4, p80.size()), p80.end());
+        verdict(name + "_serial", serial == d.serial, d.dev + " [" + serial + "]");
+        std::string naa = "01030008" + d.wwn.substr(2);
+        std::string p83 = hex(page(d.dev, 0x83), 0, 4096, false);
+        bool first = d.deviceId != "-";
+        verdict(name + "_naa",
+                first ? p83.compare(8, naa.size(), naa) == 0 : p83.find(naa) != std::string::npos,
+                d.dev + " page 0x83 " + p83);
+    }
+    std::vector<std::string> paths = mapPaths();
+    bool two = paths.size() == 2;
+    verdict("sg3_paths_share_identity",
+            two && bytes(paths[0] + ".inquiry") == bytes(paths[1] + ".inquiry") &&
+                page(paths[0], 0x80) == page(paths[1], 0x80),
+            "paths [" + text("dm_paths") + "]");
+    verdict("sg3_map_passes_inquiry",
+            two && (page("mpatha", 0x83) == page(paths[0], 0x83) ||
+                    page("mpatha", 0x83) == page(paths[1], 0x83)),
+            "page 0x83 through /dev/mapper/mpatha is that of one path");
+}
+
+void checkMap()
+{
+    if (!scsitoolRan())
+        return;
+    verdict("map_exit", text("map.rc") == "0", "exit " + text("map.rc") + " " + text("map.err"));
+    nlohmann::json map;
+    if (!parseJson("map.json", map))
+        return;
+    std::map<std::string, nlohmann::json> byName;
+    for (const auto& e : map)
+        byName[e.value("DeviceName", "")] = e;
+
+    std::set<std::string> expected{"/dev/mapper/control"};
+    for (const std::string& dev : guestDevices()) {
+        std::string node = nodeOf(dev);
+        expected.insert(node);
+        auto it = byName.find(node);
+        if (it == byName.end()) {
+            verdict("map_" + dev, false, "missing from the map");
+            continue;
+        }
+        const nlohmann::json& e = it->second;
+        int level = dev == "mpatha" ? 16 : 2;
+        std::vector<std::string> udids = expectedUdids(dev, "vmguest");
+        std::string uid = e.value("Uid", "");
+        bool ok = e.value("dmpClaimLevel", -1) == level && contains(udids, uid) &&
+                  e.value("NativePath", nlohmann::json::array()) == nlohmann::json::array();
+        verdict("map_" + dev, ok,
+                e.dump() + " expected level " + std::to_string(level) + " and " + join(udids));
+    }
+    // The map's pseudo-device is the same logical unit as each of its paths.
+    std::vector<std::string> paths = mapPaths();
+    if (paths.size() == 2 && byName.count("/dev/mapper/mpatha"))
+        verdict("map_mpatha_same_unit_as_paths",
+                byName["/dev/mapper/mpatha"]["Uid"] == byName[nodeOf(paths[0])]["Uid"] &&
+                    byName["/dev/mapper/mpatha"]["Uid"] == byName[nodeOf(paths[1])]["Uid"],
+                "mpatha, " + paths[0] + " and " + paths[1]);
+    // The device-mapper control node opens but answers no INQUIRY: it stays in the map with the
+    // host-local id of a device without identity.
+    auto control = byName.find("/dev/mapper/control");
+    verdict("map_control",
+            control != byName.end() && control->second.value("dmpClaimLevel", -1) == 16 &&
+                control->second.value("Uid", "") == "UDID######/DEV/MAPPER/CONTROL@VMGUEST",
+            control == byName.end() ? "missing" : control->second.dump());
+    std::string extra;
+    for (const auto& kv : byName)
+        if (!expected.count(kv.first))
+            extra += " " + kv.first;
+    verdict("map_nothing_else", extra.empty() && map.size() == byName.size(), "extra:" + extra);
+}
+
+void checkPages()
+{
+    if (!scsitoolRan())
+        return;
+    static const int fixed[] = {0x83, 0x80, 0xC0, 0xC8, 0x10, 0x11, 0xD0};
+    std::vector<std::string> paths = mapPaths();
+    for (const std::string& dev : guestDevices()) {
+        std::string name = "pages_" + dev;
+        nlohmann::json show;
+        if (text(dev + ".show.rc") != "0") {
+            verdict(name, false, "exit " + text(dev + ".show.rc") + " " + text(dev + ".show.err"));
+            continue;
+        }
+        if (!parseJson(dev + ".show.json", show))
+            continue;
+        // Through the map, the kernel hands each query to one of the paths.
+        std::vector<std::string> sources{dev};
+        if (dev == "mpatha")
+            sources.insert(sources.end(), paths.begin(), paths.end());
+        auto fromAny = [&](auto get, const std::string& have) {
+            for (const std::string& s : sources)
+                if (get(s) == have)
+                    return true;
+            return false;
+        };
+
+        std::string inq = show.value("inquiry", "");
+        verdict(name + "_inquiry",
+                fromAny(
+                    [](const std::string& s) {
+                        return hex(kept(bytes(s + ".inquiry"), true), 0, 4096, false);
+                    },
+                    inq),
+                inq);
+        Bytes raw = kept(bytes(dev + ".inquiry"), true);
+        verdict(
+            name + "_strings",
+            show.value("vendor", "") == field(raw, 8, 8) &&
+                show.value("product", "") == field(raw, 16, 16) &&
+                show.value("firmware", "") ==
+                    std::string(raw.begin() + 32, raw.begin() + std::min<size_t>(36, raw.size())),
+            show.value("vendor", "") + "|" + show.value("product", "") + "|" +
+                show.value("firmware", ""));
+
+        std::vector<int> sup = supportedPages(dev);
+        verdict(name + "_supported",
+                show.value("supported_pages", nlohmann::json()) == nlohmann::json(sup),
+                show.value("supported_pages", nlohmann::json()).dump());
+
+        nlohmann::json vpd = show.value("vpd", nlohmann::json::object());
+        std::set<std::string> want;
+        for (int code : fixed)
+            for (int s : sup)
+                if (s == code) {
+                    char key[4];
+                    std::snprintf(key, sizeof key, "%02x", code);
+                    want.insert(key);
+                    std::string got = vpd.value(key, "");
+                    verdict(name + "_vpd_" + key,
+                            fromAny(
+                                [code](const std::string& s) {
+                                    return hex(page(s, code), 0, 4096, false);
+                                },
+                                got),
+                            got.empty() ? "not cached" : got);
+                }
+        std::string extra;
+        for (auto it = vpd.begin(); it != vpd.end(); ++it)
+            if (!want.count(it.key()))
+                extra += " " + it.key();
+        verdict(name + "_vpd_set", extra.empty(), "pages cached beyond the listed ones:" + extra);
+
+        nlohmann::json addr = show.value("address", nlohmann::json());
+        std::string hctl = addr.is_array() && addr.size() == 4
+                               ? addr[0].dump() + ":" + addr[1].dump() + ":" + addr[2].dump() +
+                                     ":" + addr[3].dump()
+                               : addr.dump();
+        verdict(name + "_address",
+                fromAny([](const std::string& s) { return text(s + ".hctl"); }, hctl), hctl);
+    }
+}
+
+void checkCapture()
+{
+    if (!scsitoolRan())
+        return;
+    verdict("capture_exit", text("capture.rc") == "0",
+            "exit " + text("capture.rc") + " " + text("capture.out"));
+    verdict("capture_replay_exit", text("replay.rc") == "0",
+            "exit " + text("replay.rc") + " " + text("replay.err"));
+    nlohmann::json guest, replay;
+    if (!parseJson("map.json", guest) || !parseJson("replay.json", replay))
+        return;
+    verdict("capture_replay_same_map", guest == replay, replay.dump());
+}
+
+void checkLock()
+{
+    if (!scsitoolRan())
+        return;
+    nlohmann::json guest;
+    if (!parseJson("map.json", guest))
+        return;
+    for (const char* run : {"lock1", "lock2"}) {
+        std::string rc = text(std::string(run) + ".rc");
+        while (!rc.empty() && std::isspace(static_cast<unsigned char>(rc.back())))
+            rc.pop_back();
+        verdict(std::string(run) + "_exit", rc == "0",
+                "exit " + rc + " " + text(std::string(run) + ".err"));
+        nlohmann::json j;
+        if (parseJson(std::string(run) + ".json", j))
+            verdict(std::string(run) + "_same_map", j == guest, j.dump());
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 4) {
+        std::cerr << "usage: vm_check WORK DISKS_CONF GROUP\n";
+        return 2;
+    }
+    std::string work = argv[1], group = argv[3];
+    outDir = work + "/out";
+    std::string skipped;
+    if (readFile(work + "/status", skipped) || !have("guest-checks")) {
+        std::cout << "vm: SKIP: the guest did not run (see the vm_guest test)\n";
+        return skipped.rfind("77", 0) == 0 ? 77 : 1;
+    }
+    std::vector<Disk> disks = readDisks(argv[2]);
+    if (group == "boot")
+        checkBoot();
+    else if (group == "sg3")
+        checkSg3(disks);
+    else if (group == "map")
+        checkMap();
+    else if (group == "pages")
+        checkPages();
+    else if (group == "capture")
+        checkCapture();
+    else if (group == "lock")
+        checkLock();
+    else {
+        std::cerr << "vm_check: unknown group " << group << "\n";
+        return 2;
+    }
+    if (failures == 0 && group != "boot" && group != "sg3" && !have("map.json"))
+        return 77;
+    return failures == 0 ? 0 : 1;
+}
