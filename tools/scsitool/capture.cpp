@@ -5,6 +5,7 @@
 #include <scsi/sg.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -30,7 +31,7 @@ using simhost::Bytes;
 
 // Executables whose presence changes what the library does.
 const char* const kExecutables[] = {"/sbin/iscsiadm", "/sbin/powermt", "/bin/rescan-scsi-bus.sh",
-                                    "/sbin/multipath"};
+                                    "/sbin/multipath", "/sbin/pidof"};
 const char* const kInitiatorFile = "/etc/iscsi/initiatorname.iscsi";
 
 bool readText(const std::string& path, std::string& text)
@@ -200,8 +201,9 @@ std::string rtrim(std::string text)
 }
 
 // A disk node's address, INQUIRY data and every page its page 0x00 lists, as a device of the
-// snapshot. A node that opens but does not answer is kept as an unresponsive device.
-simhost::SimDevice captureDevice(Session& session, const std::string& node)
+// snapshot. A node that opens but does not answer is kept as an unresponsive device; `placed`
+// tells whether its address could be read.
+simhost::SimDevice captureDevice(Session& session, const std::string& node, bool& placed)
 {
     simhost::SimDevice device;
     device.name = node.substr(node.rfind('/') + 1);
@@ -209,12 +211,14 @@ simhost::SimDevice captureDevice(Session& session, const std::string& node)
     CScsiTool tool;
     tool.registerTraceLog(session.log());
     CScsiDeviceHandle handle(session.log());
+    placed = false;
     try {
         tool.GetTargetLunPortInfo(handle, record);
         device.host = record.m_port;
         device.channel = static_cast<int>(record.m_bus);
         device.id = record.m_target;
         device.lun = record.m_lun;
+        placed = true;
     } catch (...) {
         device.state = simhost::DeviceState::Unresponsive;
         return device;
@@ -235,15 +239,127 @@ simhost::SimDevice captureDevice(Session& session, const std::string& node)
         }
     }
     if (device.inquiry.size() >= 32) {
-        std::string vendor =
-            rtrim(std::string(device.inquiry.begin() + 8, device.inquiry.begin() + 16));
-        std::string product =
-            rtrim(std::string(device.inquiry.begin() + 16, device.inquiry.begin() + 32));
-        if (vendor == "NETAPP" && product == "LUN") {
+        std::string vendor(device.inquiry.begin() + 8, device.inquiry.begin() + 16);
+        std::string product(device.inquiry.begin() + 16, device.inquiry.begin() + 32);
+        if (rtrim(vendor) == "NETAPP" && rtrim(product) == "LUN") {
             device.hasVendorCommand = readNetAppIdentity(node, device.vendorCommand);
         }
     }
     return device;
+}
+
+typedef std::vector<int> Address;  // host, channel, id, LUN
+
+// A direct-access device as "/proc/scsi/scsi" shows it.
+struct ListedDisk {
+    Address address;
+    Bytes inquiry;  // rebuilt from the vendor, model, revision and ANSI version shown
+};
+
+std::string fieldAfter(const std::string& line, const std::string& label, size_t width)
+{
+    size_t at = line.find(label);
+    if (at == std::string::npos) {
+        return std::string(width, ' ');
+    }
+    std::string field = line.substr(at + label.size(), width);
+    return field + std::string(width - field.size(), ' ');
+}
+
+// The direct-access devices of "/proc/scsi/scsi", in the kernel's order.
+std::vector<ListedDisk> listedDisks()
+{
+    std::vector<ListedDisk> disks;
+    std::string text;
+    if (!readText("/proc/scsi/scsi", text)) {
+        return disks;
+    }
+    ListedDisk pending;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        std::string line = text.substr(start, end == std::string::npos ? end : end - start);
+        start = end == std::string::npos ? text.size() : end + 1;
+        int host, channel, id, lun, revision;
+        if (std::sscanf(line.c_str(), "Host: scsi%d Channel: %d Id: %d Lun: %d", &host, &channel,
+                        &id, &lun) == 4) {
+            pending = ListedDisk();
+            pending.address = {host, channel, id, lun};
+        } else if (!pending.address.empty() && line.find("Vendor:") != std::string::npos) {
+            std::string text = fieldAfter(line, "Vendor: ", 8) + fieldAfter(line, "Model: ", 16) +
+                               fieldAfter(line, "Rev: ", 4);
+            pending.inquiry.assign(36, 0);
+            std::copy(text.begin(), text.end(), pending.inquiry.begin() + 8);
+        } else if (!pending.address.empty() && line.find("Type:") != std::string::npos) {
+            if (line.find("Direct-Access ") != std::string::npos && !pending.inquiry.empty()) {
+                size_t at = line.find("revision:");
+                if (at != std::string::npos &&
+                    std::sscanf(line.c_str() + at, "revision: %x", &revision) == 1) {
+                    pending.inquiry[2] = static_cast<uint8_t>(revision);
+                }
+                pending.inquiry[3] = 2;
+                pending.inquiry[4] = 31;
+                disks.push_back(pending);
+            }
+            pending = ListedDisk();
+        }
+    }
+    return disks;
+}
+
+bool isWholeDisk(const std::string& name)
+{
+    if (name.size() < 3 || name.compare(0, 2, "sd") != 0) {
+        return false;
+    }
+    for (size_t i = 2; i < name.size(); ++i) {
+        if (!std::islower(static_cast<unsigned char>(name[i]))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Disks whose address could not be read (they do not answer) take the disks of
+// "/proc/scsi/scsi" that no answering disk holds, in order, with the identity the kernel still
+// shows for them; past those, free LUNs of 0:0:0. The kernel does not say which node sits at
+// which address, so this is the best guess the system interface allows.
+void placeDisks(std::vector<simhost::SimDevice>& disks, const std::vector<bool>& placed)
+{
+    std::set<Address> used;
+    for (size_t i = 0; i < disks.size(); ++i) {
+        if (placed[i]) {
+            used.insert({disks[i].host, disks[i].channel, disks[i].id, disks[i].lun});
+        }
+    }
+    std::vector<ListedDisk> free;
+    for (const ListedDisk& listed : listedDisks()) {
+        if (!used.count(listed.address)) {
+            free.push_back(listed);
+        }
+    }
+    size_t next = 0;
+    int lun = 0;
+    for (size_t i = 0; i < disks.size(); ++i) {
+        if (placed[i]) {
+            continue;
+        }
+        Address address;
+        if (next < free.size()) {
+            address = free[next].address;
+            disks[i].inquiry = free[next++].inquiry;
+        } else {
+            while (used.count({0, 0, 0, lun})) {
+                ++lun;
+            }
+            address = {0, 0, 0, lun};
+        }
+        used.insert(address);
+        disks[i].host = address[0];
+        disks[i].channel = address[1];
+        disks[i].id = address[2];
+        disks[i].lun = address[3];
+    }
 }
 
 // The identity a pseudo-device shows: its INQUIRY data and its identification pages. A map or
@@ -348,29 +464,52 @@ void captureHost(Session& session, simhost::SimHost& snapshot)
     CLinuxDeviceDiscovery discovery;
     discovery.registerTraceLog(session.log());
     std::vector<CScsiDeviceData*> records = discovery.enumerateDevices();
-    std::vector<std::string> disks;
+    std::vector<std::string> opened;
     for (CScsiDeviceData* record : records) {
-        if (record->m_deviceName.compare(0, 7, "/dev/sd") == 0) {
-            disks.push_back(record->m_deviceName);
+        if (record->m_deviceName.compare(0, 5, "/dev/") == 0 &&
+            isWholeDisk(record->m_deviceName.substr(5))) {
+            opened.push_back(record->m_deviceName.substr(5));
         }
         delete record;
     }
-    std::map<std::string, PartitionEntry> partitions = readPartitions();
+    std::vector<simhost::SimDevice> disks;
+    std::vector<bool> placed;
     std::vector<std::pair<Bytes, std::string>> identities;
-    for (const std::string& node : disks) {
-        simhost::SimDevice device = captureDevice(session, node);
-        auto listed = partitions.find(device.name);
-        if (listed != partitions.end()) {
-            device.blocks = listed->second.blocks;
-            device.partitions = listed->second.partitions;
-        }
-        snapshot.addDevice(device);
-        Bytes key = identity(session, node);
+    for (const std::string& name : opened) {
+        bool known = false;
+        disks.push_back(captureDevice(session, "/dev/" + name, known));
+        placed.push_back(known);
+        Bytes key = identity(session, "/dev/" + name);
         if (!key.empty()) {
-            identities.emplace_back(key, device.name);
+            identities.emplace_back(key, name);
         }
     }
+    // Disks the kernel lists whose node does not open.
+    std::map<std::string, PartitionEntry> partitions = readPartitions();
+    for (const auto& listed : partitions) {
+        if (isWholeDisk(listed.first) &&
+            std::find(opened.begin(), opened.end(), listed.first) == opened.end()) {
+            simhost::SimDevice gone;
+            gone.name = listed.first;
+            gone.state = simhost::DeviceState::Gone;
+            disks.push_back(gone);
+            placed.push_back(false);
+        }
+    }
+    placeDisks(disks, placed);
+    for (simhost::SimDevice& disk : disks) {
+        auto listed = partitions.find(disk.name);
+        if (listed != partitions.end()) {
+            disk.blocks = listed->second.blocks;
+            disk.partitions = listed->second.partitions;
+        }
+        snapshot.addDevice(disk);
+    }
 
+    if (void* mapper = fiSystem().opendir("/dev/mapper/")) {
+        fiSystem().closedir(mapper);
+        snapshot.setDeviceMapper(true);
+    }
     for (const std::string& map : listDirectory("/dev/mapper/")) {
         if (map != "control") {
             snapshot.addMultipathMap(map, behind(session, "/dev/mapper/" + map, identities));

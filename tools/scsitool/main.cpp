@@ -39,7 +39,8 @@ int main(int argc, char** argv)
 {
     CLI::App app{"SCSI disks and their unique device ids (UDIDs)", "scsitool"};
     app.footer(kFooter);
-    app.require_subcommand(1);
+    // At most one; none is reported after parsing, so that a misspelt one is named.
+    app.require_subcommand(0, 1);
 
     GlobalOptions global;
     app.add_option("--host", global.hostFile, "run on a host snapshot through the simulated host")
@@ -94,6 +95,10 @@ int main(int argc, char** argv)
             return app.exit(e);  // --help
         }
         reportError(e.what());
+        return kExitUsage;
+    }
+    if (app.get_subcommands().empty()) {
+        reportError("a subcommand is required: map, udid, show, initiators or capture");
         return kExitUsage;
     }
 

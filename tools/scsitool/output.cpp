@@ -90,7 +90,7 @@ std::string hexDump(const ByteString& bytes)
 {
     std::string text;
     for (size_t offset = 0; offset < bytes.size(); offset += 16) {
-        char field[8];
+        char field[24];
         std::snprintf(field, sizeof field, "%04zx ", offset);
         std::string line = field;
         std::string printable;

@@ -110,8 +110,8 @@ Session::Session(const GlobalOptions& options) : m_sink(nullptr)
         std::string error;
         m_host = simhost::SimHost::fromFile(options.hostFile, error);
         if (!m_host) {
-            // The loader names the file itself only when it cannot be read.
-            if (error.compare(0, options.hostFile.size() + 1, options.hostFile + ":") == 0) {
+            // The loader's messages name the file already.
+            if (error.find(options.hostFile) != std::string::npos) {
                 throw CommandError(kExitBadInput, error);
             }
             throw CommandError(kExitBadInput, options.hostFile + ": " + error);
