@@ -21,6 +21,7 @@
 #include "progress.h"
 #include "scsitool.h"
 #include "simhost.h"
+#include "stringtool.h"
 
 namespace scsitool_cli {
 
@@ -78,15 +79,7 @@ std::vector<std::string> listDirectory(const std::string& path)
 
 bool isNumber(const std::string& text)
 {
-    if (text.empty()) {
-        return false;
-    }
-    for (char c : text) {
-        if (!std::isdigit(static_cast<unsigned char>(c))) {
-            return false;
-        }
-    }
-    return true;
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
 }
 
 struct PartitionEntry {
@@ -192,14 +185,6 @@ bool readNetAppIdentity(const std::string& node, Bytes& answer)
     return true;
 }
 
-std::string rtrim(std::string text)
-{
-    while (!text.empty() && text.back() == ' ') {
-        text.pop_back();
-    }
-    return text;
-}
-
 // A disk node's address, INQUIRY data and every page its page 0x00 lists, as a device of the
 // snapshot. A node that opens but does not answer is kept as an unresponsive device; `placed`
 // tells whether its address could be read.
@@ -241,7 +226,8 @@ simhost::SimDevice captureDevice(Session& session, const std::string& node, bool
     if (device.inquiry.size() >= 32) {
         std::string vendor(device.inquiry.begin() + 8, device.inquiry.begin() + 16);
         std::string product(device.inquiry.begin() + 16, device.inquiry.begin() + 32);
-        if (rtrim(vendor) == "NETAPP" && rtrim(product) == "LUN") {
+        if (CStringTool::rtrim(vendor, ' ') == "NETAPP" &&
+            CStringTool::rtrim(product, ' ') == "LUN") {
             device.hasVendorCommand = readNetAppIdentity(node, device.vendorCommand);
         }
     }
@@ -400,6 +386,19 @@ std::string behind(Session& session, const std::string& node,
     return "";
 }
 
+// The adapter of a sysfs entry "hostN", made when first seen; nullptr for other names.
+simhost::SimAdapter* adapterOf(std::map<int, simhost::SimAdapter>& adapters,
+                               const std::string& name)
+{
+    if (name.compare(0, 4, "host") != 0 || !isNumber(name.substr(4))) {
+        return nullptr;
+    }
+    int number = std::stoi(name.substr(4));
+    simhost::SimAdapter& adapter = adapters[number];
+    adapter.host = number;
+    return &adapter;
+}
+
 void captureAdapters(simhost::SimHost& snapshot)
 {
     std::map<int, simhost::SimAdapter> adapters;
@@ -414,30 +413,20 @@ void captureAdapters(simhost::SimHost& snapshot)
             readText("/proc/scsi/" + driver + "/" + entry, adapter.procText);
         }
     }
+    std::string text;
     for (const std::string& name : listDirectory("/sys/class/scsi_host/")) {
-        if (name.compare(0, 4, "host") != 0 || !isNumber(name.substr(4))) {
-            continue;
-        }
-        int number = std::stoi(name.substr(4));
-        simhost::SimAdapter& adapter = adapters[number];
-        adapter.host = number;
-        std::string driver;
-        if (adapter.driver.empty() &&
-            readText("/sys/class/scsi_host/" + name + "/proc_name", driver)) {
-            adapter.driver = firstLine(driver);
+        simhost::SimAdapter* adapter = adapterOf(adapters, name);
+        if (adapter && adapter->driver.empty() &&
+            readText("/sys/class/scsi_host/" + name + "/proc_name", text)) {
+            adapter->driver = firstLine(text);
         }
     }
     for (const std::string& name : listDirectory("/sys/class/fc_host/")) {
-        if (name.compare(0, 4, "host") != 0 || !isNumber(name.substr(4))) {
-            continue;
-        }
-        int number = std::stoi(name.substr(4));
-        simhost::SimAdapter& adapter = adapters[number];
-        adapter.host = number;
-        adapter.fcHost = true;
-        std::string portName;
-        if (readText("/sys/class/fc_host/" + name + "/port_name", portName)) {
-            adapter.portName = firstLine(portName);
+        if (simhost::SimAdapter* adapter = adapterOf(adapters, name)) {
+            adapter->fcHost = true;
+            if (readText("/sys/class/fc_host/" + name + "/port_name", text)) {
+                adapter->portName = firstLine(text);
+            }
         }
     }
     for (const auto& adapter : adapters) {

@@ -41,6 +41,15 @@ std::string jsonString(const ordered_json& value)
     return value.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
 }
 
+// The default generator's claim strings are both empty: its name is ":".
+std::string generatorLabel(const std::string& name)
+{
+    if (name.empty()) {
+        return "-";
+    }
+    return name == ":" ? ": (the default generator)" : name;
+}
+
 }  // namespace
 
 std::string formatMapTable(const DeviceMap& map)
@@ -127,7 +136,7 @@ std::string formatDeviceTable(const DeviceReport& report)
         {"firmware", report.firmware},
         {"address", std::string(address) + " (host:channel:id:lun)"},
         {"pages", pages.empty() ? "-" : pages},
-        {"generator", report.generator.empty() ? "-" : report.generator},
+        {"generator", generatorLabel(report.generator)},
         {"udid", report.udid.empty() ? "-" : report.udid},
     };
     std::string text;
