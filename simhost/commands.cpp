@@ -40,13 +40,11 @@ int SimHost::State::run(const std::string& command, std::vector<std::string>& ou
         if (std::regex_match(command, match, echo)) {
             const std::string text = (match[1].matched ? match[1].str() : match[2].str()) + "\n";
             const std::string target = match[4].str();
-            SimTree files = tree();
-            auto found = files.find(normalizePath(target));
-            if (found == files.end() || found->second.kind != SimNode::File ||
-                !found->second.writable) {
-                output.push_back(
-                    "sh: 1: cannot create " + target + ": " +
-                    (found == files.end() ? "Directory nonexistent" : "Permission denied"));
+            SimNode node;
+            const bool exists = lookup(normalizePath(target), node);
+            if (!exists || node.kind != SimNode::File || !node.writable) {
+                output.push_back("sh: 1: cannot create " + target + ": " +
+                                 (exists ? "Permission denied" : "Directory nonexistent"));
                 return 2;
             }
             actOnWrite(target, text, match[3].str() == ">>");

@@ -116,17 +116,16 @@ int SimHost::open(const char* path, int flags)
         return -1;
     }
     const std::string node = normalizePath(path);
-    SimTree tree = state.tree();
-    auto entry = tree.find(node);
-    if (entry == tree.end()) {
+    SimNode entry;
+    if (!state.lookup(node, entry)) {
         errno = ENOENT;
         return -1;
     }
-    if (entry->second.kind == SimNode::Directory) {
+    if (entry.kind == SimNode::Directory) {
         errno = EISDIR;
         return -1;
     }
-    if (entry->second.kind != SimNode::BlockDevice && entry->second.kind != SimNode::CharDevice) {
+    if (entry.kind != SimNode::BlockDevice && entry.kind != SimNode::CharDevice) {
         errno = EACCES;  // plain files are read through fopen
         return -1;
     }

@@ -214,6 +214,86 @@ std::string SimHost::State::procPartitionsText() const
     return text;
 }
 
+bool SimHost::State::forEachDeviceNode(
+    const std::function<bool(const std::string&, const SimNode&)>& visit) const
+{
+    auto node = [](SimNode::Kind kind, unsigned int major, unsigned int minor) {
+        SimNode result;
+        result.kind = kind;
+        result.major = major;
+        result.minor = minor;
+        result.writable = true;
+        return result;
+    };
+    for (const SimDevice& disk : devices) {
+        if (!listed(disk)) {
+            continue;
+        }
+        int index = sdIndex(disk.name);
+        unsigned int major = 0, minor = 0;
+        if (index >= 0) {
+            sdNumbers(index, 0, major, minor);
+        }
+        if (visit("/dev/" + disk.name, node(SimNode::BlockDevice, major, minor))) {
+            return true;
+        }
+        for (const std::string& partition : disk.partitions) {
+            if (index >= 0) {
+                sdNumbers(index, partitionNumber(partition), major, minor);
+            }
+            if (visit("/dev/" + partition, node(SimNode::BlockDevice, major, minor))) {
+                return true;
+            }
+        }
+    }
+    for (size_t i = 0; i < powerpath.size(); ++i) {
+        if (visit("/dev/" + powerpath[i].name,
+                  node(SimNode::BlockDevice, 120, static_cast<unsigned int>(i * 16)))) {
+            return true;
+        }
+    }
+    if (deviceMapper) {
+        if (visit("/dev/mapper/control", node(SimNode::CharDevice, 10, 236))) {
+            return true;
+        }
+        for (size_t i = 0; i < maps.size(); ++i) {
+            if (visit("/dev/mapper/" + maps[i].name,
+                      node(SimNode::BlockDevice, 253, static_cast<unsigned int>(i)))) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+bool SimHost::State::lookup(const std::string& path, SimNode& found) const
+{
+    // The paths asked for most often are answered without building the whole tree.
+    if ((path == "/proc/scsi/scsi" && procScsi) || path == "/proc/partitions") {
+        found = SimNode();
+        found.content = path == "/proc/partitions" ? procPartitionsText() : procScsiText();
+        found.writable = path != "/proc/partitions";
+        return true;
+    }
+    if (path.compare(0, 5, "/dev/") == 0 &&
+        forEachDeviceNode([&](const std::string& nodePath, const SimNode& node) {
+            if (nodePath != path) {
+                return false;
+            }
+            found = node;
+            return true;
+        })) {
+        return true;
+    }
+    SimTree whole = tree();
+    auto entry = whole.find(path);
+    if (entry == whole.end()) {
+        return false;
+    }
+    found = entry->second;
+    return true;
+}
+
 SimTree SimHost::State::tree() const
 {
     SimTree tree;
@@ -225,14 +305,6 @@ SimTree SimHost::State::tree() const
         node.readable = readable;
         node.writable = writable;
         return node;
-    };
-    auto device = [&](const std::string& path, SimNode::Kind kind, unsigned int major,
-                      unsigned int minor) {
-        SimNode& node = tree[path];
-        node.kind = kind;
-        node.major = major;
-        node.minor = minor;
-        node.writable = true;
     };
     auto directory = [&](const std::string& path) { tree[path].kind = SimNode::Directory; };
 
@@ -296,30 +368,11 @@ SimTree SimHost::State::tree() const
             file(std::string("/sys/class/scsi_device/") + address + "/device/delete", "", false,
                  true);
         }
-        int index = sdIndex(disk.name);
-        unsigned int major = 0, minor = 0;
-        if (index >= 0) {
-            sdNumbers(index, 0, major, minor);
-        }
-        device("/dev/" + disk.name, SimNode::BlockDevice, major, minor);
-        for (const std::string& partition : disk.partitions) {
-            if (index >= 0) {
-                sdNumbers(index, partitionNumber(partition), major, minor);
-            }
-            device("/dev/" + partition, SimNode::BlockDevice, major, minor);
-        }
     }
-    for (size_t i = 0; i < powerpath.size(); ++i) {
-        device("/dev/" + powerpath[i].name, SimNode::BlockDevice, 120,
-               static_cast<unsigned int>(i * 16));
-    }
-    if (deviceMapper) {
-        device("/dev/mapper/control", SimNode::CharDevice, 10, 236);
-        for (size_t i = 0; i < maps.size(); ++i) {
-            device("/dev/mapper/" + maps[i].name, SimNode::BlockDevice, 253,
-                   static_cast<unsigned int>(i));
-        }
-    }
+    forEachDeviceNode([&](const std::string& path, const SimNode& node) {
+        tree[path] = node;
+        return false;
+    });
 
     // Every parent of an entry is a directory.
     std::vector<std::string> parents;
@@ -339,12 +392,11 @@ SimTree SimHost::State::tree() const
 
 bool SimHost::fileText(const std::string& path, std::string& text) const
 {
-    SimTree tree = m_state->tree();
-    auto found = tree.find(normalizePath(path));
-    if (found == tree.end() || found->second.kind != SimNode::File) {
+    SimNode node;
+    if (!m_state->lookup(normalizePath(path), node) || node.kind != SimNode::File) {
         return false;
     }
-    text = found->second.content;
+    text = node.content;
     return true;
 }
 
@@ -444,13 +496,11 @@ FILE* SimHost::fopen(const char* path, const char* mode)
         return nullptr;
     }
     const std::string normal = normalizePath(path);
-    SimTree tree = m_state->tree();
-    auto found = tree.find(normal);
-    if (found == tree.end()) {
+    SimNode node;
+    if (!m_state->lookup(normal, node)) {
         errno = ENOENT;
         return nullptr;
     }
-    const SimNode& node = found->second;
     if (node.kind == SimNode::Directory) {
         errno = EISDIR;
         return nullptr;
@@ -544,6 +594,14 @@ struct dirent* SimHost::readdir(void* dir)
     return &handle->entries[handle->next++];
 }
 
+void SimHost::State::closeDirectories()
+{
+    for (void* dir : dirs) {
+        delete static_cast<DirectoryHandle*>(dir);
+    }
+    dirs.clear();
+}
+
 int SimHost::closedir(void* dir)
 {
     if (!m_state->dirs.erase(dir)) {
@@ -560,16 +618,15 @@ int SimHost::stat(const char* path, struct stat* st)
         errno = EFAULT;
         return -1;
     }
-    SimTree tree = m_state->tree();
-    auto found = tree.find(normalizePath(path));
-    if (found == tree.end()) {
+    const std::string normal = normalizePath(path);
+    SimNode node;
+    if (!m_state->lookup(normal, node)) {
         errno = ENOENT;
         return -1;
     }
-    const SimNode& node = found->second;
     memset(st, 0, sizeof *st);
     st->st_nlink = 1;
-    st->st_ino = static_cast<ino_t>(std::distance(tree.begin(), found) + 2);
+    st->st_ino = static_cast<ino_t>(std::hash<std::string>()(normal) | 2);
     switch (node.kind) {
         case SimNode::Directory:
             st->st_mode = S_IFDIR | 0755;

@@ -204,7 +204,10 @@ bool SimHost::State::listed(const SimDevice& device)
 
 SimHost::SimHost() : m_state(new State) {}
 
-SimHost::~SimHost() = default;
+SimHost::~SimHost()
+{
+    m_state->closeDirectories();
+}
 
 void SimHost::setHostname(const std::string& name)
 {

@@ -105,7 +105,7 @@ public:
     std::vector<std::string> commandsRun() const;  // exec and system() command lines
     std::vector<SimEvent> writesTo(const std::string& path) const;
     std::vector<unsigned int> sleeps() const;
-    void clearEvents();
+    void clearEvents();     // also forgets the CDBs sent and the count of open() calls
     int openCalls() const;  // successful and failed open() calls on device nodes
     // The CDBs sent through ioctl to a node, in order ("/dev/sdc" or "sdc").
     std::vector<Bytes> cdbsSent(const std::string& node) const;

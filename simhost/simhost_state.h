@@ -74,6 +74,10 @@ struct SimHost::State {
 
     // The file tree (kernel_files.cpp).
     SimTree tree() const;
+    bool lookup(const std::string& normalPath, SimNode& node) const;  // false: no such path
+    // Visits the nodes under /dev until `visit` returns true; true when it did.
+    bool forEachDeviceNode(
+        const std::function<bool(const std::string&, const SimNode&)>& visit) const;
     std::string procScsiText() const;
     std::string procPartitionsText() const;
     void actOnWrite(const std::string& path, const std::string& data, bool append);
@@ -83,6 +87,7 @@ struct SimHost::State {
     // SCSI commands (devices.cpp).
     int sgIo(SimDevice* device, void* header, std::vector<Bytes>& sent);
     std::set<void*> dirs;  // open directory handles
+    void closeDirectories();
 
     // Commands (commands.cpp).
     int run(const std::string& command, std::vector<std::string>& output, bool shell);

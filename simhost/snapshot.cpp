@@ -4,6 +4,7 @@
 
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -213,6 +214,15 @@ SimDevice readDevice(const json& value, const std::string& path)
                  "\" (expected running, latent, unresponsive, gone or removed)");
     }
     device.partitions = fields.strings("partitions");
+    for (size_t i = 0; i < device.partitions.size(); ++i) {
+        const std::string& partition = device.partitions[i];
+        if (partition.compare(0, device.name.size(), device.name) != 0 ||
+            partition.size() == device.name.size() ||
+            partition.find_first_not_of("0123456789", device.name.size()) != std::string::npos) {
+            fail(fields.at("partitions") + "[" + std::to_string(i) + "]",
+                 partition + " is not a partition of " + device.name);
+        }
+    }
     device.blocks = static_cast<unsigned long long>(
         fields.integer("blocks", false, 0, 1LL << 50, static_cast<long long>(device.blocks)));
     return device;
@@ -235,6 +245,9 @@ std::vector<SimPseudoDevice> readPseudoDevices(const json& root, const std::stri
         }
         if (!names.insert(pseudo.name).second) {
             fail(fields.at("name"), "duplicate name " + pseudo.name);
+        }
+        if (key == "powerpath" && state.find(pseudo.name)) {
+            fail(fields.at("name"), "node /dev/" + pseudo.name + " is a device's node");
         }
         if (!state.find(pseudo.device)) {
             fail(fields.at("device"), "unknown device " + pseudo.device);
@@ -468,7 +481,9 @@ std::string SimHost::toJson() const
         root["commands"][command.first] =
             ordered{{"exit", command.second.exitCode}, {"output", command.second.output}};
     }
-    return root.dump(2) + "\n";
+    // Addresses on one line: "address": [3, 0, 0, 1].
+    static const std::regex address(R"re("address": \[\s*(\d+),\s*(\d+),\s*(\d+),\s*(\d+)\s*\])re");
+    return std::regex_replace(root.dump(2), address, "\"address\": [$1, $2, $3, $4]") + "\n";
 }
 
 }  // namespace simhost

@@ -10,116 +10,54 @@
 #include <vector>
 
 #include "WWPN_discovery.h"
-#include "fi_system.h"
 #include "scsitool.h"
+#include "simhost.h"
 #include "trace_capture.h"
 
 namespace {
 
 typedef std::vector<unsigned char> Bytes;
 
-// Device nodes that decode the INQUIRY CDB and the IDLUN request the way the mid-layer does,
-// files served from memory, and scripted commands.
-class FakeHost : public kzfi_pdk_4_4::CFiSystem {
+// The simulated host, with a record of what only the system interface sees: open flags,
+// closed descriptors and the length words of every command buffer. With `zeroFd` the next
+// successful open hands out descriptor 0.
+class Host : public simhost::SimHost {
 public:
-    struct Device {
-        Bytes inquiry;
-        std::map<int, Bytes> vpd;  // a page absent here fails its command
-        unsigned int idlun = 0;
-        bool idlunFails = false;
-    };
-
-    FakeHost() : m_previous(kzfi_pdk_4_4::fiInstallSystem(this)) {}
-    ~FakeHost() override { kzfi_pdk_4_4::fiInstallSystem(m_previous); }
-
     int open(const char* path, int flags) override
     {
-        ++openCalls;
         lastFlags = flags;
-        if (devices.count(path) == 0) {
-            errno = ENOENT;
-            return -1;
+        int fd = SimHost::open(path, flags);
+        if (fd >= 0 && zeroFd) {
+            zeroFd = false;
+            return 0;
         }
-        int fd = nextFd >= 0 ? nextFd++ : 0;
-        fds[fd] = path;
         return fd;
     }
     int close(int fd) override
     {
         closed.push_back(fd);
-        return 0;
+        return SimHost::close(fd);
     }
     int ioctl(int fd, unsigned long request, void* arg) override
     {
-        Device& dev = devices.at(fds.at(fd));
-        if (request == SCSITOOL_IOCTL_GET_IDLUN) {
-            if (dev.idlunFails)
-                return -1;
-            static_cast<unsigned int*>(arg)[0] = dev.idlun;
-            return 0;
+        if (request == SCSITOOL_IOCTL_SEND_COMMAND) {
+            lengths.push_back(
+                Bytes(static_cast<unsigned char*>(arg), static_cast<unsigned char*>(arg) + 8));
         }
-        unsigned char* buffer = static_cast<unsigned char*>(arg);
-        sent.push_back(Bytes(buffer, buffer + 14));
-        const unsigned char* cdb = buffer + 8;
-        const Bytes* answer = &dev.inquiry;
-        if (cdb[1] & 1) {
-            auto page = dev.vpd.find(cdb[2]);
-            if (page == dev.vpd.end())
-                return 1;
-            answer = &page->second;
-        }
-        size_t size = std::min<size_t>(answer->size(), cdb[4]);
-        std::memcpy(buffer + 8, answer->data(), size);
-        return 0;
+        return SimHost::ioctl(fd, request, arg);
     }
-    FILE* fopen(const char* path, const char* mode) override
-    {
-        auto it = files.find(path);
-        if (it == files.end())
-            return nullptr;
-        FILE* file = tmpfile();
-        std::fputs(it->second.c_str(), file);
-        std::rewind(file);
-        (void)mode;
-        return file;
-    }
-    int access(const char* path, int) override { return files.count(path) ? 0 : -1; }
-    int system(const char* command) override
-    {
-        commands.push_back(command);
-        return 0;
-    }
-    int exec(const std::string& command, std::vector<std::string>& output, unsigned long,
-             int&) override
-    {
-        commands.push_back(command);
-        auto it = listings.find(command);
-        output = it == listings.end() ? std::vector<std::string>() : it->second;
-        return it == listings.end() ? 2 : 0;
-    }
-
-    std::map<std::string, Device> devices;
-    std::map<std::string, std::string> files;
-    std::map<std::string, std::vector<std::string>> listings;  // commands that succeed
-    std::vector<std::string> commands;
-    std::vector<Bytes> sent;  // header and CDB of every INQUIRY, in order
-    std::map<int, std::string> fds;
     std::vector<int> closed;
-    int nextFd = 5;  // -1: hand out descriptor 0
-    int openCalls = 0;
+    std::vector<Bytes> lengths;
     int lastFlags = 0;
-
-private:
-    kzfi_pdk_4_4::CFiSystem* m_previous;
+    bool zeroFd = false;
 };
 
 // A standard INQUIRY of `size` bytes of a direct-access disk.
-Bytes inquiry(size_t size, const char* vendor = "ACME    ",
-              const char* product = "Disk            ", const char* revision = "01  ")
+Bytes inquiry(size_t size)
 {
     Bytes b(size, 0);
     b[4] = static_cast<unsigned char>(size - 5);
-    std::string text = std::string(vendor) + product + revision;
+    std::string text = "ACME    Disk            01  ";
     for (size_t i = 0; i < text.size() && 8 + i < size; ++i)
         b[8 + i] = text[i];
     return b;
@@ -141,18 +79,31 @@ CScsiDeviceData record(const std::string& name, int lun = 0, int port = -1)
 }
 
 struct ScsiAccess : ::testing::Test {
-    FakeHost host;
+    Host host;
+    simhost::SimHostInstall install{host};
     TraceCapture trace;
     CScsiTool tool;
     ScsiAccess() { tool.registerTraceLog(trace.log()); }
-    FakeHost::Device& disk(const std::string& name)
+    // A disk (made afresh when known) listing pages 0x00, 0x80 and 0x83 (and answering 0xC0
+    // unlisted).
+    simhost::SimDevice& disk(const std::string& name = "sda")
     {
-        FakeHost::Device& d = host.devices[name];
+        simhost::SimDevice d;
+        d.name = name;
         d.inquiry = inquiry(36);
         d.vpd[0x00] = vpd(0x00, {0x00, 0x80, 0x83});
         d.vpd[0x80] = vpd(0x80, {'S', 'N', '1'});
         d.vpd[0x83] = vpd(0x83, {1, 3, 0, 8, 0x60, 5, 0x0A, 0, 0, 0, 0, 1});
-        return d;
+        d.vpd[0xC0] = vpd(0xC0, {1});
+        simhost::SimDevice* known = host.findDevice(name);
+        return known ? (*known = d) : host.addDevice(d);
+    }
+    // One INQUIRY through a fresh handle.
+    int query(CScsiDeviceData& dev, unsigned int code, unsigned int type, unsigned int& length,
+              ScsiPagePtr& page)
+    {
+        CScsiDeviceHandle handle;
+        return tool.GetModePageInfo(handle, dev, code, length, type, page);
     }
 };
 
@@ -162,56 +113,57 @@ TEST_F(ScsiAccess, FailedOpenReportsOnceWithoutThrowAndTwiceWhenThrowing)
 {
     const std::string warning =
         "ERROR: CScsiDeviceHandle::openDevice() Invalid device handle [0xffffffff] for "
-        "[/dev/gone], errno [2] throwing";
-    CScsiDeviceData gone = record("/dev/gone");
-    {
-        CScsiDeviceHandle handle(trace.log());
-        EXPECT_EQ(-1, handle.open(gone, true));
-        EXPECT_EQ(-1, handle.getDescriptor());
-        EXPECT_EQ(std::vector<std::string>{warning}, trace.at(2));
-        EXPECT_TRUE(trace.at(1).empty());
-    }
-    trace.clear();
+        "[/dev/sdx], errno [2] throwing";
+    CScsiDeviceData missing = record("/dev/sdx");
     CScsiDeviceHandle handle(trace.log());
-    EXPECT_THROW(
-        try { handle.open(gone, false); } catch (int e) {
-            EXPECT_EQ(6, e);
-            throw;
-        },
-        int);
+    EXPECT_EQ(-1, handle.open(missing, true));
+    EXPECT_EQ(-1, handle.getDescriptor());
     EXPECT_EQ(std::vector<std::string>{warning}, trace.at(2));
-    EXPECT_EQ(std::vector<std::string>{"ERROR: CScsiDeviceHandle::openDevice() caught unhandled "
-                                       "exception."},
+    EXPECT_TRUE(trace.at(1).empty());
+
+    trace.clear();
+    int thrown = 0;
+    try {
+        handle.open(missing, false);
+    } catch (int e) {
+        thrown = e;
+    }
+    EXPECT_EQ(6, thrown);
+    EXPECT_EQ(std::vector<std::string>{warning}, trace.at(2));
+    EXPECT_EQ(std::vector<std::string>{"ERROR: CScsiDeviceHandle::openDevice() caught "
+                                       "unhandled exception."},
               trace.at(1));
 }
 
 TEST_F(ScsiAccess, SecondOpenReusesTheDescriptorAndTheDestructorClosesIt)
 {
-    disk("/dev/sda");
-    disk("/dev/sdb");
+    disk("sda");
+    disk("sdb");
     CScsiDeviceData a = record("/dev/sda");
     CScsiDeviceData b = record("/dev/sdb");
+    int fd = -1;
     {
         CScsiDeviceHandle handle(a);
-        EXPECT_EQ(5, handle.open(b, false));
+        fd = handle.getDescriptor();
+        EXPECT_EQ(fd, handle.open(b, false));
         EXPECT_EQ("/dev/sda", handle.getDeviceName());
-        EXPECT_EQ(1, host.openCalls);
-        EXPECT_EQ(O_RDWR | O_NONBLOCK, host.lastFlags);
-        EXPECT_EQ(0x802, host.lastFlags);
+        EXPECT_EQ(1, host.openCalls());
+        EXPECT_EQ(0x802, host.lastFlags);  // O_RDWR | O_NONBLOCK
     }
-    EXPECT_EQ(std::vector<int>{5}, host.closed);
+    EXPECT_EQ(std::vector<int>{fd}, host.closed);
 }
 
 TEST_F(ScsiAccess, DescriptorZeroIsClosedOnlyOnRequest)
 {
-    disk("/dev/sda");
-    host.nextFd = -1;
+    disk();
     CScsiDeviceData a = record("/dev/sda");
+    host.zeroFd = true;
     {
         CScsiDeviceHandle handle(a);
         EXPECT_EQ(0, handle.getDescriptor());
     }
     EXPECT_TRUE(host.closed.empty());
+    host.zeroFd = true;
     CScsiDeviceHandle handle(a);
     handle.closeDevice(-1);
     EXPECT_TRUE(host.closed.empty());
@@ -224,6 +176,7 @@ TEST_F(ScsiAccess, DescriptorZeroIsClosedOnlyOnRequest)
 
 TEST_F(ScsiAccess, InquiryCommandAndAnswerLength)
 {
+    disk();
     struct Case {
         unsigned int type, code;
         int lun;
@@ -237,51 +190,47 @@ TEST_F(ScsiAccess, InquiryCommandAndAnswerLength)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.code);
-        disk("/dev/sda");
-        host.sent.clear();
         CScsiDeviceData dev = record("/dev/sda", c.lun);
-        CScsiDeviceHandle handle;
         unsigned int length = 99;
         ScsiPagePtr page;
-        ASSERT_EQ(0, tool.GetModePageInfo(handle, dev, c.code, length, c.type, page));
+        ASSERT_EQ(0, query(dev, c.code, c.type, length, page));
         EXPECT_EQ(c.length, length);
-        ASSERT_EQ(1u, host.sent.size());
-        Bytes header = {
-            0, 0,    0, 0, 0xE0, 0x01, 0, 0, 0x12, c.cdb1, static_cast<unsigned char>(c.code),
-            0, 0xFC, 0};
-        EXPECT_EQ(header, host.sent[0]);
+        EXPECT_EQ((Bytes{0, 0, 0, 0, 0xE0, 0x01, 0, 0}), host.lengths.back());
+        Bytes cdb = {0x12, c.cdb1, static_cast<unsigned char>(c.code), 0, 0xFC, 0};
+        EXPECT_EQ(cdb, host.cdbsSent("/dev/sda").back());
     }
 }
 
 TEST_F(ScsiAccess, LengthByteThatClaimsTooMuchIsCutToTheAllocationLength)
 {
-    disk("/dev/sda").vpd[0x80] = {0, 0x80, 0, 0xFF, 'A', 'B'};
+    disk().vpd[0x80] = {0, 0x80, 0, 0xFF, 'A', 'B'};
     CScsiDeviceData dev = record("/dev/sda");
-    CScsiDeviceHandle handle;
     unsigned int length = 0;
     ScsiPagePtr page;
-    ASSERT_EQ(0, tool.GetModePageInfo(handle, dev, 0x80, length, 1, page));
+    ASSERT_EQ(0, query(dev, 0x80, 1, length, page));
     ASSERT_EQ(252u, length);
     EXPECT_EQ('B', page->get()[5]);
     EXPECT_EQ(0, page->get()[251]);  // never sent: the zeroed buffer
+    // A second answer into the same holder releases the first page (the leak check sees it).
+    ASSERT_EQ(0, query(dev, 0x83, 1, length, page));
+    EXPECT_EQ(16u, length);
+    EXPECT_EQ(0x83, page->get()[1]);
 }
 
 TEST_F(ScsiAccess, FailedInquiryReportsAndLeavesThePage)
 {
-    disk("/dev/sda");
+    disk();
     CScsiDeviceData dev = record("/dev/sda");
-    CScsiDeviceData gone = record("/dev/gone");
-    CScsiDeviceHandle handle;
+    CScsiDeviceData missing = record("/dev/sdx");
     unsigned int length = 7;
     ScsiPagePtr page;
-    EXPECT_EQ(6, tool.GetModePageInfo(handle, dev, 0xC0, length, 1, page));
+    EXPECT_EQ(6, query(dev, 0xC8, 1, length, page));
     EXPECT_EQ(0u, length);
     EXPECT_FALSE(page);
     EXPECT_TRUE(trace.has(1,
                           "libscsitool: ERROR: ioctl(SCSI_IOCTL_SEND_COMMAN) for device "
                           "/dev/sda "));
-    CScsiDeviceHandle other;
-    EXPECT_EQ(6, tool.GetModePageInfo(other, gone, 0, length, 0, page));
+    EXPECT_EQ(6, query(missing, 0, 0, length, page));
     EXPECT_TRUE(trace.has(2, "GetModePageInfo: Exception Ocurred"));
 }
 
@@ -289,7 +238,11 @@ TEST_F(ScsiAccess, FailedInquiryReportsAndLeavesThePage)
 
 TEST_F(ScsiAccess, IdlunWordFillsTheAddress)
 {
-    disk("/dev/sda").idlun = 0x03020105;
+    simhost::SimDevice& d = disk();
+    d.host = 3;
+    d.channel = 2;
+    d.lun = 1;
+    d.id = 5;  // the word 0x03020105
     CScsiDeviceData dev = record("/dev/sda");
     CScsiDeviceHandle handle;
     tool.GetTargetLunPortInfo(handle, dev);
@@ -307,7 +260,7 @@ TEST_F(ScsiAccess, IdlunWordFillsTheAddress)
 
 TEST_F(ScsiAccess, FailedIdlunThrowsAfterTwoErrors)
 {
-    disk("/dev/sda").idlunFails = true;
+    disk().state = simhost::DeviceState::Unresponsive;
     CScsiDeviceData dev = record("/dev/sda", 4, 9);
     CScsiDeviceHandle handle;
     EXPECT_THROW(tool.GetTargetLunPortInfo(handle, dev), int);
@@ -323,37 +276,35 @@ TEST_F(ScsiAccess, FailedIdlunThrowsAfterTwoErrors)
 TEST_F(ScsiAccess, RemoveDeviceWritesTheAddressToTheKernelList)
 {
     CScsiDeviceData dev("/dev/sda", "", "host", 2, 0, 3, 1, "", "", "", 0);
-    EXPECT_EQ(0, tool.RemoveDevice(&dev));
-    EXPECT_EQ(std::vector<std::string>{"/bin/echo \"scsi remove-single-device 1 0 2 3\" >  "
-                                       "/proc/scsi/scsi"},
-              host.commands);
     CScsiDeviceData unknown = record("/dev/sdb");
+    EXPECT_EQ(0, tool.RemoveDevice(&dev));
     EXPECT_EQ(6, tool.RemoveDevice(&unknown));
     EXPECT_EQ(6, tool.RemoveDevice(nullptr));
-    EXPECT_EQ(1u, host.commands.size());
-    EXPECT_EQ(2u, trace.at(2).size());
-    EXPECT_TRUE(trace.has(2, "RemoveDevice: Unknown device or adapter"));
+    EXPECT_EQ(std::vector<std::string>{"/bin/echo \"scsi remove-single-device 1 0 2 3\" >  "
+                                       "/proc/scsi/scsi"},
+              host.commandsRun());
+    EXPECT_EQ(std::vector<std::string>(2, "RemoveDevice: Unknown device or adapter"), trace.at(2));
 }
 
 // ---- filling a record
 
 TEST_F(ScsiAccess, UpdateDeviceCachesTheListedPagesInFixedOrder)
 {
-    disk("/dev/sda").vpd[0xC0] = vpd(0xC0, {1});  // answered, but not listed: never read
+    disk();
     CScsiDeviceData dev = record("/dev/sda");
     ASSERT_EQ(0, tool.UpdateDevice(&dev));
     std::vector<unsigned int> keys;
     for (const auto& entry : dev.m_pageCache)
         keys.push_back(entry.first);
-    EXPECT_EQ((std::vector<unsigned int>{0x00, 0x80, 0x83}), keys);
+    EXPECT_EQ((std::vector<unsigned int>{0x00, 0x80, 0x83}), keys);  // 0xC0 is not listed
     std::vector<int> codes;
-    for (const Bytes& s : host.sent)
-        codes.push_back(s[10]);
+    for (const Bytes& cdb : host.cdbsSent("/dev/sda"))
+        codes.push_back(cdb[2]);
     EXPECT_EQ((std::vector<int>{0x00, 0x00, 0x83, 0x80}), codes);
     EXPECT_EQ(7u, dev.m_pageCache[0x80].getLength());
     EXPECT_EQ("Linux", dev.m_operatingSystem);
-    EXPECT_EQ(1, host.openCalls);
-    EXPECT_EQ(std::vector<int>{5}, host.closed);
+    EXPECT_EQ(1, host.openCalls());
+    EXPECT_EQ(1u, host.closed.size());
 
     ASSERT_EQ(0, tool.UpdateDevice(&dev));
     EXPECT_EQ((std::vector<unsigned int>{0x00, 0x80, 0x83, 0x00, 0x80, 0x83}),
@@ -363,41 +314,41 @@ TEST_F(ScsiAccess, UpdateDeviceCachesTheListedPagesInFixedOrder)
 TEST_F(ScsiAccess, UpdateDeviceRefusesWhatIsNotADisk)
 {
     const std::string size =
-        "WARNING: UpdateStdInquiryString invalid SCSI inq page size, device "
-        "may have been removed.";
+        "WARNING: UpdateStdInquiryString invalid SCSI inq page size, device may have been "
+        "removed.";
+    const std::string call =
+        "WARNING: CScsiToolBase::UpdateDevice() call to UpdateStdInquiryString for device "
+        "/dev/sda";
+    Bytes tape = inquiry(36);
+    tape[0] = 0x01;
     struct Case {
-        const char* what;
         Bytes inquiry;
-        std::string warning;
+        simhost::DeviceState state;
+        std::vector<std::string> warnings;
     } cases[] = {
-        {"tape", inquiry(36),
-         "WARNING: UpdateStdInquiryString SCSI check for disk device error, device may have "
-         "been removed."},
-        {"31 bytes", inquiry(31), size},
-        {"vanished", Bytes(), size},
+        {tape,
+         simhost::DeviceState::Running,
+         {"WARNING: UpdateStdInquiryString SCSI check for disk device error, device may have "
+          "been removed.",
+          call}},
+        {inquiry(31), simhost::DeviceState::Running, {size, call}},
+        {inquiry(36),
+         simhost::DeviceState::Gone,
+         {"ERROR: CScsiDeviceHandle::openDevice() Invalid device handle [0xffffffff] for "
+          "[/dev/sda], errno [6] throwing",
+          "GetModePageInfo: Exception Ocurred", size, call}},
     };
-    cases[0].inquiry[0] = 0x01;
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(c.warnings[0]);
         trace.clear();
-        host.devices.clear();
-        if (!c.inquiry.empty())
-            disk("/dev/sda").inquiry = c.inquiry;
+        simhost::SimDevice& d = disk();
+        d.inquiry = c.inquiry;
+        d.state = c.state;
         CScsiDeviceData dev = record("/dev/sda");
         EXPECT_EQ(6, tool.UpdateDevice(&dev));
-        std::vector<std::string> expected = {
-            c.warning,
-            "WARNING: CScsiToolBase::UpdateDevice() call to UpdateStdInquiryString for device "
-            "/dev/sda"};
-        std::vector<std::string> warnings = trace.at(2);
-        if (c.inquiry.empty()) {  // the open failure is reported first
-            ASSERT_EQ(4u, warnings.size());
-            warnings.erase(warnings.begin(), warnings.begin() + 2);
-        }
-        EXPECT_EQ(expected, warnings);
+        EXPECT_EQ(c.warnings, trace.at(2));
     }
-    CScsiDeviceData* none = nullptr;
-    EXPECT_EQ(6, tool.UpdateDevice(none));
+    EXPECT_EQ(6, tool.UpdateDevice(static_cast<CScsiDeviceData*>(nullptr)));
     EXPECT_TRUE(trace.has(2, "WARNING: CScsiToolBase::UpdateDevice() invalid SCSI device handle."));
 }
 
@@ -405,21 +356,19 @@ TEST_F(ScsiAccess, InquiryStringsComeOnlyFromReceivedBytes)
 {
     struct Case {
         size_t size;
-        const char* vendor;
-        const char* product;
         const char* firmware;
     } cases[] = {
-        {36, "ACME", "Disk", "01  "},
-        {34, "ACME", "Disk", "01"},  // a short INQUIRY gives a short firmware level
-        {32, "ACME", "Disk", ""},
+        {36, "01  "},  // revision blanks are kept
+        {34, "01"},    // a short INQUIRY gives a short firmware level
+        {32, ""},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.size);
-        disk("/dev/sda").inquiry = inquiry(c.size);
+        disk().inquiry = inquiry(c.size);
         CScsiDeviceData dev = record("/dev/sda");
         ASSERT_EQ(0, tool.UpdateDevice(&dev));
-        EXPECT_EQ(c.vendor, dev.m_vendorId);
-        EXPECT_EQ(c.product, dev.m_productId);
+        EXPECT_EQ("ACME", dev.m_vendorId);
+        EXPECT_EQ("Disk", dev.m_productId);
         EXPECT_EQ(c.firmware, dev.m_firmwareLevel);
         EXPECT_EQ(c.size, dev.m_pageCache[0].getLength());
     }
@@ -427,93 +376,99 @@ TEST_F(ScsiAccess, InquiryStringsComeOnlyFromReceivedBytes)
 
 // ---- initiator identities
 
-TEST_F(ScsiAccess, HostIqn)
+TEST(HostIdentity, HostIqn)
 {
-    const std::string file = "/etc/iscsi/initiatorname.iscsi";
     struct Case {
         bool tools;
         const char* content;  // nullptr: no file
         int result;
         std::string iqn;
+        std::string error;
     } cases[] = {
-        {true, "InitiatorName=iqn.x:host1\n", 0, "iqn.x:host1"},
-        {true, "# comment\ninitiatorname = iqn.x   \n", 0, "iqn.x"},
-        {true, "#InitiatorName=iqn.x\n", 0, "unchanged"},
-        {true, "InitiatorName=\nInitiatorName=iqn.y\n", 0, "iqn.y"},  // an empty name is skipped
-        {true, nullptr, 26, "unchanged"},
-        {false, "InitiatorName=iqn.x\n", 6, "unchanged"},
+        {true, "InitiatorName=iqn.x:host1\n", 0, "iqn.x:host1", ""},
+        {true, "# comment\ninitiatorname = iqn.x   \n", 0, "iqn.x", ""},
+        {true, "#InitiatorName=iqn.x\n", 0, "unchanged", ""},
+        {true, "InitiatorName=\nInitiatorName=iqn.y\n", 0, "iqn.y", ""},  // empty name skipped
+        {true, nullptr, 26, "unchanged",
+         "Error: failed to open file [/etc/iscsi/initiatorname.iscsi]"},
+        {false, "InitiatorName=iqn.x\n", 6, "unchanged",
+         "libscsitool: ERROR: iscsi-initiator-utils package is not installed on the host"},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.result);
-        host.files.clear();
-        trace.clear();
+        SCOPED_TRACE(c.iqn);
+        simhost::SimHost host;
+        simhost::SimHostInstall install(host);
+        TraceCapture trace;
+        CScsiTool tool;
+        tool.registerTraceLog(trace.log());
         if (c.tools)
-            host.files["/sbin/iscsiadm"] = "";
+            host.addExecutable("/sbin/iscsiadm");
         if (c.content)
-            host.files[file] = c.content;
+            host.addFile("/etc/iscsi/initiatorname.iscsi", c.content);
         std::string iqn = "unchanged";
         EXPECT_EQ(c.result, tool.GetHostIQN(iqn));
         EXPECT_EQ(c.iqn, iqn);
+        EXPECT_EQ(c.error.empty() ? std::vector<std::string>() : std::vector<std::string>{c.error},
+                  trace.at(1));
     }
-    EXPECT_TRUE(trace.has(
-        1, "libscsitool: ERROR: iscsi-initiator-utils package is not installed on the host"));
-    host.files.erase(file);
-    host.files["/sbin/iscsiadm"] = "";
-    std::string iqn;
-    tool.GetHostIQN(iqn);
-    EXPECT_TRUE(trace.has(1, "Error: failed to open file [/etc/iscsi/initiatorname.iscsi]"));
 }
 
-struct WwpnCase : ScsiAccess {
+struct Wwpn : ::testing::Test {
+    simhost::SimHost host;
+    simhost::SimHostInstall install{host};
+    TraceCapture trace;
     WWPN wwpn;
-    WwpnCase() { wwpn.registerTraceLog(trace.log()); }
+    Wwpn() { wwpn.registerTraceLog(trace.log()); }
+    void adapter(int number, const std::string& driver, const std::string& procText,
+                 const std::string& portName)
+    {
+        host.addAdapter(simhost::SimAdapter{number, driver, procText, !portName.empty(), portName});
+    }
 };
 
-TEST_F(WwpnCase, QlogicDriverFiles)
+TEST_F(Wwpn, QlogicDriverFiles)
 {
-    host.listings["/bin/ls /proc/scsi/qla2xxx/"] = {"1", "2 ", "3"};
-    host.files["/proc/scsi/qla2xxx/1"] =
-        "QLogic PCI to Fibre Channel Host Adapter\nscsi-qla0-adapter-node=2000001b32000001;\n"
-        "scsi-qla0-adapter-port=2100001b32000001;\n";
-    host.files["/proc/scsi/qla2xxx/2"] = "scsi-qla1-adapter-port = 2100001b32000002 ;\n";
+    adapter(1, "qla2xxx",
+            "QLogic PCI to Fibre Channel Host Adapter\nscsi-qla0-adapter-node=2000001b32000001;\n"
+            "scsi-qla0-adapter-port=2100001b32000001;\n",
+            "0x2100001b32000001");
+    adapter(2, "qla2xxx", "scsi-qla1-adapter-port = 2100001b32000002 ;\n", "");
     EXPECT_EQ((std::vector<std::string>{"2100001b32000001", "2100001b32000002"}), wwpn.getWWPN());
-    EXPECT_EQ(std::vector<std::string>{"/bin/ls /proc/scsi/qla2xxx/"}, host.commands);
-    EXPECT_TRUE(trace.has(1, "Error: failed to open file /proc/scsi/qla2xxx/3"));
+    EXPECT_EQ(std::vector<std::string>{"/bin/ls /proc/scsi/qla2xxx/"}, host.commandsRun());
     EXPECT_TRUE(trace.has(3, "Reading file /proc/scsi/qla2xxx/1"));
 }
 
-TEST_F(WwpnCase, EmptyDriverDirectoryKeepsSysfsOut)
+TEST_F(Wwpn, EmptyDriverDirectoryKeepsSysfsOut)
 {
-    host.listings["/bin/ls /proc/scsi/qla2xxx/"] = {};
-    host.listings["/bin/ls /sys/class/fc_host/"] = {"host4"};
-    host.files["/sys/class/fc_host/host4/port_name"] = "0x21000024ff2c3d4e\n";
+    host.scriptCommand("/bin/ls /proc/scsi/qla2xxx/", simhost::SimCommandScript{0, {}});
+    adapter(4, "qla2xxx", "", "0x21000024ff2c3d4e");
     EXPECT_TRUE(wwpn.getWWPN().empty());
-    EXPECT_EQ(std::vector<std::string>{"/bin/ls /proc/scsi/qla2xxx/"}, host.commands);
+    EXPECT_EQ(std::vector<std::string>{"/bin/ls /proc/scsi/qla2xxx/"}, host.commandsRun());
 }
 
-TEST_F(WwpnCase, SysfsOnlyHosts)
+TEST_F(Wwpn, SysfsOnlyHosts)
 {
-    host.listings["/bin/ls /sys/class/fc_host/"] = {"host4"};
-    host.files["/sys/class/fc_host/host4/port_name"] = "0x21000024ff2c3d4e\n";
+    adapter(4, "lpfc", "", "0x21000024ff2c3d4e");
     EXPECT_EQ(std::vector<std::string>{"0x21000024ff2c3d4e"}, wwpn.getWWPN());
     std::vector<std::string> expected = {"/bin/ls /proc/scsi/qla2xxx/",
                                          "/bin/ls /proc/scsi/qla2300/", "/bin/ls /proc/scsi/lpfc/",
                                          "/bin/ls /sys/class/fc_host/"};
-    EXPECT_EQ(expected, host.commands);
+    EXPECT_EQ(expected, host.commandsRun());
     EXPECT_EQ((std::vector<std::string>{"Error: command /bin/ls /proc/scsi/qla2xxx/ failed.\n",
                                         "Error: command /bin/ls /proc/scsi/qla2300/ failed.\n",
                                         "Error: command /bin/ls /proc/scsi/lpfc/ failed.\n"}),
               trace.at(1));
+}
 
-    // Without fc_host: both scsi_host layouts; the newer one wins when both are there.
-    host.listings.clear();
-    host.files.clear();
-    trace.clear();
+TEST_F(Wwpn, ScsiHostLayoutsWithoutFcHost)
+{
+    // Both layouts under scsi_host; the newer one wins when both are there.
     const std::string s = "/sys/class/scsi_host/";
-    host.listings["/bin/ls " + s] = {"host0", "host1", "host2"};
-    host.files[s + "host0/device/fc_host/host0/port_name"] = "0x10\n";
-    host.files[s + "host0/device/fc_host:host0/port_name"] = "0x11\n";
-    host.files[s + "host1/device/fc_host:host1/port_name"] = "0x20\n";
+    for (int n = 0; n < 3; ++n)
+        adapter(n, "mptspi", "", "");
+    host.addFile(s + "host0/device/fc_host/host0/port_name", "0x10\n");
+    host.addFile(s + "host0/device/fc_host:host0/port_name", "0x11\n");
+    host.addFile(s + "host1/device/fc_host:host1/port_name", "0x20\n");
     EXPECT_EQ((std::vector<std::string>{"0x10", "0x20"}), wwpn.getWWPN());
     EXPECT_TRUE(trace.has(1, "Error: failed to open file " + s +
                                  "host2/device/fc_host/host2/port_name and " + s +

@@ -6,11 +6,18 @@
 #include <gtest/gtest.h>
 #include <scsi/sg.h>
 #include <string.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "device_scsi_data.h"
+#include "device_udid_generator.h"
+#include "scsitool.h"
 #include "simhost.h"
 
 using simhost::Bytes;
@@ -230,6 +237,21 @@ TEST_F(SimHostTest, SgIoAnswersTheVendorCommandWithinTheCallersBuffer)
     EXPECT_EQ(0, header.resid);
     EXPECT_EQ(Bytes(cdb, cdb + 10), host.cdbsSent("/dev/sdb").back());
 
+    // INQUIRY through SG_IO: a rejected page comes back as CHECK CONDITION with sense data.
+    unsigned char inquiry[6] = {0x12, 1, 0x80, 0, 252, 0};
+    unsigned char sense[32] = {0};
+    header.cmd_len = 6;
+    header.cmdp = inquiry;
+    header.sbp = sense;
+    header.mx_sb_len = 16;
+    ASSERT_EQ(0, host.ioctl(fd, 0x2285, &header));
+    EXPECT_EQ(2, header.status);
+    EXPECT_EQ(16, header.sb_len_wr);
+    EXPECT_EQ(0x05, sense[2]);
+    EXPECT_EQ(0, sense[16]);  // cut to mx_sb_len
+    header.cmd_len = 10;
+    header.cmdp = cdb;
+
     int other = host.open("/dev/sdc", O_RDONLY);  // no vendor command
     errno = 0;
     EXPECT_EQ(-1, host.ioctl(other, 0x2285, &header));
@@ -385,6 +407,161 @@ TEST_F(SimHostTest, CommandsAreScriptedOrNotFoundAndEverythingIsRecorded)
     EXPECT_TRUE(host.events().empty());
 }
 
+TEST_F(SimHostTest, NodesDirectoriesAndProgramsStatLikeTheirKind)
+{
+    host.addPowerPathDevice("emcpowera", "sdb");
+    host.addExecutable("/sbin/powermt");
+    host.addFile("/etc/iscsi/initiatorname.iscsi", "InitiatorName=iqn.x\n");
+    struct stat st;
+    ASSERT_EQ(0, host.stat("/dev/sdc", &st));
+    EXPECT_TRUE(S_ISBLK(st.st_mode));
+    EXPECT_EQ(makedev(8, 32), st.st_rdev);
+    ASSERT_EQ(0, host.stat("/dev/", &st));
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    ASSERT_EQ(0, host.stat("/etc/iscsi/initiatorname.iscsi", &st));
+    EXPECT_EQ(20, st.st_size);
+    EXPECT_EQ(0, host.access("/sbin/powermt", X_OK));
+    EXPECT_EQ(-1, host.access("/etc/iscsi/initiatorname.iscsi", X_OK));
+    EXPECT_EQ(-1, host.access("/bin/rescan-scsi-bus.sh", F_OK));
+    EXPECT_EQ(ENOENT, errno);
+    // Control files are write-only; the kernel's tables read-only; snapshot files take writes.
+    EXPECT_EQ(nullptr, host.fopen("/sys/class/scsi_host/host3/scan", "r"));
+    EXPECT_EQ(EACCES, errno);
+    EXPECT_EQ(nullptr, host.fopen("/proc/partitions", "w"));
+    ASSERT_TRUE(writeFile(host, "/etc/iscsi/initiatorname.iscsi", "#more\n"));
+    EXPECT_EQ("InitiatorName=iqn.x\n#more\n", text(host, "/etc/iscsi/initiatorname.iscsi"));
+    host.setDeviceMapper(true);
+    ASSERT_EQ(0, host.stat("/dev/mapper/control", &st));
+    EXPECT_TRUE(S_ISCHR(st.st_mode));
+    EXPECT_EQ((std::vector<std::string>{".", "..", "emcpowera", "mapper", "sdb", "sdc", "sdf"}),
+              listing(host, "/dev"));
+}
+
+TEST_F(SimHostTest, EchoIntoAMissingControlFileFailsLikeTheShell)
+{
+    EXPECT_EQ(2 << 8, host.system("/bin/echo \"1\" > /sys/class/fc_host/host4/issue_lip"));
+    EXPECT_TRUE(host.writesTo("/sys/class/fc_host/host4/issue_lip").empty());
+    EXPECT_EQ(0, host.system("echo 1 >> /sys/class/fc_host/host3/issue_lip"));
+    ASSERT_EQ(1u, host.writesTo("/sys/class/fc_host/host3/issue_lip").size());
+    EXPECT_EQ("1\n", host.writesTo("/sys/class/fc_host/host3/issue_lip")[0].data);
+}
+
+TEST_F(SimHostTest, InstalledHostAnswersTheSystemInterface)
+{
+    {
+        simhost::SimHostInstall install(host);
+        EXPECT_EQ(&host, &kzfi_pdk_4_4::fiSystem());
+    }
+    EXPECT_EQ(&kzfi_pdk_4_4::fiRealSystem(), &kzfi_pdk_4_4::fiSystem());
+}
+
+TEST(SimHostKernel24, OldKernelFormatsAndNoSysfs)
+{
+    std::string error;
+    std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + "host24.json", error);
+    ASSERT_TRUE(host) << error;
+    std::string scsi = text(*host, "/proc/scsi/scsi");
+    EXPECT_EQ(0u, scsi.find("Attached devices:\n"
+                            "Host: scsi0 Channel: 00 Id: 00 Lun: 00\n"
+                            "  Vendor: SEAGATE  Model: ST336607LW       Rev: 0007\n"
+                            "  Type:   Direct-Access                    ANSI SCSI revision: 03\n"))
+        << scsi;
+    EXPECT_NE(std::string::npos,
+              text(*host, "/proc/partitions").find("   8     0   35843670 sda\n"));
+    EXPECT_EQ(std::vector<std::string>{"<missing>"}, listing(*host, "/sys/class/scsi_host"));
+    EXPECT_EQ((std::vector<std::string>{".", "..", "aic7xxx", "lpfc", "qla2300", "scsi"}),
+              listing(*host, "/proc/scsi"));
+    // The probe's add-single-device finds the latent LUN behind the Emulex adapter.
+    ASSERT_EQ(std::string::npos, scsi.find("Host: scsi3 Channel: 00 Id: 00 Lun: 01"));
+    ASSERT_TRUE(writeFile(*host, "/proc/scsi/scsi", "scsi add-single-device 3 0 0 1\n"));
+    EXPECT_NE(std::string::npos,
+              text(*host, "/proc/scsi/scsi").find("Host: scsi3 Channel: 00 Id: 00 Lun: 01"));
+    std::unique_ptr<SimHost> again = SimHost::fromJson(host->toJson(), error);
+    ASSERT_TRUE(again) << error;
+    EXPECT_EQ(DeviceState::Running, again->findDevice("sdg")->state);
+    EXPECT_EQ(DeviceState::Latent, again->findDevice("sdh")->state);
+}
+
+TEST(SimHostDatacenter, TypesOfEveryDeviceAndTheAdaptersFiles)
+{
+    std::string error;
+    std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + "datacenter.json", error);
+    ASSERT_TRUE(host) << error;
+    std::string scsi = text(*host, "/proc/scsi/scsi");
+    for (const char* line : {"  Type:   CD-ROM                           ANSI  SCSI revision: 05\n",
+                             "  Type:   Sequential-Access                ANSI  SCSI revision: 03\n",
+                             "  Vendor: DGC      Model: RAID 5           Rev: 0326\n"}) {
+        EXPECT_NE(std::string::npos, scsi.find(line)) << line;
+    }
+    EXPECT_NE(
+        std::string::npos,
+        text(*host, "/proc/scsi/qla2xxx/3").find("scsi-qla0-adapter-port=21000024ff2c3d4e;\n"));
+    EXPECT_EQ("0x10000000c9a1b2c3\n", text(*host, "/sys/class/fc_host/host4/port_name"));
+    EXPECT_NE(std::string::npos,
+              text(*host, "/proc/partitions").find(" 253        0   52428800 dm-0\n"));
+}
+
+// The first claiming generator's UDID of a node, or the message id it throws.
+std::string udidOf(const std::string& node)
+{
+    // Generators live for the process, as the factory keeps them.
+    static std::vector<CUdidGenerator*>* table =
+        new std::vector<CUdidGenerator*>(createUdidGeneratorTable());
+    CScsiDeviceData record(node, "", "dbhost01", 0, 0, 0, -1, "", "", "", 0);
+    CScsiTool tool;
+    if (tool.UpdateDevice(&record) != 0) {
+        return "not a disk";
+    }
+    for (CUdidGenerator* generator : *table) {
+        if (generator->claimDevice(&record)) {
+            try {
+                std::string body = generator->getUniqueDeviceID(&record);
+                return generator->getUniqueDeviceIDPrefix(&record) + body;
+            } catch (const CUdidGeneratorException& error) {
+                return error.m_messageId;
+            }
+        }
+    }
+    return "unclaimed";
+}
+
+TEST(SimHostDatacenter, EveryArrayFamilyGetsItsUdid)
+{
+    std::string error;
+    std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + "datacenter.json", error);
+    ASSERT_TRUE(host) << error;
+    simhost::SimHostInstall install(*host);
+    const std::pair<const char*, const char*> expected[] = {
+        {"/dev/sda",
+         "UDID##ATA##ST3500418AS##008300200201001c415441202020202053543335303034313841"
+         "532039564d5132414243"},
+        {"/dev/sr0", "not a disk"},
+        {"/dev/st0", "not a disk"},
+        {"/dev/sdb",
+         "UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3a:b1:1e:00:4c:8f:5e:59:72:c3:e0:11"},
+        {"/dev/sdc", "UDID##EMC##SYMMETRIX##000001879014##0A3F"},
+        {"/dev/sdd", "UDID##IBM##TOTALSTORAGE##IBM.2107-7512345##1a2b"},
+        {"/dev/sde", "UDID##HP##HSV##5000-1FE1-5005-ABCD##6005-08B4-0010-1234-0000-A000-0123-0000"},
+        {"/dev/sdf", "UDID##HP##XP##10057##1234"},
+        {"/dev/sdg", "UDID##HP##3PAR##1234567##50002AC000010ABC"},
+        {"/dev/sdh", "UDID##HITACHI##HDS##1234##18"},
+        {"/dev/sdi",
+         "UDID##ENGENIO##UNIVERSAL##600a0b8000112233000000004a5b6c7d##"
+         "600A0B8000112233000004D24A5B6C7D"},
+        {"/dev/sdj", "UDID##NETAPP##LUN##1234567890##50334f6f473457564c783452"},
+        {"/dev/sdk", "UDID##FUJITSU##ETERNUS##4321ABCD##600000E00D0000000001234500010000"},
+        {"/dev/sdl", "UDID##ACME##BIG_DISK_2##0083001401030010600123456789abcdef0123456789abcd"},
+        {"/dev/sdm", "MSG_UDID_ERROR_INVALID_SCSI_DEVICE_DATA"},
+        {"/dev/sdn", "not a disk"},  // unresponsive
+        {"/dev/mapper/mpatha",
+         "UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3a:b1:1e:00:4c:8f:5e:59:72:c3:e0:11"},
+        {"/dev/emcpowera", "UDID##EMC##SYMMETRIX##000001879014##0A3F"},
+    };
+    for (const auto& entry : expected) {
+        EXPECT_EQ(entry.second, udidOf(entry.first)) << entry.first;
+    }
+}
+
 TEST(SimHostIdentity, UnameAndHostname)
 {
     SimHost host;
@@ -409,6 +586,22 @@ TEST(SimHostSnapshot, ExampleHostsLoadAndSurviveARoundTrip)
         ASSERT_TRUE(again) << name << ": " << error;
         EXPECT_EQ(host->toJson(), again->toJson()) << name;
     }
+}
+
+TEST(SimHostSnapshot, TheDocumentedExampleLoads)
+{
+    std::ifstream file(std::string(SCSITOOL_SOURCE_DIR) + "/docs/host-snapshot.md");
+    std::stringstream doc;
+    doc << file.rdbuf();
+    const std::string text = doc.str();
+    size_t start = text.find("```json\n");
+    ASSERT_NE(std::string::npos, start);
+    start += 8;
+    std::string error;
+    std::unique_ptr<SimHost> host =
+        SimHost::fromJson(text.substr(start, text.find("```", start) - start), error);
+    ASSERT_TRUE(host) << error;
+    EXPECT_EQ(1u, host->devices().size());
 }
 
 TEST(SimHostSnapshot, ModernHostHasNoProcScsi)
@@ -461,6 +654,12 @@ TEST(SimHostSnapshot, BadSnapshotsAreRejectedWithOneMessage)
         {"{" + head + ", \"devices\": [" + sdb +
              R"(], "multipath_maps": [{"name": "mpatha", "device": "sdz"}]})",
          "multipath_maps[0].device: unknown device sdz"},
+        {"{" + head +
+             R"(, "devices": [{"name": "sdb", "address": [0, 0, 1, 0], "inquiry": "00", "partitions": ["sdc1"]}]})",
+         "devices[0].partitions[0]: sdc1 is not a partition of sdb"},
+        {"{" + head + ", \"devices\": [" + sdb +
+             R"(], "powerpath": [{"name": "sdb", "device": "sdb"}]})",
+         "powerpath[0].name: node /dev/sdb is a device's node"},
         {"{" + head + R"(, "devices": [], "adapters": [{"host": -1, "driver": "lpfc"}]})",
          "adapters[0].host: expected an integer from 0 to 65535"},
         {"{" + head + R"(, "devices": [], "commands": {"/bin/x": {"exit": "0"}}})",

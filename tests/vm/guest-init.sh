@@ -126,14 +126,27 @@ if [ -x /bin/scsitool ]; then
   emit capture.json /tmp/capture.json
   emit capture.out /tmp/capture.out
   # Two enumerations at once: the host-wide rescan lock must let both through.
-  (scsitool map --json >/tmp/lock1.json 2>/tmp/lock1.err; echo $? >/tmp/lock1.rc) &
-  (scsitool map --json >/tmp/lock2.json 2>/tmp/lock2.err; echo $? >/tmp/lock2.rc) &
+  for n in 1 2; do
+    (scsitool --trace /tmp/lock$n.trace --trace-level 3 map --json >/tmp/lock$n.json 2>/tmp/lock$n.err
+      echo $? >/tmp/lock$n.rc) &
+  done
   wait
   for n in 1 2; do
+    emit lock$n.trace /tmp/lock$n.trace
     emit lock$n.rc /tmp/lock$n.rc
     emit lock$n.json /tmp/lock$n.json
     emit lock$n.err /tmp/lock$n.err
   done
+  # A rescan with bus rescanning: on this kernel it matches every disk of /proc/scsi/scsi with a
+  # queried record and must remove none.
+  scsitool --trace /tmp/rescan.trace --trace-level 3 map --rescan-buses --json >/tmp/rescan.json 2>/tmp/rescan.err
+  emit_text rescan.rc "$?"
+  emit rescan.json /tmp/rescan.json
+  emit rescan.err /tmp/rescan.err
+  emit rescan.trace /tmp/rescan.trace
+  after=""
+  for d in /sys/block/sd*; do after="$after /dev/${d##*/}"; done
+  emit_text rescan.devices "$after"
   check scsitool PASS "present"
 else
   check scsitool SKIP "no scsitool in this guest"

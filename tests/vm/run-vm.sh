@@ -5,6 +5,7 @@
 # WORK/out/replay.json is `scsitool --host capture.json map --json` run on this machine.
 #
 # Usage: run-vm.sh WORK [SCSITOOL]
+# VM_QEMU names another QEMU binary, VM_TIMEOUT the seconds the guest may run (420).
 # Exit 0 when the guest ran to its end, 77 (or 1 under CI) when no guest can run here, 1 on a
 # guest that did not finish. The checks themselves are made by vm_check.
 set -euo pipefail
@@ -16,7 +17,7 @@ scsitool="${2:-}"
 mkdir -p "$work"
 work="$(cd "$work" && pwd)"
 rm -rf "$work/status" "$work/finished" "$work/out"
-trap '[ -f "$work/finished" ] || echo "$?" >"$work/status"' EXIT
+trap 'rc=$?; [ -f "$work/finished" ] || echo "$rc" >"$work/status"' EXIT
 
 start=$(date +%s)
 "$here/build-guest.sh" "$work" "$scsitool" || exit $?
@@ -41,7 +42,7 @@ serial="$work/serial.log"
 rm -f "$console" "$serial"
 vm_log "booting the guest (TCG) with $n virtio disks"
 set +e
-timeout "${VM_TIMEOUT:-420}" qemu-system-x86_64 \
+timeout "${VM_TIMEOUT:-420}" "${VM_QEMU:-qemu-system-x86_64}" \
   -machine q35,accel=tcg -cpu max -smp 1 -m 512 -nographic -no-reboot -monitor none \
   -kernel "$work/guest/vmlinuz" -initrd "$work/guest/initrd.gz" \
   -append "console=ttyS0 panic=-1 loglevel=4 vm.qdisks=$n" \
@@ -82,6 +83,6 @@ if [ -n "$scsitool" ] && [ -s "$work/out/capture.json" ]; then
   set -e
 fi
 end=$(date +%s)
-echo "build $((built - start)) s, boot and guest checks $((booted - built)) s, total $((end - start)) s" |
+echo "build $((built - start)) s, boot and guest checks $((booted - built)) s, unpack and replay $((end - booted)) s, total $((end - start)) s" |
   tee "$work/out/timing" >&2
 touch "$work/finished"

@@ -3,7 +3,7 @@
 // Every verdict is printed as "@@CHECK <name> PASS|FAIL <detail>"; the exit code is 0 when all
 // passed, 1 when one failed and 77 when the guest could not run on this machine.
 //
-// Usage: vm_check WORK DISKS_CONF GROUP   (GROUP: boot, sg3, map, pages, capture, lock)
+// Usage: vm_check WORK DISKS_CONF GROUP   (GROUP: boot, sg3, map, pages, capture, lock, rescan)
 #include <cctype>
 #include <cstdio>
 #include <fstream>
@@ -44,6 +44,15 @@ std::string text(const std::string& name)
 {
     std::string t;
     readFile(outDir + "/" + name, t);
+    return t;
+}
+
+// An exit code file: its text without the line end.
+std::string exitCode(const std::string& name)
+{
+    std::string t = text(name);
+    while (!t.empty() && std::isspace(static_cast<unsigned char>(t.back())))
+        t.pop_back();
     return t;
 }
 
@@ -181,8 +190,7 @@ std::vector<std::string> mapPaths()
 
 // What the UDID of a device must be, worked out from the raw answers the guest's sg3-utils read.
 // Only the families the guest's disks are built for are known here. The Clariion disk has no
-// page 0xC0; an implementation may either fall through to page 0x80 for the array serial or give
-// the disk up to the default generator, so both forms are returned for it.
+// page 0xC0, so its array serial comes from page 0x80.
 std::vector<std::string> expectedUdids(const std::string& dev, const std::string& host)
 {
     Bytes inq = kept(bytes(dev + ".inquiry"), true);
@@ -225,7 +233,7 @@ std::vector<std::string> expectedUdids(const std::string& dev, const std::string
         std::string serial = field(p80, 4, 14);
         std::string wwn = hex(p83, 8, 16, false, ":");
         wwn.pop_back();
-        return {upper("UDID##DGC##CLARIION##" + serial + "##" + wwn), def};
+        return {upper("UDID##DGC##CLARIION##" + serial + "##" + wwn)};
     }
     return {def};
 }
@@ -322,7 +330,8 @@ void checkMap()
 {
     if (!scsitoolRan())
         return;
-    verdict("map_exit", text("map.rc") == "0", "exit " + text("map.rc") + " " + text("map.err"));
+    verdict("map_exit", exitCode("map.rc") == "0",
+            "exit " + exitCode("map.rc") + " " + text("map.err"));
     nlohmann::json map;
     if (!parseJson("map.json", map))
         return;
@@ -378,8 +387,9 @@ void checkPages()
     for (const std::string& dev : guestDevices()) {
         std::string name = "pages_" + dev;
         nlohmann::json show;
-        if (text(dev + ".show.rc") != "0") {
-            verdict(name, false, "exit " + text(dev + ".show.rc") + " " + text(dev + ".show.err"));
+        if (exitCode(dev + ".show.rc") != "0") {
+            verdict(name, false,
+                    "exit " + exitCode(dev + ".show.rc") + " " + text(dev + ".show.err"));
             continue;
         }
         if (!parseJson(dev + ".show.json", show))
@@ -455,14 +465,25 @@ void checkCapture()
 {
     if (!scsitoolRan())
         return;
-    verdict("capture_exit", text("capture.rc") == "0",
-            "exit " + text("capture.rc") + " " + text("capture.out"));
-    verdict("capture_replay_exit", text("replay.rc") == "0",
-            "exit " + text("replay.rc") + " " + text("replay.err"));
+    verdict("capture_exit", exitCode("capture.rc") == "0",
+            "exit " + exitCode("capture.rc") + " " + text("capture.out"));
+    verdict("capture_replay_exit", exitCode("replay.rc") == "0",
+            "exit " + exitCode("replay.rc") + " " + text("replay.err"));
     nlohmann::json guest, replay;
     if (!parseJson("map.json", guest) || !parseJson("replay.json", replay))
         return;
     verdict("capture_replay_same_map", guest == replay, replay.dump());
+}
+
+// The time stamp of the first trace line that holds `what` ("" when none does).
+std::string stampOf(const std::string& trace, const std::string& what)
+{
+    size_t at = trace.find(what);
+    if (at == std::string::npos)
+        return "";
+    size_t begin = trace.rfind('\n', at);
+    begin = begin == std::string::npos ? 0 : begin + 1;
+    return trace.substr(begin, 23);  // "2026-11-22 10:15:02.123"
 }
 
 void checkLock()
@@ -473,15 +494,71 @@ void checkLock()
     if (!parseJson("map.json", guest))
         return;
     for (const char* run : {"lock1", "lock2"}) {
-        std::string rc = text(std::string(run) + ".rc");
-        while (!rc.empty() && std::isspace(static_cast<unsigned char>(rc.back())))
-            rc.pop_back();
+        std::string rc = exitCode(std::string(run) + ".rc");
         verdict(std::string(run) + "_exit", rc == "0",
                 "exit " + rc + " " + text(std::string(run) + ".err"));
         nlohmann::json j;
         if (parseJson(std::string(run) + ".json", j))
             verdict(std::string(run) + "_same_map", j == guest, j.dump());
     }
+    // Each run holds the host-wide lock from "Got the lock ." to "Releasing the lock ."; the two
+    // spans must not overlap.
+    std::string t1 = text("lock1.trace"), t2 = text("lock2.trace");
+    std::string got1 = stampOf(t1, "Got the lock ."), rel1 = stampOf(t1, "Releasing the lock .");
+    std::string got2 = stampOf(t2, "Got the lock ."), rel2 = stampOf(t2, "Releasing the lock .");
+    bool traced = !got1.empty() && !rel1.empty() && !got2.empty() && !rel2.empty();
+    verdict("lock_spans_apart", traced && (rel1 <= got2 || rel2 <= got1),
+            "run 1 held it " + got1 + " .. " + rel1 + ", run 2 " + got2 + " .. " + rel2);
+}
+
+void checkRescan()
+{
+    if (!scsitoolRan())
+        return;
+    verdict("rescan_exit", exitCode("rescan.rc") == "0",
+            "exit " + exitCode("rescan.rc") + " " + text("rescan.err"));
+    std::string before, after = text("rescan.devices");
+    for (const std::string& dev : guestDevices())
+        if (dev != "mpatha")
+            before += " /dev/" + dev;
+    verdict("rescan_kept_every_disk", after == before,
+            "before [" + before + "] after [" + after + "]");
+    std::string trace = text("rescan.trace");
+    // Kernels built without SCSI_PROC_FS (Debian's among them) have no /proc/scsi/scsi: the dead
+    // device pass then sees no kernel disk, says so, and must still remove nothing.
+    if (text("proc_scsi").empty()) {
+        verdict("rescan_no_proc_scsi_reported",
+                trace.find("failed to open /proc/scsi/scsi for reading.") != std::string::npos,
+                "this kernel has no /proc/scsi/scsi");
+    }
+    for (const std::string& dev : guestDevices()) {
+        if (dev == "mpatha" || text("proc_scsi").empty())
+            continue;
+        std::vector<std::string> a = split(text(dev + ".hctl"), ':');
+        if (a.size() != 4)
+            continue;
+        std::string match = "INFO: found match comparing devices a[" + a[0] + "," + a[0] + "] b[" +
+                            a[1] + "," + a[1] + "] t[" + a[2] + "," + a[2] + "] l[" + a[3] + "," +
+                            a[3] + "]";
+        verdict("rescan_matched_" + dev, trace.find(match) != std::string::npos, match);
+    }
+    verdict("rescan_removed_nothing", trace.find("INFO: removing device") == std::string::npos,
+            "no \"INFO: removing device\" in the trace");
+    // The disks keep their entries; records whose query failed may leave the map on this path.
+    nlohmann::json guest, rescan;
+    if (!parseJson("map.json", guest) || !parseJson("rescan.json", rescan))
+        return;
+    std::string differ;
+    for (const auto& e : guest) {
+        if (e.value("DeviceName", "") == "/dev/mapper/control")
+            continue;
+        bool found = false;
+        for (const auto& r : rescan)
+            found = found || r == e;
+        if (!found)
+            differ += " " + e.value("DeviceName", "");
+    }
+    verdict("rescan_same_disks_in_map", differ.empty(), "changed or missing:" + differ);
 }
 
 }  // namespace
@@ -512,6 +589,8 @@ int main(int argc, char** argv)
         checkCapture();
     else if (group == "lock")
         checkLock();
+    else if (group == "rescan")
+        checkRescan();
     else {
         std::cerr << "vm_check: unknown group " << group << "\n";
         return 2;

@@ -69,6 +69,20 @@ protected:
     // nullptr (length 0) when the page is absent or holds no data.
     static const unsigned char* findPageData(const CScsiDeviceData* device, unsigned int code,
                                              unsigned int& length);
+
+    // Bytes [offset, offset + count) as text, ending early at a zero byte.
+    static std::string textField(const unsigned char* data, unsigned int offset,
+                                 unsigned int count);
+    // Bytes [offset, offset + count) as two hexadecimal digits each; `separator` goes between
+    // groups of `group` bytes.
+    static std::string hexField(const unsigned char* data, unsigned int offset, unsigned int count,
+                                bool upperCase, const char* separator = "", unsigned int group = 1);
+    // strtol of `text` in `base` (blanks skipped, stops at the first non-digit, 0 without
+    // digits), formatted with "%d".
+    static std::string decimalOf(const std::string& text, int base);
+    // Whether `text` begins with / contains one of the strings of a null-terminated list.
+    static bool beginsWithOneOf(const std::string& text, const char* const* list);
+    static bool containsOneOf(const std::string& text, const char* const* list);
 };
 
 // The generators in the order their claim tests run; the first that claims a device wins and

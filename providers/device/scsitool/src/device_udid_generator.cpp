@@ -2,6 +2,9 @@
 #include "device_udid_generator.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 #include "fi_system.h"
 #include "stringtool.h"
@@ -104,6 +107,59 @@ const unsigned char* CUdidGenerator::findPageData(const CScsiDeviceData* device,
     }
     length = page->getLength();
     return page->getData();
+}
+
+std::string CUdidGenerator::textField(const unsigned char* data, unsigned int offset,
+                                      unsigned int count)
+{
+    std::string text;
+    for (unsigned int i = offset; i < offset + count && data[i] != 0; ++i) {
+        text += char(data[i]);
+    }
+    return text;
+}
+
+std::string CUdidGenerator::hexField(const unsigned char* data, unsigned int offset,
+                                     unsigned int count, bool upperCase, const char* separator,
+                                     unsigned int group)
+{
+    std::string text;
+    char digits[3];
+    for (unsigned int i = 0; i < count; ++i) {
+        if (i != 0 && i % group == 0) {
+            text += separator;
+        }
+        snprintf(digits, sizeof(digits), upperCase ? "%02X" : "%02x", data[offset + i]);
+        text += digits;
+    }
+    return text;
+}
+
+std::string CUdidGenerator::decimalOf(const std::string& text, int base)
+{
+    char number[64];
+    snprintf(number, sizeof(number), "%d", int(strtol(text.c_str(), nullptr, base)));
+    return number;
+}
+
+bool CUdidGenerator::beginsWithOneOf(const std::string& text, const char* const* list)
+{
+    for (; *list != nullptr; ++list) {
+        if (text.compare(0, strlen(*list), *list) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool CUdidGenerator::containsOneOf(const std::string& text, const char* const* list)
+{
+    for (; *list != nullptr; ++list) {
+        if (text.find(*list) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // --- CDefaultUdidGenerator -------------------------------------------------------------------

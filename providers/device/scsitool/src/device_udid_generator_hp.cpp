@@ -1,5 +1,16 @@
 // The HP array generators: MSA, EVA, XP and 3PAR.
+#include <string>
+
 #include "device_udid_generator.h"
+#include "stringtool.h"
+
+namespace {
+
+const char* const kXpModels[] = {"OPEN-V", "OPEN-0V", nullptr};
+
+}  // namespace
+
+// --- MSA -------------------------------------------------------------------------------------
 
 CHpMsaUdidGenerator::CHpMsaUdidGenerator(std::string vendorId, std::string productId)
     : CUdidGenerator(std::move(vendorId), std::move(productId))
@@ -8,13 +19,33 @@ CHpMsaUdidGenerator::CHpMsaUdidGenerator(std::string vendorId, std::string produ
 
 bool CHpMsaUdidGenerator::claimDevice(CScsiDeviceData* device)
 {
-    return CUdidGenerator::claimDevice(device);
+    static const char* const vendors[] = {"COMPAQ", "HP", nullptr};
+    static const char* const products[] = {"MSA", nullptr};
+    const std::string& vendor = stripVendorId(device);
+    const std::string& product = stripProductId(device);
+    return containsOneOf(product, products) && containsOneOf(vendor, vendors);
 }
 
-std::string CHpMsaUdidGenerator::getUniqueDeviceID(CScsiDeviceData*)
+// INQUIRY bytes 96 to 109, "##", page 0x83 bytes 36 to 67, both as text.
+std::string CHpMsaUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
-    throw error(MSG_INVALID_SCSI_DEVICE_DATA);
+    FI_TRACE_FUNCTION("CHpMsaUdidGenerator::getUniqueDeviceID");
+    unsigned int length = 0;
+    const unsigned char* inquiry = findPageData(device, 0, length);
+    if (inquiry == nullptr || length < 120) {
+        throw error(MSG_INVALID_SCSI_DEVICE_DATA);
+    }
+    std::string body = textField(inquiry, 96, 14) + udid_separator;
+
+    // A page 0x83 too short for its text field fails like a missing one.
+    const unsigned char* page83 = findPageData(device, 0x83, length);
+    if (page83 == nullptr || length < 68) {
+        throw error(MSG_INVALID_SCSI_DEVICE_DATA);
+    }
+    return body + textField(page83, 36, 32);
 }
+
+// --- EVA -------------------------------------------------------------------------------------
 
 CHpEvaUdidGenerator::CHpEvaUdidGenerator(std::string vendorId, std::string productId)
     : CUdidGenerator(std::move(vendorId), std::move(productId))
@@ -23,13 +54,40 @@ CHpEvaUdidGenerator::CHpEvaUdidGenerator(std::string vendorId, std::string produ
 
 bool CHpEvaUdidGenerator::claimDevice(CScsiDeviceData* device)
 {
-    return CUdidGenerator::claimDevice(device);
+    static const char* const products[] = {"HSV", nullptr};
+    const std::string& vendor = stripVendorId(device);
+    bool hsv = beginsWithOneOf(stripProductId(device), products);
+    return (vendor == "COMPAQ" && hsv) || (vendor == "HP" && hsv);
 }
 
-std::string CHpEvaUdidGenerator::getUniqueDeviceID(CScsiDeviceData*)
+// The array's WWN from INQUIRY bytes 130 to 137 and the LUN's WWN from page 0x83 bytes 8 to 23,
+// both as upper-case hex in groups of two bytes joined by "-".
+std::string CHpEvaUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
-    throw error(MSG_INVALID_SCSI_DEVICE_DATA);
+    FI_TRACE_FUNCTION("CHpEvaUdidGenerator::getUniqueDeviceID");
+    unsigned int length = 0;
+    const unsigned char* inquiry = findPageData(device, 0, length);
+    // Byte 137 is read: a buffer of exactly 137 bytes is too short as well.
+    if (inquiry == nullptr || length <= 137) {
+        throw anonymousError(MSG_INVALID_SCSI_ENCLOSURE_DATA);
+    }
+    std::string body = hexField(inquiry, 130, 8, true, "-", 2) + udid_separator;
+
+    const unsigned char* page83 = findPageData(device, 0x83, length);
+    if (page83 == nullptr || length < 4) {
+        throw error(MSG_INVALID_SCSI_PAGE_DATA);
+    }
+    if (page83[2] * 256 + page83[3] <= 19) {
+        throw error(MSG_INVALID_SCSI_DEVICE_DATA);
+    }
+    // A page whose header promises a name it does not hold fails like a missing page.
+    if (length < 24) {
+        throw error(MSG_INVALID_SCSI_PAGE_DATA);
+    }
+    return body + hexField(page83, 8, 16, true, "-", 2);
 }
+
+// --- XP --------------------------------------------------------------------------------------
 
 CHpXpUdidGenerator::CHpXpUdidGenerator(std::string vendorId, std::string productId)
     : CUdidGenerator(std::move(vendorId), std::move(productId))
@@ -38,13 +96,29 @@ CHpXpUdidGenerator::CHpXpUdidGenerator(std::string vendorId, std::string product
 
 bool CHpXpUdidGenerator::claimDevice(CScsiDeviceData* device)
 {
-    return CUdidGenerator::claimDevice(device);
+    const std::string& vendor = stripVendorId(device);
+    return beginsWithOneOf(stripProductId(device), kXpModels) && vendor == "HP";
 }
 
-std::string CHpXpUdidGenerator::getUniqueDeviceID(CScsiDeviceData*)
+// Two decimal numbers from the hex texts in INQUIRY bytes 39 to 43 (only behind "50 ") and 44
+// to 47.
+std::string CHpXpUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
-    throw error(MSG_INVALID_SCSI_DEVICE_DATA);
+    FI_TRACE_FUNCTION("CHpXpUdidGenerator::getUniqueDeviceID");
+    unsigned int length = 0;
+    const unsigned char* inquiry = findPageData(device, 0, length);
+    if (inquiry == nullptr || length <= 55) {
+        throw error(MSG_INVALID_SCSI_PAGE_DATA);
+    }
+    const unsigned char* work = inquiry + 36;
+    std::string serial;
+    if (work[0] == '5' && work[1] == '0' && work[2] == ' ') {
+        serial = textField(work, 3, 5);
+    }
+    return decimalOf(serial, 16) + udid_separator + decimalOf(textField(work, 8, 4), 16);
 }
+
+// --- 3PAR ------------------------------------------------------------------------------------
 
 CHp3parUdidGenerator::CHp3parUdidGenerator(std::string vendorId, std::string productId)
     : CUdidGenerator(std::move(vendorId), std::move(productId))
@@ -53,10 +127,26 @@ CHp3parUdidGenerator::CHp3parUdidGenerator(std::string vendorId, std::string pro
 
 bool CHp3parUdidGenerator::claimDevice(CScsiDeviceData* device)
 {
-    return CUdidGenerator::claimDevice(device);
+    const std::string& vendor = stripVendorId(device);
+    return stripProductId(device) == "VV" && vendor == "3PARdata";
 }
 
-std::string CHp3parUdidGenerator::getUniqueDeviceID(CScsiDeviceData*)
+// The serial of page 0x80 bytes 4 to 11 (blanks trimmed), "##", page 0x83 bytes 8 to 15 as
+// upper-case hex.
+std::string CHp3parUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
-    throw error(MSG_INVALID_SCSI_DEVICE_DATA);
+    FI_TRACE_FUNCTION("CHp3parUdidGenerator::getUniqueDeviceID");
+    unsigned int length = 0;
+    const unsigned char* page80 = findPageData(device, 0x80, length);
+    if (page80 == nullptr || length <= 11) {
+        throw anonymousError(MSG_INVALID_SCSI_ENCLOSURE_DATA);
+    }
+    std::string body = CStringTool::trim(textField(page80, 4, 8)) + udid_separator;
+
+    // A page 0x83 too short for the name fails like a missing one.
+    const unsigned char* page83 = findPageData(device, 0x83, length);
+    if (page83 == nullptr || length <= 15) {
+        throw error(MSG_INVALID_SCSI_PAGE_DATA);
+    }
+    return body + hexField(page83, 8, 8, true);
 }

@@ -1,52 +1,176 @@
-// The IBM array generators: enterprise (ESS, DS8000, SVC) and midrange (DS, FAStT).
+// The IBM array generators: enterprise and virtualisation models (ESS, DS8000, DS6000, SVC,
+// FAStT 3552/3542) and the midrange DS models.
+#include <string>
+
 #include "device_udid_generator.h"
+#include "stringtool.h"
+
+namespace {
+
+const char* const kIbmEssModels[] = {"2105", "2107", "1750", "2145", nullptr};
+const char* const kIbmFasttModels[] = {"3552", "3542", nullptr};
+// The midrange models answer both tests alike: a product that is not one of them fails both.
+const char* const kIbmDsModels[] = {"1722", "1724", "1742", "1815", "1814", nullptr};
+
+// The ESS gate: page 0x80 must be there and hold the serial its length byte announces;
+// `missing` or `tooShort` is thrown otherwise. Returns the page, its cached length in `length`.
+const unsigned char* essSerialPage(const CScsiDeviceData* device, unsigned int& length,
+                                   const CUdidGeneratorException& missing,
+                                   const CUdidGeneratorException& tooShort)
+{
+    const CScsiModePage* page = device->findPage(0x80);
+    if (page == nullptr || page->getData() == nullptr) {
+        throw missing;
+    }
+    length = page->getLength();
+    // A page without its length byte is too short as well.
+    if (length < 4 || page->getData()[3] > length) {
+        throw tooShort;
+    }
+    return page->getData();
+}
+
+}  // namespace
+
+// --- Enterprise models -----------------------------------------------------------------------
 
 CIbmUdidGenerator::CIbmUdidGenerator(std::string vendorId, std::string productId)
     : CUdidGenerator(std::move(vendorId), std::move(productId))
 {
 }
 
+// A vendor beginning with IBM (IBMSTOR passes too) and a product of one of the model lists.
 bool CIbmUdidGenerator::claimDevice(CScsiDeviceData* device)
 {
-    return CUdidGenerator::claimDevice(device);
+    if (stripVendorId(device).compare(0, 3, "IBM") != 0) {
+        return false;
+    }
+    const std::string& product = stripProductId(device);
+    return isESS(product) || isFASTT(product);
 }
 
-bool CIbmUdidGenerator::isESS(std::string)
+bool CIbmUdidGenerator::isESS(std::string product)
 {
-    return false;
+    return containsOneOf(product, kIbmEssModels);
 }
 
-bool CIbmUdidGenerator::isFASTT(std::string)
+bool CIbmUdidGenerator::isFASTT(std::string product)
 {
-    return false;
+    return containsOneOf(product, kIbmFasttModels);
 }
 
-std::string CIbmUdidGenerator::getUniqueDeviceID(CScsiDeviceData*)
+// "IBM.<type>-<array serial>##" and the low two bytes of the LUN name in page 0x83.
+std::string CIbmUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
-    throw error(MSG_INVALID_SCSI_DEVICE_DATA);
+    FI_TRACE_FUNCTION("CIbmUdidGenerator::getUniqueDeviceID");
+    std::string body;
+    unsigned int length = 0;
+    const std::string product = stripProductId(device);
+    if (product.find("2107") != std::string::npos) {
+        // Without INQUIRY data the id is the LUN part alone.
+        const unsigned char* inquiry = findPageData(device, 0, length);
+        if (inquiry != nullptr) {
+            if (length < 43) {
+                throw anonymousError(MSG_INVALID_SCSI_PAGE_SIZE);
+            }
+            body += "IBM.2107-" + textField(inquiry, 36, 7) + udid_separator;
+        }
+    } else if (isESS(stripProductId(device))) {
+        const unsigned char* page80 =
+            essSerialPage(device, length, error(MSG_INVALID_SCSI_PAGE_DATA),
+                          anonymousError(MSG_INVALID_SCSI_PAGE_SIZE));
+        unsigned int serialLength = length - 4 < 7 ? length - 4 : 7;
+        body += "IBM." + product.substr(0, 4) + "-" + textField(page80, 4, serialLength) +
+                udid_separator;
+    } else if (isFASTT(stripProductId(device))) {
+        const unsigned char* pageC8 = findPageData(device, 0xC8, length);
+        if (pageC8 == nullptr || length < 106) {
+            throw error(MSG_INVALID_SCSI_PAGE_DATA);
+        }
+        body += "IBM." + product.substr(0, 4) + "-" + CStringTool::binary2str(pageC8 + 90, 16) +
+                udid_separator;
+    } else {
+        throw anonymousError(MSG_INVALID_SCSI_ENCLOSURE_DATA);
+    }
+
+    // Bytes 22 and 23 are read: a page of exactly 23 bytes is too short as well.
+    const unsigned char* page83 = findPageData(device, 0x83, length);
+    if (page83 == nullptr || length <= 23) {
+        throw error(MSG_INVALID_SCSI_PAGE_DATA);
+    }
+    return body + hexField(page83, 22, 2, false);
 }
+
+// --- Midrange models -------------------------------------------------------------------------
 
 CIbmDsUdidGenerator::CIbmDsUdidGenerator(std::string vendorId, std::string productId)
     : CUdidGenerator(std::move(vendorId), std::move(productId))
 {
 }
 
+// A vendor beginning with IBM (IBMSTOR passes too) and a product of one of the model lists.
 bool CIbmDsUdidGenerator::claimDevice(CScsiDeviceData* device)
 {
-    return CUdidGenerator::claimDevice(device);
+    if (stripVendorId(device).compare(0, 3, "IBM") != 0) {
+        return false;
+    }
+    const std::string& product = stripProductId(device);
+    return isESS(product) || isFASTT(product);
 }
 
-bool CIbmDsUdidGenerator::isESS(std::string)
+bool CIbmDsUdidGenerator::isESS(std::string product)
 {
-    return false;
+    return containsOneOf(product, kIbmDsModels);
 }
 
-bool CIbmDsUdidGenerator::isFASTT(std::string)
+bool CIbmDsUdidGenerator::isFASTT(std::string product)
 {
-    return false;
+    return containsOneOf(product, kIbmDsModels);
 }
 
-std::string CIbmDsUdidGenerator::getUniqueDeviceID(CScsiDeviceData*)
+// "IBM.<type>-<array id>##" and the LUN name of page 0x83 as colon-separated bytes. The array id
+// is the INQUIRY text from byte 36 for the 1724, else the 16 bytes of page 0xD0 when it has
+// them.
+std::string CIbmDsUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
-    throw error(MSG_INVALID_SCSI_DEVICE_DATA);
+    FI_TRACE_FUNCTION("CIbmDsUdidGenerator::getUniqueDeviceID");
+    std::string body;
+    unsigned int length = 0;
+    const std::string product = stripProductId(device);
+
+    // Page 0xD0 bytes 8 to 23 as hex, or nothing when the page can't give them.
+    auto arrayId = [&]() -> std::string {
+        unsigned int lengthD0 = 0;
+        const unsigned char* pageD0 = findPageData(device, 0xD0, lengthD0);
+        return pageD0 != nullptr && lengthD0 > 23 ? CStringTool::binary2str(pageD0 + 8, 16) : "";
+    };
+
+    if (product.find("1724") != std::string::npos) {
+        // Without usable INQUIRY data the id is the LUN part alone.
+        const unsigned char* inquiry = findPageData(device, 0, length);
+        if (inquiry != nullptr && length >= 43) {
+            unsigned int textLength = length - 36 < 511 ? length - 36 : 511;
+            body += "IBM.1724-" + textField(inquiry, 36, textLength) + udid_separator;
+        }
+    } else if (isESS(stripProductId(device))) {
+        // Page 0x80 only has to be there: its serial does not enter the id.
+        essSerialPage(device, length, error(MSG_INVALID_SCSI_PAGE_DATA),
+                      anonymousError(MSG_INVALID_SCSI_PAGE_SIZE));
+        body += "IBM." + product.substr(0, 4) + "-" + arrayId() + udid_separator;
+    } else if (isFASTT(stripProductId(device))) {
+        // Page 0xC8 only has to be there: its contents do not enter the id.
+        if (findPageData(device, 0xC8, length) == nullptr || length < 106) {
+            throw error(MSG_INVALID_SCSI_PAGE_DATA);
+        }
+        body += "IBM." + product.substr(0, 4) + "-" + arrayId() + udid_separator;
+    } else {
+        throw anonymousError(MSG_INVALID_SCSI_ENCLOSURE_DATA);
+    }
+
+    // Byte 23 is read: a page of exactly 23 bytes is too short as well.
+    const unsigned char* page83 = findPageData(device, 0x83, length);
+    if (page83 == nullptr || length <= 23) {
+        throw error(MSG_INVALID_SCSI_PAGE_DATA);
+    }
+    return body + hexField(page83, 8, 16, false, ":");
 }

@@ -1,5 +1,19 @@
 // The generators of the remaining arrays: Hitachi, LSI/Engenio, NetApp and Fujitsu Eternus.
+#include <fcntl.h>
+#include <scsi/sg.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
 #include "device_udid_generator.h"
+#include "fi_system.h"
+#include "stringtool.h"
+
+using kzfi_pdk_4_4::fiSystem;
+
+// --- Hitachi ---------------------------------------------------------------------------------
 
 CHitachiUdidGenerator::CHitachiUdidGenerator(std::string vendorId, std::string productId)
     : CUdidGenerator(std::move(vendorId), std::move(productId))
@@ -8,43 +22,178 @@ CHitachiUdidGenerator::CHitachiUdidGenerator(std::string vendorId, std::string p
 
 bool CHitachiUdidGenerator::claimDevice(CScsiDeviceData* device)
 {
-    return CUdidGenerator::claimDevice(device);
+    static const char* const models[] = {"9200",    "9500V", "DF600F", "DF600F-V", "OPEN-V",
+                                         "OPEN-0V", "9900",  "9910",   "9980V",    "9970V",
+                                         "9960",    "USP",   nullptr};
+    if (stripVendorId(device) != "HITACHI") {
+        return false;
+    }
+    return beginsWithOneOf(stripProductId(device), models);
 }
 
-std::string CHitachiUdidGenerator::getUniqueDeviceID(CScsiDeviceData*)
+// Two decimal numbers from the hex or decimal texts of INQUIRY bytes 36 to 47: the array serial
+// and the LUN.
+std::string CHitachiUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
-    throw error(MSG_INVALID_SCSI_DEVICE_DATA);
+    FI_TRACE_FUNCTION("CHitachiUdidGenerator::getUniqueDeviceID");
+    unsigned int length = 0;
+    const unsigned char* inquiry = findPageData(device, 0, length);
+    // Byte 56 is read: a buffer of exactly 56 bytes is too short as well.
+    if (inquiry == nullptr || length <= 56) {
+        throw error(MSG_INVALID_SCSI_PAGE_DATA);
+    }
+    const unsigned char* work = inquiry + 36;
+    std::string serial;
+    if (work[0] == 'D' && work[1] == '6') {
+        serial = decimalOf(textField(work, 4, 4), 16);
+    } else if (work[0] == '7') {
+        serial = decimalOf(textField(work, 0, 8), 10);
+    } else if (work[0] == '5' && work[1] == '0' && work[2] == ' ') {
+        serial = decimalOf(textField(work, 3, 5), 16);
+    } else {
+        serial = decimalOf(textField(work, 4, 4), 16);
+    }
+    return serial + udid_separator + decimalOf(textField(work, 8, 4), 16);
 }
+
+// --- LSI / Engenio ---------------------------------------------------------------------------
 
 CLsiUdidGenerator::CLsiUdidGenerator(std::string vendorId, std::string productId)
     : CUdidGenerator(std::move(vendorId), std::move(productId))
 {
 }
 
+// The one claim test that ignores case: vendor LSI, product INF..., UNIVERSAL... or
+// MPP_VIRTUAL_DISK... The record keeps its own case.
 bool CLsiUdidGenerator::claimDevice(CScsiDeviceData* device)
 {
-    return CUdidGenerator::claimDevice(device);
+    static const char* const products[] = {"INF", "UNIVERSAL", "MPP_VIRTUAL_DISK", nullptr};
+    std::string vendor = CStringTool::tostrupper(stripVendorId(device));
+    std::string product = CStringTool::tostrupper(stripProductId(device));
+    return vendor == "LSI" && beginsWithOneOf(product, products);
 }
 
-std::string CLsiUdidGenerator::getUniqueDeviceID(CScsiDeviceData*)
+// The array id of page 0xC8 bytes 90 to 105 in lower-case hex, "##", and the LUN name of page
+// 0x83 bytes 8 to 23 in upper-case hex.
+std::string CLsiUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
-    throw error(MSG_INVALID_SCSI_DEVICE_DATA);
+    FI_TRACE_FUNCTION("CLsiUdidGenerator::getUniqueDeviceID");
+    unsigned int length = 0;
+    const unsigned char* pageC8 = findPageData(device, 0xC8, length);
+    if (pageC8 == nullptr || length <= 105) {
+        throw anonymousError(MSG_INVALID_SCSI_ENCLOSURE_DATA);
+    }
+    std::string body = CStringTool::binary2str(pageC8 + 90, 16) + udid_separator;
+
+    const unsigned char* page83 = findPageData(device, 0x83, length);
+    if (page83 == nullptr || length <= 22) {
+        throw error(MSG_INVALID_SCSI_PAGE_DATA);
+    }
+    if (page83[2] * 256 + page83[3] <= 19) {
+        throw error(MSG_INVALID_SCSI_DEVICE_DATA);
+    }
+    // Byte 23 is read: a page of exactly 23 bytes is too short as well.
+    if (length == 23) {
+        throw error(MSG_INVALID_SCSI_PAGE_DATA);
+    }
+    return body + hexField(page83, 8, 16, true);
 }
+
+// --- NetApp ----------------------------------------------------------------------------------
 
 CNetAppUdidGenerator::CNetAppUdidGenerator(std::string vendorId, std::string productId)
     : CUdidGenerator(std::move(vendorId), std::move(productId))
 {
 }
 
-std::string CNetAppUdidGenerator::getEnclosureID(CScsiDeviceData*)
+// The filer answers the vendor identity command with records from byte 8 on; the one of type
+// 0x22 holds the enclosure id as text from its byte 28.
+std::string CNetAppUdidGenerator::getEnclosureID(CScsiDeviceData* device)
 {
+    FI_TRACE_FUNCTION("CNetAppUdidGenerator::getEnclosureID");
+    enum {
+        kResponseSize = 4096,
+        kSenseSize = 64,
+        kLastRecordStart = 256,
+        kTextOffset = 28,
+        kTextLimit = 23
+    };
+    int fd = fiSystem().open(device->m_deviceName.c_str(), O_RDONLY | O_NONBLOCK);
+    if (fd < 0) {
+        if (m_traceLog) {
+            m_traceLog->trace(2, "getEnclosureID: cannot open %s", device->m_deviceName.c_str());
+        }
+        return "";
+    }
+
+    unsigned char cdb[10] = {0xC0, 0x00, 0x00, 0x0A, 0x98, 0x0A, 0x22, 0x10, 0x00, 0x00};
+    unsigned char sense[kSenseSize] = {};
+    unsigned char response[kResponseSize] = {};
+    sg_io_hdr_t request;
+    memset(&request, 0, sizeof(request));
+    request.interface_id = 'S';
+    request.dxfer_direction = SG_DXFER_FROM_DEV;
+    request.cmd_len = sizeof(cdb);
+    request.mx_sb_len = sizeof(sense);
+    request.iovec_count = 0;
+    request.dxfer_len = sizeof(response);
+    request.dxferp = response;
+    request.cmdp = cdb;
+    request.sbp = sense;
+    request.timeout = 10;
+    // Only the call's own failure counts. A transport error leaves the zeroed buffer, whose walk
+    // ends at once on a zero length, so the host and driver status add nothing.
+    int rc = fiSystem().ioctl(fd, SG_IO, &request);
+    fiSystem().close(fd);
+    if (rc < 0) {
+        if (m_traceLog) {
+            m_traceLog->trace(2, "getEnclosureID: identity command failed on %s",
+                              device->m_deviceName.c_str());
+        }
+        return "";
+    }
+
+    // Record lengths are two signed bytes; a zero or negative one ends the walk. Every record
+    // start is at most byte 256, so the text read from it stays inside the buffer.
+    int start = 8;
+    while (start <= kLastRecordStart) {
+        const unsigned char* record = response + start;
+        if (record[0] == 0x22) {
+            return textField(record, kTextOffset, kTextLimit);
+        }
+        int length = int(int8_t(record[2])) * 256 + int(int8_t(record[3]));
+        if (length <= 0) {
+            break;
+        }
+        start += length;
+    }
     return "";
 }
 
-std::string CNetAppUdidGenerator::getUniqueDeviceID(CScsiDeviceData*)
+// "<enclosure id>##" and the 12 bytes of page 0x83 from byte 21 in lower-case hex.
+std::string CNetAppUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
-    throw error(MSG_INVALID_SCSI_DEVICE_DATA);
+    FI_TRACE_FUNCTION("CNetAppUdidGenerator::getUniqueDeviceID");
+    std::string enclosureId = getEnclosureID(device);
+    if (enclosureId.empty()) {
+        throw error(MSG_INVALID_SCSI_PAGE_DATA);
+    }
+    std::string body = enclosureId + udid_separator;
+
+    const std::vector<unsigned int>& pages = device->m_supportedPages;
+    if (std::find(pages.begin(), pages.end(), 0x83u) == pages.end()) {
+        // This one site names the missing page in place of the product.
+        throw CUdidGeneratorException(MSG_INVALID_SCSI_PAGE_DATA, m_vendorId, "0x83");
+    }
+    unsigned int length = 0;
+    const unsigned char* page83 = findPageData(device, 0x83, length);
+    if (page83 == nullptr || length < 33) {
+        throw error(MSG_INVALID_SCSI_DEVICE_DATA);
+    }
+    return body + hexField(page83, 21, 12, false);
 }
+
+// --- Fujitsu Eternus -------------------------------------------------------------------------
 
 CFujitsuEternusUdidGenerator::CFujitsuEternusUdidGenerator(std::string vendorId,
                                                            std::string productId)
@@ -54,10 +203,28 @@ CFujitsuEternusUdidGenerator::CFujitsuEternusUdidGenerator(std::string vendorId,
 
 bool CFujitsuEternusUdidGenerator::claimDevice(CScsiDeviceData* device)
 {
-    return CUdidGenerator::claimDevice(device);
+    static const char* const products[] = {"ETERNUS", nullptr};
+    if (stripVendorId(device) != "FUJITSU") {
+        return false;
+    }
+    return beginsWithOneOf(stripProductId(device), products);
 }
 
-std::string CFujitsuEternusUdidGenerator::getUniqueDeviceID(CScsiDeviceData*)
+// The array serial of INQUIRY bytes 36 to 43 (blanks trimmed), "##", and the LUN name of page
+// 0x83 bytes 8 to 23 in upper-case hex.
+std::string CFujitsuEternusUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
-    throw error(MSG_INVALID_SCSI_DEVICE_DATA);
+    FI_TRACE_FUNCTION("CFujitsuEternusUdidGenerator::getUniqueDeviceID");
+    unsigned int length = 0;
+    const unsigned char* inquiry = findPageData(device, 0, length);
+    if (inquiry == nullptr || length < 44) {
+        throw anonymousError(MSG_INVALID_SCSI_ENCLOSURE_DATA);
+    }
+    std::string body = CStringTool::trim(textField(inquiry, 36, 8)) + udid_separator;
+
+    const unsigned char* page83 = findPageData(device, 0x83, length);
+    if (page83 == nullptr || length < 24) {
+        throw error(MSG_INVALID_SCSI_PAGE_DATA);
+    }
+    return body + hexField(page83, 8, 16, true);
 }
