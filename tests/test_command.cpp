@@ -313,7 +313,8 @@ TEST(CommandShow, WarningsOfTheQueryAreReported)
     EXPECT_EQ(report["supported_pages"], nlohmann::json::array({131}));
     EXPECT_EQ(report["vpd"], nlohmann::json({{"83", "0083000c01030008600a980000000001"}}));
     EXPECT_EQ(report["warnings"],
-              nlohmann::json::array({"WARNING: getUniqueDeviceID caught exception: "
+              nlohmann::json::array({"getEnclosureID: identity command failed on /dev/sda",
+                                     "WARNING: getUniqueDeviceID caught exception: "
                                      "[MSG_UDID_ERROR_INVALID_SCSI_PAGE_DATA:NETAPP:LUN],skipping "
                                      "device."}));
 }
