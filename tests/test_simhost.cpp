@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "device_discovery.h"
 #include "device_scsi_data.h"
 #include "device_udid_generator.h"
 #include "scsitool.h"
@@ -165,8 +166,15 @@ TEST_F(SimHostTest, InquiryIsDecodedAndCutToTheSmallerOfAllocationAndOutputLengt
         const size_t end = 8 + c.expected.size();
         EXPECT_EQ(0xaa, command.buffer[end < 14 ? 14 : end]) << c.what << ": wrote past the cut";
     }
+    // Byte 3 is the high byte of the allocation length (SPC-3): 0x0100 lets 256 bytes through.
+    host.findDevice("sdb")->vpd[0x80] = Bytes(300, 0x33);
+    Command wide(0x01, 0x80, 0x00);
+    wide.buffer[8 + 3] = 0x01;
+    EXPECT_EQ(0, host.ioctl(fd, 1, wide.buffer));
+    EXPECT_EQ(0x33, wide.buffer[8 + 255]);
+    EXPECT_EQ(0xaa, wide.buffer[8 + 256]);
     std::vector<Bytes> sent = host.cdbsSent("/dev/sdb");
-    ASSERT_EQ(7u, sent.size());
+    ASSERT_EQ(8u, sent.size());
     EXPECT_EQ(bytes({0x12, 0x41, 0x83, 0, 252, 0}), sent[3]);
     EXPECT_EQ(sent, host.cdbsSent("sdb"));
     host.close(fd);
@@ -559,6 +567,39 @@ TEST(SimHostDatacenter, EveryArrayFamilyGetsItsUdid)
     };
     for (const auto& entry : expected) {
         EXPECT_EQ(entry.second, udidOf(entry.first)) << entry.first;
+    }
+}
+
+// A rescan with bus rescanning replays each example host: latent LUNs are found by the 2.6
+// sysfs scans or the 2.4 probe, dead ones are dropped.
+TEST(SimHostExamples, RescanFindsTheLatentLunsOfEachHost)
+{
+    struct Case {
+        const char* file;
+        std::vector<std::string> devices;
+    } cases[] = {
+        {"datacenter.json",
+         {"/dev/emcpowera", "/dev/emcpowerb", "/dev/mapper/mpatha", "/dev/mapper/mpathb",
+          "/dev/sda", "/dev/sdb", "/dev/sdc", "/dev/sdd", "/dev/sde", "/dev/sdf", "/dev/sdg",
+          "/dev/sdh", "/dev/sdi", "/dev/sdj", "/dev/sdk", "/dev/sdl", "/dev/sdm", "/dev/sdo",
+          "/dev/sdp"}},
+        {"host24.json",
+         {"/dev/sda", "/dev/sdb", "/dev/sdc", "/dev/sdd", "/dev/sde", "/dev/sdf", "/dev/sdg",
+          "/dev/sdh"}},
+        {"modern.json", {"/dev/mapper/mpatha", "/dev/sda", "/dev/sdb"}},
+    };
+    for (const Case& c : cases) {
+        std::string error;
+        std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + c.file, error);
+        ASSERT_TRUE(host) << error;
+        simhost::SimHostInstall install(*host);
+        CLinuxDeviceDiscovery discovery;
+        std::vector<std::string> found;
+        for (CScsiDeviceData* record : discovery.rescan(true, false, false)) {
+            found.push_back(record->m_deviceName);
+            delete record;
+        }
+        EXPECT_EQ(c.devices, found) << c.file;
     }
 }
 

@@ -1,0 +1,364 @@
+// The UDID factory and the device map: the claim loop, the exception rule, map building, the
+// cached lookup, and whole enumerations on simulated hosts.
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "device_udid_factory.h"
+#include "trace_capture.h"
+
+namespace {
+
+CScsiDeviceData* makeRecord(const std::string& name, const std::string& vendor,
+                            const std::string& product, int claimLevel = 2)
+{
+    CScsiDeviceData* d = new CScsiDeviceData(name, "", "host", 0, 0, 0, -1, vendor, product, "", 0);
+    d->dmpClaimLevel = claimLevel;
+    return d;
+}
+
+// A generator for the claim loop's corner cases: claims what its vendor names, then either
+// answers `body` or throws after its prefix was taken.
+class ScriptedGenerator : public CUdidGenerator {
+public:
+    ScriptedGenerator(const std::string& vendor, const char* body)
+        : CUdidGenerator(vendor, "P"), m_body(body)
+    {
+    }
+    bool claimDevice(CScsiDeviceData* device) override { return device->m_vendorId == m_vendorId; }
+    std::string getUniqueDeviceID(CScsiDeviceData*) override
+    {
+        if (m_body == nullptr) {
+            throw CUdidGeneratorException("MSG_UDID_ERROR_INVALID_SCSI_PAGE_DATA", m_vendorId, "P");
+        }
+        return m_body;
+    }
+
+private:
+    const char* m_body;
+};
+
+class FactoryTest : public ::testing::Test {
+protected:
+    void SetUp() override { factory.registerTraceLog(capture.log()); }
+    // Replaces the generator table (the originals stay alive for the process, as always).
+    void useGenerators(std::vector<CUdidGenerator*> generators)
+    {
+        for (CUdidGenerator* g : generators) {
+            owned.emplace_back(g);
+            g->registerTraceLog(capture.log());
+        }
+        factory.m_generators = generators;
+    }
+
+    TraceCapture capture;
+    CUDIDFactory factory;
+    std::vector<std::unique_ptr<CUdidGenerator>> owned;
+};
+
+}  // namespace
+
+TEST_F(FactoryTest, TableHasThirteenGeneratorsDefaultLastAndAllShareTheLog)
+{
+    ASSERT_EQ(factory.m_generators.size(), 13u);
+    EXPECT_EQ(factory.m_generators.front()->getGeneratorName(), "HP:MSA");
+    EXPECT_EQ(factory.m_generators.back()->getGeneratorName(), ":");
+    for (CUdidGenerator* g : factory.m_generators) {
+        EXPECT_EQ(g->getTraceLog().get(), capture.log().get()) << g->getGeneratorName();
+    }
+    EXPECT_EQ(factory.m_discovery.getTraceLog().get(), capture.log().get());
+    EXPECT_EQ(factory.m_dmpManager.getTraceLog().get(), capture.log().get());
+}
+
+TEST_F(FactoryTest, ClaimLoopExceptionRuleAndWorkingString)
+{
+    struct Case {
+        const char* name;
+        const char* vendor;
+        std::string expected;
+        size_t warnings;
+    } cases[] = {
+        {"first claimer answers", "A", "UDID##A##P##BODY-A", 0},
+        {"thrower then next claimer", "B", "UDID##B##P##FROM-B2", 1},
+        {"last claimer throws: its prefix stays", "C", "UDID##C##P##", 1},
+        {"nobody claims: empty", "Z", "", 0},
+    };
+    useGenerators({new ScriptedGenerator("A", "body-a"), new ScriptedGenerator("B", nullptr),
+                   new ScriptedGenerator("B", "from-b2"), new ScriptedGenerator("C", nullptr)});
+    for (const Case& c : cases) {
+        capture.clear();
+        std::unique_ptr<CScsiDeviceData> d(makeRecord("/dev/sdx", c.vendor, "P"));
+        EXPECT_EQ(factory.getUniqueDeviceID(d.get()), c.expected) << c.name;
+        EXPECT_EQ(capture.at(2).size(), c.warnings) << c.name;
+    }
+    capture.clear();
+    std::unique_ptr<CScsiDeviceData> d(makeRecord("/dev/sdx", "B", "P"));
+    factory.getUniqueDeviceID(d.get());
+    EXPECT_EQ(capture.at(2), std::vector<std::string>{
+                                 "WARNING: getUniqueDeviceID caught exception: "
+                                 "[MSG_UDID_ERROR_INVALID_SCSI_PAGE_DATA:B:P],skipping device."});
+}
+
+TEST_F(FactoryTest, OverrideMapWinsInUpperCaseForComputationAsStoredForLookup)
+{
+    SDeviceInfo info;
+    info.Uid = "udid##mixed##case";
+    factory.m_overrideDeviceMap["/dev/sdq"] = info;
+    std::unique_ptr<CScsiDeviceData> d(makeRecord("/dev/sdq", "DGC", "RAID 5"));
+    EXPECT_EQ(factory.getUniqueDeviceID(d.get()), "UDID##MIXED##CASE");
+    EXPECT_EQ(factory.getCachedUniqueDeviceID("/dev/sdq", false), "udid##mixed##case");
+}
+
+TEST_F(FactoryTest, DefaultGeneratorBodyIsUpperCased)
+{
+    std::unique_ptr<CScsiDeviceData> d(makeRecord("/dev/sdm", "acme", "big disk 2"));
+    d->m_supportedPages = {0x00, 0x83};
+    const unsigned char page83[] = {0x00, 0x83, 0x00, 0x04, 0xab, 0xcd, 0xef, 0x10};
+    d->m_pageCache[0x83].set(page83, sizeof page83);
+    EXPECT_EQ(factory.getUniqueDeviceID(d.get()), "UDID##ACME##BIG_DISK_2##00830004ABCDEF1");
+}
+
+TEST_F(FactoryTest, FillDeviceMapKeepsShortUdidsAndDropsInvalidOnlyWhenRescanningBuses)
+{
+    SDeviceInfo shortUid;
+    shortUid.Uid = "abc";
+    factory.m_overrideDeviceMap["/dev/sdb"] = shortUid;
+    for (bool rescanBuses : {false, true}) {
+        capture.clear();
+        std::vector<CScsiDeviceData*> records = {makeRecord("/dev/mapper/mpatha", "X", "Y", 16),
+                                                 makeRecord("/dev/sdb", "X", "Y"),
+                                                 makeRecord("/dev/sdb", "X", "Y")};
+        records[2]->m_invalid = 1;  // a second record of the same name, marked invalid
+        std::map<std::string, SDeviceInfo> map = factory.fillDeviceMap(records, rescanBuses);
+        EXPECT_TRUE(records.empty());
+        EXPECT_EQ(map.count("/dev/sdb"), rescanBuses ? 0u : 1u) << rescanBuses;
+        EXPECT_EQ(map, factory.m_deviceMap);
+        ASSERT_EQ(map.count("/dev/mapper/mpatha"), 1u);
+        EXPECT_EQ(map["/dev/mapper/mpatha"].dmpClaimLevel, 16);
+        EXPECT_EQ(capture.has(3, "INFO: removing invalid device data for [/dev/sdb]"), rescanBuses);
+        EXPECT_TRUE(
+            capture.has(2, "WARNING: invalid UDID for device /dev/sdb, assigned empty UDID"));
+        if (!rescanBuses) {
+            EXPECT_EQ(map["/dev/sdb"].Uid, "ABC");  // kept, whatever the message says
+            EXPECT_EQ(map["/dev/sdb"].DeviceName, "/dev/sdb");
+            EXPECT_EQ(map["/dev/sdb"].dmpClaimLevel, 2);
+        }
+    }
+}
+
+TEST_F(FactoryTest, PrintDeviceMapLines)
+{
+    std::map<std::string, SDeviceInfo> map;
+    map["/dev/sdb"] = SDeviceInfo{2, "/dev/sdb", "UDID##X", {"/dev/sdc", "/dev/sdd"}};
+    map["/dev/sda"] = SDeviceInfo{16, "/dev/sda", "", {}};
+    capture.clear();
+    factory.printDeviceMap(map);
+    EXPECT_EQ(capture.at(3),
+              (std::vector<std::string>{"Uid [] \tDeviceName [/dev/sda] \tdmpClaimLevel [16]",
+                                        "Uid [UDID##X] \tDeviceName [/dev/sdb] \tdmpClaimLevel [2]",
+                                        "DeviceName [/dev/sdb] \tNativePath [/dev/sdc]",
+                                        "DeviceName [/dev/sdb] \tNativePath [/dev/sdd]"}));
+}
+
+// --- Whole enumerations and cached lookups on simulated hosts ----------------------------------
+
+#include "simhost.h"
+
+namespace {
+
+simhost::Bytes defaultInquiry(const std::string& vendor, const std::string& product)
+{
+    simhost::Bytes inquiry(36, ' ');
+    inquiry[0] = 0;
+    inquiry[1] = 0;
+    inquiry[2] = 5;
+    inquiry[3] = 2;
+    inquiry[4] = 31;
+    inquiry[5] = inquiry[6] = inquiry[7] = 0;
+    std::copy(vendor.begin(), vendor.end(), inquiry.begin() + 8);
+    std::copy(product.begin(), product.end(), inquiry.begin() + 16);
+    return inquiry;
+}
+
+// A disk the default generator serves: page 0x00 lists 0x83, whose four designator bytes
+// make the body.
+simhost::SimDevice defaultDisk(const std::string& name, int id, int lun, uint8_t serial)
+{
+    simhost::SimDevice d;
+    d.name = name;
+    d.host = 0;
+    d.id = id;
+    d.lun = lun;
+    d.inquiry = defaultInquiry("ACME", "Big Disk 2");
+    d.vpd[0x00] = {0x00, 0x00, 0x00, 0x02, 0x00, 0x83};
+    d.vpd[0x83] = {0x00, 0x83, 0x00, 0x04, 0x01, 0x02, 0x03, serial};
+    return d;
+}
+
+std::string defaultUdid(uint8_t serial)
+{
+    char body[16];
+    snprintf(body, sizeof body, "%02X", serial);
+    std::string hex = std::string("00830004010203") + body;
+    while (!hex.empty() && hex.back() == '0') {
+        hex.pop_back();
+    }
+    return "UDID##ACME##BIG_DISK_2##" + hex;
+}
+
+size_t countPrefix(const std::vector<std::string>& lines, const std::string& prefix)
+{
+    size_t n = 0;
+    for (const std::string& line : lines) {
+        n += line.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
+    }
+    return n;
+}
+
+class CachedLookupTest : public ::testing::Test {
+protected:
+    CachedLookupTest() : install(host)
+    {
+        host.setKernelRelease("2.6.32-431.el6.x86_64");
+        simhost::SimAdapter adapter;
+        adapter.host = 0;
+        adapter.driver = "mptspi";
+        host.addAdapter(adapter);
+        host.addDevice(defaultDisk("sda", 0, 0, 0x11));
+        factory.registerTraceLog(capture.log());
+    }
+    std::vector<std::string> validations() const
+    {
+        std::vector<std::string> out;
+        for (const std::string& line : capture.at(6)) {
+            if (line.compare(0, 31, "Entering Function validateDevic") == 0) {
+                out.push_back(line);
+            }
+        }
+        return out;
+    }
+
+    simhost::SimHost host;
+    simhost::SimHostInstall install;
+    TraceCapture capture;
+    CUDIDFactory factory;
+};
+
+}  // namespace
+
+TEST_F(CachedLookupTest, FirstCallEnumeratesSecondValidatesAndMapKeepsTheOldUdid)
+{
+    EXPECT_EQ(factory.getCachedUniqueDeviceID("/dev/sda", false), defaultUdid(0x11));
+    EXPECT_EQ(capture.at(6).front(),
+              "CUDIDFactory::getCachedUniqueDeviceID() Device map is empty, re-enumerating.");
+    EXPECT_TRUE(validations().empty());
+
+    host.findDevice("sda")->vpd[0x83].back() = 0x22;  // the volume behind sda changed
+    EXPECT_EQ(factory.getCachedUniqueDeviceID("/dev/sda", false), defaultUdid(0x22));
+    EXPECT_EQ(validations().size(), 1u);
+    EXPECT_EQ(factory.m_deviceMap["/dev/sda"].Uid, defaultUdid(0x11));
+    EXPECT_EQ(
+        countPrefix(capture.at(6), "CUDIDFactory::getCachedUniqueDeviceID() Device map is empty"),
+        1u);
+}
+
+TEST_F(CachedLookupTest, UnknownDeviceDumpsTheMapOrRescansTheBuses)
+{
+    simhost::SimDevice latent = defaultDisk("sdb", 1, 0, 0x33);
+    latent.state = simhost::DeviceState::Latent;
+    host.addDevice(latent);
+
+    EXPECT_EQ(factory.getCachedUniqueDeviceID("/dev/sdb", false), "");
+    EXPECT_TRUE(capture.has(
+        2, "CUDIDFactory::getCachedUniqueDeviceID() Device /dev/sdb not found, map contents are:"));
+    EXPECT_TRUE(capture.has(2, "\t\t[/dev/sda] : [" + defaultUdid(0x11) + "]\n"));
+    EXPECT_TRUE(host.sleeps().empty());  // no bus was rescanned
+
+    // With rescanIfMissing the buses are rescanned: the wildcard scan finds the latent LUN.
+    EXPECT_EQ(factory.getCachedUniqueDeviceID("/dev/sdb", true), defaultUdid(0x33));
+    EXPECT_FALSE(host.writesTo("/sys/class/scsi_host/host0/scan").empty());
+    EXPECT_EQ(factory.m_deviceMap.count("/dev/sdb"), 1u);
+
+    capture.clear();
+    EXPECT_EQ(factory.getCachedUniqueDeviceID("/dev/sdz", true), "");
+    EXPECT_TRUE(capture.has(
+        2, "CUDIDFactory::getCachedUniqueDeviceID() Device /dev/sdz not found, map contents are:"));
+    EXPECT_EQ(countPrefix(capture.at(2), "\t\t["), factory.m_deviceMap.size());
+}
+
+TEST(CachedLookupEmptyHost, ReEnumeratesOnEveryCall)
+{
+    simhost::SimHost host;
+    simhost::SimHostInstall install(host);
+    TraceCapture capture;
+    CUDIDFactory factory;
+    factory.registerTraceLog(capture.log());
+    for (int call = 1; call <= 3; ++call) {
+        EXPECT_EQ(factory.getCachedUniqueDeviceID("/dev/sda", false), "");
+        EXPECT_EQ(countPrefix(capture.at(6),
+                              "CUDIDFactory::getCachedUniqueDeviceID() Device map is empty"),
+                  static_cast<size_t>(call));
+    }
+}
+
+TEST(DeviceMapOnExampleHosts, DatacenterHostGivesEveryFamilyItsUdid)
+{
+    std::string error;
+    std::unique_ptr<simhost::SimHost> host =
+        simhost::SimHost::fromFile(SCSITOOL_SOURCE_DIR "/examples/hosts/datacenter.json", error);
+    ASSERT_TRUE(host) << error;
+    simhost::SimHostInstall install(*host);
+    TraceCapture capture;
+    CUDIDFactory factory;
+    factory.registerTraceLog(capture.log());
+    std::map<std::string, SDeviceInfo> map = factory.enumerateDeviceMap(false, false, false);
+    const std::string clariion =
+        "UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3A:B1:1E:00:4C:8F:5E:59:72:C3:E0:11";
+    const std::string symmetrix = "UDID##EMC##SYMMETRIX##000001879014##0A3F";
+    const std::string acme =
+        "UDID##ACME##BIG_DISK_2##0083001401030010600123456789ABCDEF0123456789ABCD";
+    struct Expected {
+        const char* device;
+        int level;
+        std::string uid;
+    } expected[] = {
+        {"/dev/emcpowera", 16, symmetrix},
+        {"/dev/emcpowerb", 16, clariion},
+        {"/dev/mapper/control", 16, "UDID######/DEV/MAPPER/CONTROL@DBHOST01.EXAMPLE.COM"},
+        {"/dev/mapper/mpatha", 16, clariion},
+        {"/dev/mapper/mpathb", 16, acme},
+        {"/dev/sda", 2,
+         "UDID##ATA##ST3500418AS##"
+         "008300200201001C415441202020202053543335303034313841532039564D5132414243"},
+        {"/dev/sdb", 2, clariion},
+        {"/dev/sdc", 2, symmetrix},
+        {"/dev/sdd", 2, "UDID##IBM##TOTALSTORAGE##IBM.2107-7512345##1A2B"},
+        {"/dev/sde", 2,
+         "UDID##HP##HSV##5000-1FE1-5005-ABCD##6005-08B4-0010-1234-0000-A000-0123-0000"},
+        {"/dev/sdf", 2, "UDID##HP##XP##10057##1234"},
+        {"/dev/sdg", 2, "UDID##HP##3PAR##1234567##50002AC000010ABC"},
+        {"/dev/sdh", 2, "UDID##HITACHI##HDS##1234##18"},
+        {"/dev/sdi", 2,
+         "UDID##ENGENIO##UNIVERSAL##600A0B8000112233000000004A5B6C7D##"
+         "600A0B8000112233000004D24A5B6C7D"},
+        {"/dev/sdj", 2, "UDID##NETAPP##LUN##1234567890##50334F6F473457564C783452"},
+        {"/dev/sdk", 2, "UDID##FUJITSU##ETERNUS##4321ABCD##600000E00D0000000001234500010000"},
+        {"/dev/sdl", 2, acme},
+        // The Clariion generator throws on its short page 0x83; the default generator serves it.
+        {"/dev/sdm", 2, "UDID##DGC##RAID_5##0083001001030010600601603AB11E004C8F5E59"},
+        // Unresponsive: its query failed, so only the host-local id is left.
+        {"/dev/sdn", 2, "UDID######/DEV/SDN@DBHOST01.EXAMPLE.COM"},
+    };
+    ASSERT_EQ(map.size(), sizeof expected / sizeof expected[0]);
+    for (const Expected& e : expected) {
+        ASSERT_EQ(map.count(e.device), 1u) << e.device;
+        EXPECT_EQ(map[e.device].Uid, e.uid) << e.device;
+        EXPECT_EQ(map[e.device].dmpClaimLevel, e.level) << e.device;
+        EXPECT_EQ(map[e.device].DeviceName, e.device);
+    }
+    EXPECT_TRUE(capture.has(2,
+                            "WARNING: getUniqueDeviceID caught exception: "
+                            "[MSG_UDID_ERROR_INVALID_SCSI_DEVICE_DATA:DGC:],skipping device."));
+    EXPECT_TRUE(capture.has(3, "Printing m_deviceMap"));
+    EXPECT_EQ(map, factory.m_deviceMap);
+}
