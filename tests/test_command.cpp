@@ -368,6 +368,12 @@ TEST(CommandTrace, GoesToTheFileAtTheLevelAsked)
     EXPECT_NE(text.find(" L3 Printing m_deviceMap\n"), std::string::npos) << text;
     EXPECT_EQ(text.find(" L6 "), std::string::npos);
 
+    // Without a level, up to 3.
+    run({"--host", kDatacenter, "--trace", trace, "map"});
+    text = readFile(trace);
+    EXPECT_NE(text.find(" L3 Printing m_deviceMap\n"), std::string::npos);
+    EXPECT_EQ(text.find(" L4 "), std::string::npos);
+
     result = run({"--host", kDatacenter, "--trace", "-", "--trace-level", "6", "udid", "sdc"});
     EXPECT_EQ(result.status, 0);
     EXPECT_NE(result.err.find(" L6 Entering Function "), std::string::npos);
@@ -440,4 +446,44 @@ TEST(CommandErrors, OneLineOnStderrTheExitCodeAndNothingOnStdout)
             EXPECT_EQ(result.out, "") << describe(c.args);
         }
     }
+}
+
+TEST(CommandMap, FlagsReachTheRescan)
+{
+    struct Case {
+        std::vector<std::string> flags;
+        const char* traced;  // a level-3 line the rescan writes, or nullptr for none
+        bool latentAppears;  // the datacenter's latent disk sdo is found by a bus rescan
+    } cases[] = {
+        {{}, nullptr, false},
+        {{"--rescan-buses"}, "removeDeadDevices : removeLun0 = 0", true},
+        {{"--rescan-buses", "--remove-lun0"}, "removeDeadDevices : removeLun0 = 1", true},
+        {{"--rescan-buses", "--bus-scan"}, "removeDeadDevices : removeLun0 = 0", true},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> args{"--host", kDatacenter, "--trace", "-", "map"};
+        args.insert(args.end(), c.flags.begin(), c.flags.end());
+        Result result = run(args);
+        EXPECT_EQ(result.status, 0) << describe(args);
+        if (c.traced) {
+            EXPECT_NE(result.err.find(std::string(" L3 ") + c.traced + "\n"), std::string::npos)
+                << describe(args);
+        } else {
+            EXPECT_EQ(result.err.find(" L3 removeDeadDevices"), std::string::npos);
+        }
+        EXPECT_EQ(result.out.find("\n/dev/sdo ") != std::string::npos, c.latentAppears)
+            << describe(args);
+    }
+}
+
+TEST(CommandUdid, RescansForAMissingDeviceOnlyWhenAsked)
+{
+    Result missing = run({"--host", kDatacenter, "udid", "sdo"});
+    EXPECT_EQ(missing.status, 3);
+    EXPECT_EQ(missing.err, "scsitool: /dev/sdo: device not found\n");
+    Result found = run({"--host", kDatacenter, "udid", "sdo", "--rescan-if-missing"});
+    EXPECT_EQ(found.status, 0) << found.err;
+    EXPECT_EQ(found.out,
+              "UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3A:B1:1E:00:4C:8F:5E:59:72:C3:E0:"
+              "44\n");
 }
