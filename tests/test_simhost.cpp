@@ -731,3 +731,14 @@ TEST(SimHostSnapshot, BadSnapshotsAreRejectedWithOneMessage)
 }
 
 }  // namespace
+
+TEST(SimHostPartitions, LongDiskNamesAreListedWithoutOverflow)
+{
+    SimHost host;
+    host.addDevice(disk("sdabcdefghij", 0, 0, 0, 0));
+    host.addDevice(disk("sdb", 0, 0, 1, 0));
+    std::string text;
+    ASSERT_TRUE(host.fileText("/proc/partitions", text));
+    EXPECT_NE(text.find(" sdabcdefghij\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("   8       16 "), std::string::npos) << text;
+}
