@@ -48,14 +48,16 @@ int sdIndex(const std::string& name)
     if (name.compare(0, 2, "sd") != 0 || name.size() < 3) {
         return -1;
     }
-    int index = 0;
+    // The kernel never names more disks than fit in an int; longer made-up names saturate.
+    const long long ceiling = 1000000;
+    long long index = 0;
     for (size_t i = 2; i < name.size(); ++i) {
         if (name[i] < 'a' || name[i] > 'z') {
             return -1;
         }
-        index = index * 26 + (name[i] - 'a' + 1);
+        index = index < ceiling ? index * 26 + (name[i] - 'a' + 1) : ceiling;
     }
-    return index - 1;
+    return static_cast<int>(index - 1);
 }
 
 // The sd driver's block numbers: 16 minors per disk over majors 8, 65-71, 128-135.
@@ -415,14 +417,15 @@ void SimHost::State::appear(int host, int channel, int id, int lun)
 
 void SimHost::State::remove(int host, int channel, int id, int lun)
 {
-    SimDevice* device = findAt(host, channel, id, lun);
-    if (!device || !listed(*device)) {
-        return;
+    for (SimDevice& device : devices) {
+        if (listed(device) && device.host == host && device.channel == channel && device.id == id &&
+            device.lun == lun) {
+            // A device that still answers is found again by the next scan of its address; a
+            // dead one stays gone.
+            device.state =
+                device.state == DeviceState::Running ? DeviceState::Latent : DeviceState::Removed;
+        }
     }
-    // A device that still answers is found again by the next scan of its address; a dead
-    // one stays gone.
-    device->state =
-        device->state == DeviceState::Running ? DeviceState::Latent : DeviceState::Removed;
 }
 
 void SimHost::State::actOnWrite(const std::string& written, const std::string& data, bool append)
