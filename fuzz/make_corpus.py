@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Writes the seed corpora of the fuzz targets from the example hosts (examples/hosts/*.json):
+"""Writes the seed corpora of the fuzz targets from the example hosts (examples/hosts/*.json) and
+the hosts captured on a real kernel (fuzz/hosts/*.json, e.g. the virtual machine's guest):
 their real device pages, the kernel files and command output the simulated host shows for them,
 the snapshots themselves, and a few configuration files. Run from anywhere; rewrites
 fuzz/corpus/<target>/."""
@@ -73,7 +74,8 @@ def proc_partitions(devices):
 
 
 def main():
-    hosts = sorted(glob.glob(os.path.join(ROOT, "examples", "hosts", "*.json")))
+    hosts = sorted(glob.glob(os.path.join(ROOT, "examples", "hosts", "*.json")) +
+                   glob.glob(os.path.join(ROOT, "fuzz", "hosts", "*.json")))
     for path in hosts:
         with open(path, "rb") as f:
             raw = f.read()
@@ -115,6 +117,13 @@ def main():
     write("fuzz_kernel_files", chunk("f", 0, "/proc/scsi/scsi\nHost: scsi0 Channel: 00 Id: 00 Lun: 00" + " " * 300 + "x\n  Vendor: A\n  Type:   Direct-Access\n"))
     write("fuzz_kernel_files", chunk("c", 2, "/bin/ls /sys/class/fc_host/\n") + chunk("c", 0, "/bin/ls /sys/class/scsi_host/\nhost5") +
           chunk("f", 0, "/sys/class/scsi_host/host5/device/fc_host:host5/port_name\n0x5001438001234567\n"))
+    # Inputs that found faults: a device rejected for an unknown field (its buffers leaked), and
+    # configuration lines that made the INI reader read in front of its line buffer.
+    write("fuzz_snapshot", b'{"format": 1, "hostname": "h", "kernel_release": "2.6.18", "proc_scsi": true, '
+          b'"devices": [{"name": "sda", "address": [0, 0, 0, 0], "inquiry": "00 00 05 02", '
+          b'"partitions": ["sda1"], "vdp": {}}]}')
+    write("fuzz_snapshot", b"[TUNING_PARAMS]\n=5\n\x00OPEN_DEVICE_RETRY_ATTEMPTS=2\n")
+    write("fuzz_update_device", b"")
     for text in ["[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=5\nOPEN_DEVICE_RETRY_DELAY_IN_SEC=1\n",
                  "[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\n",
                  "; comment\n[OTHER]\nkey=value\n[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_DELAY_IN_SEC=-1\n"]:
