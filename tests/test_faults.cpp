@@ -55,6 +55,9 @@ class FaultyHost : public simhost::SimHost {
 public:
     int open(const char* path, int flags) override
     {
+        if (path == vanishing && ++m_opens == vanishAtOpen) {
+            findDevice(vanishing.substr(5))->state = DeviceState::Gone;
+        }
         int fd = SimHost::open(path, flags);
         if (fd >= 0) {
             m_nodes[fd] = path;
@@ -96,7 +99,8 @@ public:
     }
 
     std::string vanishing;  // "/dev/sdX"
-    int vanishAt = 0;
+    int vanishAt = 0;       // at its n-th ioctl
+    int vanishAtOpen = 0;   // at its n-th open
     std::string failing;
     unsigned long failRequest = 0;  // 0: every request
     std::string hanging;
@@ -105,6 +109,7 @@ public:
 private:
     std::map<int, std::string> m_nodes;
     int m_ioctls = 0;
+    int m_opens = 0;
 };
 
 DeviceMap enumerate(simhost::SimHost& host, TraceCapture* trace = nullptr)
@@ -149,16 +154,19 @@ TEST(Faults, DeviceVanishingBetweenEnumerationAndQueryCostsOnlyItself)
 
     struct Case {
         int vanishAt;
+        int vanishAtOpen;
         std::string sdbUid;  // "": the healthy UDID
         std::string warning;
     } cases[] = {
-        {1, "UDID######/DEV/SDB@SIMHOST",
+        // Enumeration opened it; the query's own open fails.
+        {0, 2, "UDID######/DEV/SDB@SIMHOST", "GetModePageInfo: Exception Ocurred"},
+        {1, 0, "UDID######/DEV/SDB@SIMHOST",
          "WARNING: UpdateStdInquiryString invalid SCSI inq page size, device may have been "
          "removed."},
-        {2, "UDID######/DEV/SDB@SIMHOST", "UpdateDevice: Exception Occurred"},
-        {3, "UDID##ACME##DISK##/DEV/SDB@SIMHOST", ""},  // no page list: no page is read
-        {4, "UDID##ACME##DISK##/DEV/SDB@SIMHOST", ""},  // the list, but page 0x83 fails
-        {5, "", ""},                                    // every query was done
+        {2, 0, "UDID######/DEV/SDB@SIMHOST", "UpdateDevice: Exception Occurred"},
+        {3, 0, "UDID##ACME##DISK##/DEV/SDB@SIMHOST", ""},  // no page list: no page is read
+        {4, 0, "UDID##ACME##DISK##/DEV/SDB@SIMHOST", ""},  // the list, but page 0x83 fails
+        {5, 0, "", ""},                                    // every query was done
     };
     for (const Case& c : cases) {
         FaultyHost host;
@@ -167,9 +175,10 @@ TEST(Faults, DeviceVanishingBetweenEnumerationAndQueryCostsOnlyItself)
         }
         host.vanishing = "/dev/sdb";
         host.vanishAt = c.vanishAt;
+        host.vanishAtOpen = c.vanishAtOpen;
         TraceCapture trace;
         const DeviceMap map = enumerate(host, &trace);
-        SCOPED_TRACE(c.vanishAt);
+        SCOPED_TRACE(c.vanishAt * 10 + c.vanishAtOpen);
         EXPECT_EQ(map.size(), 3u);
         expectOthersKept(healthy, map, "/dev/sdb");
         ASSERT_EQ(map.count("/dev/sdb"), 1u);
