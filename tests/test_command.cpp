@@ -212,6 +212,9 @@ TEST(CommandCapture, ReplayOfACaptureGivesTheSameMapAndCapturesToItself)
         Result replayed = run({"--host", first, "map", "--json"});
         EXPECT_EQ(replayed.status, 0) << host << ": " << replayed.err;
         EXPECT_EQ(replayed.out, expected.out) << host;
+        EXPECT_EQ(run({"--host", first, "initiators", "--json"}).out,
+                  run({"--host", original, "initiators", "--json"}).out)
+            << host;
         ASSERT_EQ(run({"--host", first, "capture", second}).status, 0) << host;
         EXPECT_EQ(readFile(second), readFile(first)) << host << ": a capture of the replay differs";
         EXPECT_EQ(run({"--host", first, "capture", "-"}).out, readFile(first)) << host;
@@ -226,7 +229,7 @@ TEST(CommandCapture, KeepsPagesAddressesAndHostFacts)
     nlohmann::json captured = parseJson(readFile(dir.file("c.json")));
     ASSERT_FALSE(captured.is_discarded());
     for (const char* key : {"hostname", "kernel_release", "proc_scsi", "device_mapper",
-                            "multipath_maps", "powerpath", "files", "executables"}) {
+                            "multipath_maps", "powerpath", "adapters", "files", "executables"}) {
         EXPECT_EQ(captured[key], original[key]) << key;
     }
     std::map<std::string, nlohmann::json> capturedDevices;
@@ -293,9 +296,19 @@ TEST(CommandShow, ReportsWhatTheDeviceAnsweredAndTheMapsUdid)
 
 TEST(CommandShow, TableShowsIdentityAndHexDump)
 {
-    Result result = run({"--host", kDatacenter, "show", "/dev/sdg"});
-    EXPECT_EQ(result.status, 0) << result.err;
-    expectGolden("datacenter.show-sdg.txt", result.out);
+    struct Case {
+        std::string host;
+        std::string device;
+        std::string golden;
+    } cases[] = {
+        {kDatacenter, "/dev/sdg", "datacenter.show-sdg.txt"},       // an array generator
+        {kExamples + "modern.json", "sda", "modern.show-sda.txt"},  // the default generator
+    };
+    for (const Case& c : cases) {
+        Result result = run({"--host", c.host, "show", c.device});
+        EXPECT_EQ(result.status, 0) << result.err;
+        expectGolden(c.golden, result.out);
+    }
 }
 
 TEST(CommandShow, WarningsOfTheQueryAreReported)
@@ -486,4 +499,28 @@ TEST(CommandUdid, RescansForAMissingDeviceOnlyWhenAsked)
     EXPECT_EQ(found.out,
               "UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3A:B1:1E:00:4C:8F:5E:59:72:C3:E0:"
               "44\n");
+}
+
+TEST(CommandCapture, ARescanOfTheReplayFindsWhatTheHostWouldFind)
+{
+    // Disks that only a rescan makes visible cannot be captured; without them the replay's
+    // rescan (adapters, control files, kernel lists) gives the original's map.
+    for (const std::string& host : exampleHosts()) {
+        TempDir dir;
+        nlohmann::json snapshot = parseJson(readFile(kExamples + host + ".json"));
+        nlohmann::json visible = nlohmann::json::array();
+        for (const nlohmann::json& device : snapshot["devices"]) {
+            if (device["state"] != "latent") {
+                visible.push_back(device);
+            }
+        }
+        snapshot["devices"] = visible;
+        writeFile(dir.file("visible.json"), snapshot.dump());
+        ASSERT_EQ(run({"--host", dir.file("visible.json"), "capture", dir.file("c.json")}).status,
+                  0);
+        Result expected = run({"--host", dir.file("visible.json"), "map", "--rescan-buses"});
+        Result replayed = run({"--host", dir.file("c.json"), "map", "--rescan-buses"});
+        EXPECT_EQ(replayed.status, 0) << host;
+        EXPECT_EQ(replayed.out, expected.out) << host;
+    }
 }
