@@ -2,8 +2,8 @@
 """Writes the seed corpora of the fuzz targets from the example hosts (examples/hosts/*.json) and
 the hosts captured on a real kernel (fuzz/hosts/*.json, e.g. the virtual machine's guest):
 their real device pages, the kernel files and command output the simulated host shows for them,
-the snapshots themselves, and a few configuration files. Run from anywhere; rewrites
-fuzz/corpus/<target>/."""
+the snapshots themselves, and a few configuration files. Run from anywhere; writes into
+fuzz/corpus/<target>/, where the inputs a campaign kept (campaign.sh --merge) stay beside them."""
 import glob
 import hashlib
 import json
