@@ -415,14 +415,15 @@ void SimHost::State::appear(int host, int channel, int id, int lun)
 
 void SimHost::State::remove(int host, int channel, int id, int lun)
 {
-    SimDevice* device = findAt(host, channel, id, lun);
-    if (!device || !listed(*device)) {
-        return;
+    for (SimDevice& device : devices) {
+        if (listed(device) && device.host == host && device.channel == channel && device.id == id &&
+            device.lun == lun) {
+            // A device that still answers is found again by the next scan of its address; a
+            // dead one stays gone.
+            device.state =
+                device.state == DeviceState::Running ? DeviceState::Latent : DeviceState::Removed;
+        }
     }
-    // A device that still answers is found again by the next scan of its address; a dead
-    // one stays gone.
-    device->state =
-        device->state == DeviceState::Running ? DeviceState::Latent : DeviceState::Removed;
 }
 
 void SimHost::State::actOnWrite(const std::string& written, const std::string& data, bool append)

@@ -173,27 +173,6 @@ const SimDevice* SimHost::State::find(const std::string& name) const
     return const_cast<State*>(this)->find(name);
 }
 
-SimDevice* SimHost::State::findAt(int host, int channel, int id, int lun)
-{
-    for (SimDevice& device : devices) {
-        if (device.host == host && device.channel == channel && device.id == id &&
-            device.lun == lun) {
-            return &device;
-        }
-    }
-    return nullptr;
-}
-
-const SimAdapter* SimHost::State::adapter(int host) const
-{
-    for (const SimAdapter& adapter : adapters) {
-        if (adapter.host == host) {
-            return &adapter;
-        }
-    }
-    return nullptr;
-}
-
 bool SimHost::State::listed(const SimDevice& device)
 {
     return device.state == DeviceState::Running || device.state == DeviceState::Unresponsive ||

@@ -64,12 +64,11 @@ struct SimHost::State {
     std::map<int, OpenNode> fds;
     int nextFd = 3;
     std::map<std::string, std::vector<Bytes>> cdbs;
+    std::set<void*> dirs;  // open directory handles
 
     // Devices.
     SimDevice* find(const std::string& name);
     const SimDevice* find(const std::string& name) const;
-    SimDevice* findAt(int host, int channel, int id, int lun);
-    const SimAdapter* adapter(int host) const;
     static bool listed(const SimDevice& device);  // the kernel knows it
 
     // The file tree (kernel_files.cpp).
@@ -86,7 +85,6 @@ struct SimHost::State {
 
     // SCSI commands (devices.cpp).
     int sgIo(SimDevice* device, void* header, std::vector<Bytes>& sent);
-    std::set<void*> dirs;  // open directory handles
     void closeDirectories();
 
     // Commands (commands.cpp).

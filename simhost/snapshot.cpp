@@ -1,12 +1,12 @@
 // Host snapshots: loading a host from its JSON description and writing one back.
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
+#include <unistd.h>
 
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <set>
-#include <sstream>
 
 #include "simhost.h"
 #include "simhost_state.h"
@@ -398,19 +398,24 @@ std::unique_ptr<SimHost> SimHost::fromJson(const std::string& text, std::string&
 
 std::unique_ptr<SimHost> SimHost::fromFile(const std::string& path, std::string& error)
 {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        error = "cannot read " + path + ": " + strerror(errno);
-        return nullptr;
+    // Read with plain POSIX calls so that the reason of a failure is errno's.
+    std::string text;
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    ssize_t got = fd < 0 ? -1 : 0;
+    char buffer[65536];
+    while (fd >= 0 && (got = ::read(fd, buffer, sizeof buffer)) > 0) {
+        text.append(buffer, static_cast<size_t>(got));
     }
-    std::stringstream text;
-    text << file.rdbuf();
-    if (file.bad()) {
-        error = "cannot read " + path + ": " + strerror(errno);
+    const int reason = errno;
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    if (got < 0) {
+        error = "cannot read " + path + ": " + strerror(reason);
         return nullptr;
     }
     std::unique_ptr<SimHost> host(new SimHost);
-    if (!simhost::load(text.str(), path, *host->m_state, error)) {
+    if (!simhost::load(text, path, *host->m_state, error)) {
         return nullptr;
     }
     return host;

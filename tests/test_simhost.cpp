@@ -719,6 +719,8 @@ TEST(SimHostSnapshot, BadSnapshotsAreRejectedWithOneMessage)
     std::string error;
     EXPECT_EQ(nullptr, SimHost::fromFile("/nonexistent/host.json", error));
     EXPECT_EQ("cannot read /nonexistent/host.json: No such file or directory", error);
+    EXPECT_EQ(nullptr, SimHost::fromFile(kHosts, error));
+    EXPECT_EQ("cannot read " + kHosts + ": Is a directory", error);
 }
 
 }  // namespace

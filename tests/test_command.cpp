@@ -1,0 +1,443 @@
+// The scsitool command, run as a program: golden device maps of the example hosts, capture and
+// replay, one device's report, and the one-line errors with their exit codes.
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+const std::string kBinary = std::string(SCSITOOL_BINARY_DIR) + "/tools/scsitool/scsitool";
+const std::string kSource = SCSITOOL_SOURCE_DIR;
+const std::string kExamples = kSource + "/examples/hosts/";
+const std::string kGolden = kSource + "/tests/golden/";
+
+struct Result {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+void writeFile(const std::string& path, const std::string& text)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+}
+
+class TempDir {
+public:
+    TempDir()
+    {
+        char pattern[] = "/tmp/scsitool-test-XXXXXX";
+        m_path = mkdtemp(pattern);
+    }
+    ~TempDir() { std::system(("rm -rf '" + m_path + "'").c_str()); }
+    std::string file(const std::string& name) const { return m_path + "/" + name; }
+
+private:
+    std::string m_path;
+};
+
+// Runs the command with `args`; stdout and stderr are kept apart, stdin is empty.
+Result run(const std::vector<std::string>& args)
+{
+    TempDir dir;
+    const std::string outPath = dir.file("out"), errPath = dir.file("err");
+    pid_t pid = fork();
+    if (pid == 0) {
+        int in = open("/dev/null", O_RDONLY);
+        int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(in, 0);
+        dup2(out, 1);
+        dup2(err, 2);
+        std::vector<char*> argv{const_cast<char*>(kBinary.c_str())};
+        for (const std::string& arg : args) {
+            argv.push_back(const_cast<char*>(arg.c_str()));
+        }
+        argv.push_back(nullptr);
+        execv(kBinary.c_str(), argv.data());
+        _exit(127);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    Result result;
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.out = readFile(outPath);
+    result.err = readFile(errPath);
+    return result;
+}
+
+std::string describe(const std::vector<std::string>& args)
+{
+    std::string text = "scsitool";
+    for (const std::string& arg : args) {
+        text += " " + arg;
+    }
+    return text;
+}
+
+// The example hosts, by file stem.
+std::vector<std::string> exampleHosts()
+{
+    std::vector<std::string> names;
+    if (DIR* dir = opendir(kExamples.c_str())) {
+        while (struct dirent* entry = readdir(dir)) {
+            std::string name = entry->d_name;
+            if (name.size() > 5 && name.compare(name.size() - 5, 5, ".json") == 0) {
+                names.push_back(name.substr(0, name.size() - 5));
+            }
+        }
+        closedir(dir);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// Compares `actual` with a golden file and shows a unified diff when they differ. With
+// SCSITOOL_UPDATE_GOLDEN set the golden file is rewritten instead.
+void expectGolden(const std::string& name, const std::string& actual)
+{
+    const std::string path = kGolden + name;
+    if (std::getenv("SCSITOOL_UPDATE_GOLDEN") != nullptr) {
+        writeFile(path, actual);
+        return;
+    }
+    const std::string expected = readFile(path);
+    if (expected == actual) {
+        return;
+    }
+    TempDir dir;
+    writeFile(dir.file("actual"), actual);
+    std::string diff;
+    if (FILE* pipe = popen(("diff -u '" + path + "' '" + dir.file("actual") + "'").c_str(), "r")) {
+        char buffer[4096];
+        size_t count;
+        while ((count = fread(buffer, 1, sizeof buffer, pipe)) > 0) {
+            diff.append(buffer, count);
+        }
+        pclose(pipe);
+    }
+    ADD_FAILURE() << name << " differs from its golden file:\n" << diff;
+}
+
+}  // namespace
+
+TEST(CommandGolden, MapOfEveryExampleHostAsTableAndJson)
+{
+    std::vector<std::string> hosts = exampleHosts();
+    ASSERT_FALSE(hosts.empty()) << "no example hosts in " << kExamples;
+    for (const std::string& host : hosts) {
+        for (bool json : {false, true}) {
+            std::vector<std::string> args{"--host", kExamples + host + ".json", "map"};
+            if (json) {
+                args.push_back("--json");
+            }
+            Result result = run(args);
+            EXPECT_EQ(result.status, 0) << describe(args) << "\n" << result.err;
+            // No progress line either: stderr is not a terminal here.
+            EXPECT_EQ(result.err, "") << describe(args);
+            expectGolden(host + (json ? ".map.json" : ".map.txt"), result.out);
+        }
+    }
+}
+
+namespace {
+
+const std::string kDatacenter = kExamples + "datacenter.json";
+
+nlohmann::json parseJson(const std::string& text)
+{
+    return nlohmann::json::parse(text, nullptr, false);
+}
+
+std::string withoutBlanks(std::string text)
+{
+    text.erase(std::remove(text.begin(), text.end(), ' '), text.end());
+    return text;
+}
+
+// A minimal snapshot: one host adapter and the given devices (JSON objects).
+std::string snapshotWith(const std::string& devices)
+{
+    return R"({"format": 1, "hostname": "test01", "kernel_release": "2.6.18-8.el5",
+               "proc_scsi": true, "devices": [)" +
+           devices + R"(], "adapters": [{"host": 0, "driver": "mptspi"}]})";
+}
+
+// INQUIRY data of a direct-access device with the given vendor (8) and product (16) fields.
+std::string inquiryHex(const std::string& vendor, const std::string& product)
+{
+    std::string text = "00 00 05 02 1f 00 00 32";
+    std::string fields = vendor + std::string(8 - vendor.size(), ' ') + product +
+                         std::string(16 - product.size(), ' ') + "0001";
+    char byte[4];
+    for (unsigned char c : fields) {
+        std::snprintf(byte, sizeof byte, " %02x", c);
+        text += byte;
+    }
+    return text;
+}
+
+}  // namespace
+
+TEST(CommandCapture, ReplayOfACaptureGivesTheSameMapAndCapturesToItself)
+{
+    for (const std::string& host : exampleHosts()) {
+        TempDir dir;
+        const std::string original = kExamples + host + ".json";
+        const std::string first = dir.file("first.json"), second = dir.file("second.json");
+        Result captured = run({"--host", original, "capture", first});
+        ASSERT_EQ(captured.status, 0) << host << ": " << captured.err;
+        EXPECT_EQ(captured.out, "") << host;
+        Result expected = run({"--host", original, "map", "--json"});
+        Result replayed = run({"--host", first, "map", "--json"});
+        EXPECT_EQ(replayed.status, 0) << host << ": " << replayed.err;
+        EXPECT_EQ(replayed.out, expected.out) << host;
+        ASSERT_EQ(run({"--host", first, "capture", second}).status, 0) << host;
+        EXPECT_EQ(readFile(second), readFile(first)) << host << ": a capture of the replay differs";
+        EXPECT_EQ(run({"--host", first, "capture", "-"}).out, readFile(first)) << host;
+    }
+}
+
+TEST(CommandCapture, KeepsPagesAddressesAndHostFacts)
+{
+    TempDir dir;
+    ASSERT_EQ(run({"--host", kDatacenter, "capture", dir.file("c.json")}).status, 0);
+    nlohmann::json original = parseJson(readFile(kDatacenter));
+    nlohmann::json captured = parseJson(readFile(dir.file("c.json")));
+    ASSERT_FALSE(captured.is_discarded());
+    for (const char* key : {"hostname", "kernel_release", "proc_scsi", "device_mapper",
+                            "multipath_maps", "powerpath", "files", "executables"}) {
+        EXPECT_EQ(captured[key], original[key]) << key;
+    }
+    std::map<std::string, nlohmann::json> capturedDevices;
+    for (const nlohmann::json& device : captured["devices"]) {
+        capturedDevices[device["name"]] = device;
+    }
+    for (const nlohmann::json& device : original["devices"]) {
+        const std::string name = device["name"];
+        const std::string state = device["state"];
+        if (name.compare(0, 2, "sd") != 0 || state == "latent") {
+            EXPECT_EQ(capturedDevices.count(name), 0u) << name << " cannot be seen on a host";
+            continue;
+        }
+        ASSERT_EQ(capturedDevices.count(name), 1u) << name;
+        const nlohmann::json& copy = capturedDevices[name];
+        EXPECT_EQ(copy["address"], device["address"]) << name;
+        EXPECT_EQ(copy["state"], device["state"]) << name;
+        if (state == "running") {
+            EXPECT_EQ(copy["inquiry"], device["inquiry"]) << name;
+            EXPECT_EQ(copy["vpd"], device["vpd"]) << name;
+            EXPECT_EQ(copy.contains("vendor_command"), device.contains("vendor_command")) << name;
+        }
+    }
+}
+
+TEST(CommandShow, ReportsWhatTheDeviceAnsweredAndTheMapsUdid)
+{
+    nlohmann::json snapshot = parseJson(readFile(kDatacenter));
+    nlohmann::json map = parseJson(run({"--host", kDatacenter, "map", "--json"}).out);
+    std::map<std::string, std::string> udids;
+    for (const nlohmann::json& entry : map) {
+        udids[entry["DeviceName"]] = entry["Uid"];
+    }
+    int shown = 0;
+    for (const nlohmann::json& device : snapshot["devices"]) {
+        const std::string name = device["name"];
+        if (device["state"] != "running" || name.compare(0, 2, "sd") != 0) {
+            continue;
+        }
+        Result result = run({"--host", kDatacenter, "show", name, "--json"});
+        ASSERT_EQ(result.status, 0) << name << ": " << result.err;
+        nlohmann::json report = parseJson(result.out);
+        ASSERT_TRUE(report.is_object()) << result.out;
+        std::vector<std::string> keys;
+        for (auto it = report.begin(); it != report.end(); ++it) {
+            keys.push_back(it.key());
+        }
+        EXPECT_EQ(keys, (std::vector<std::string>{"address", "device", "firmware", "generator",
+                                                  "inquiry", "product", "supported_pages", "udid",
+                                                  "vendor", "vpd", "warnings"}));
+        EXPECT_EQ(report["device"], "/dev/" + name);
+        EXPECT_EQ(report["address"], device["address"]) << name;
+        EXPECT_EQ(report["inquiry"], withoutBlanks(device["inquiry"])) << name;
+        EXPECT_EQ(report["udid"], udids["/dev/" + name]) << name;
+        // Every cached page is the device's own answer, under its two-digit code.
+        for (auto page = report["vpd"].begin(); page != report["vpd"].end(); ++page) {
+            ASSERT_TRUE(device["vpd"].contains(page.key())) << name << " " << page.key();
+            EXPECT_EQ(page.value(), withoutBlanks(device["vpd"][page.key()])) << name;
+        }
+        ++shown;
+    }
+    EXPECT_GT(shown, 10);
+}
+
+TEST(CommandShow, TableShowsIdentityAndHexDump)
+{
+    Result result = run({"--host", kDatacenter, "show", "/dev/sdg"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    expectGolden("datacenter.show-sdg.txt", result.out);
+}
+
+TEST(CommandShow, WarningsOfTheQueryAreReported)
+{
+    // A NetApp LUN that does not answer the filer identity command: its generator gives up.
+    TempDir dir;
+    writeFile(dir.file("h.json"), snapshotWith(R"({"name": "sda", "address": [0, 0, 0, 0],
+        "inquiry": ")" + inquiryHex("NETAPP", "LUN") +
+                                               R"(", "vpd": {"00": "00 00 00 01 83",
+        "83": "00 83 00 0c 01 03 00 08 60 0a 98 00 00 00 00 01"}})"));
+    Result result = run({"--host", dir.file("h.json"), "show", "sda", "--json"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    nlohmann::json report = parseJson(result.out);
+    EXPECT_EQ(report["generator"], "NETAPP:LUN");
+    EXPECT_EQ(report["supported_pages"], nlohmann::json::array({131}));
+    EXPECT_EQ(report["vpd"], nlohmann::json({{"83", "0083000c01030008600a980000000001"}}));
+    EXPECT_EQ(report["warnings"],
+              nlohmann::json::array({"getEnclosureID: identity command failed on /dev/sda",
+                                     "WARNING: getUniqueDeviceID caught exception: "
+                                     "[MSG_UDID_ERROR_INVALID_SCSI_PAGE_DATA:NETAPP:LUN],skipping "
+                                     "device."}));
+}
+
+TEST(CommandUdid, AcceptsAKernelNameOrANodeAndAnswersFromTheMap)
+{
+    nlohmann::json map = parseJson(run({"--host", kDatacenter, "map", "--json"}).out);
+    std::string sdc;
+    for (const nlohmann::json& entry : map) {
+        if (entry["DeviceName"] == "/dev/sdc") {
+            sdc = entry["Uid"];
+        }
+    }
+    ASSERT_FALSE(sdc.empty());
+    for (const char* name : {"sdc", "/dev/sdc"}) {
+        Result result = run({"--host", kDatacenter, "udid", name});
+        EXPECT_EQ(result.status, 0) << name;
+        EXPECT_EQ(result.out, sdc + "\n") << name;
+        EXPECT_EQ(result.err, "") << name;
+    }
+}
+
+TEST(CommandInitiators, NamesTheInitiatorAndPortsOrNullWhenThereIsNone)
+{
+    TempDir dir;
+    writeFile(dir.file("bare.json"), snapshotWith(""));
+    struct Case {
+        std::string host;
+        std::string json;
+    } cases[] = {
+        {kDatacenter,
+         "{\n  \"iscsi_initiator\": \"iqn.1994-05.com.redhat:dc01a7f3e2b1\",\n"
+         "  \"fc_port_names\": [\n    \"21000024ff2c3d4e\"\n  ]\n}\n"},
+        {dir.file("bare.json"), "{\n  \"iscsi_initiator\": null,\n  \"fc_port_names\": []\n}\n"},
+    };
+    for (const Case& c : cases) {
+        Result result = run({"--host", c.host, "initiators", "--json"});
+        EXPECT_EQ(result.status, 0) << c.host;
+        EXPECT_EQ(result.out, c.json) << c.host;
+    }
+}
+
+TEST(CommandTrace, GoesToTheFileAtTheLevelAsked)
+{
+    TempDir dir;
+    const std::string trace = dir.file("trace.log");
+    Result result = run({"--host", kDatacenter, "--trace", trace, "--trace-level", "3", "map"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.err, "");
+    std::string text = readFile(trace);
+    EXPECT_NE(text.find(" L3 Printing m_deviceMap\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find(" L6 "), std::string::npos);
+
+    result = run({"--host", kDatacenter, "--trace", "-", "--trace-level", "6", "udid", "sdc"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(result.err.find(" L6 Entering Function "), std::string::npos);
+}
+
+TEST(CommandErrors, OneLineOnStderrTheExitCodeAndNothingOnStdout)
+{
+    TempDir dir;
+    writeFile(dir.file("broken.json"), "{\"format\": 1, \"devices\": [");
+    writeFile(dir.file("badhex.json"),
+              snapshotWith(R"({"name": "sda", "address": [0, 0, 0, 0], "inquiry": "00 0g"})"));
+    writeFile(dir.file("bad.ini"), "this is not a configuration\n");
+    writeFile(dir.file("good.ini"), "[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=1\n");
+    writeFile(dir.file("dead.json"), snapshotWith(R"({"name": "sda", "address": [0, 0, 0, 0],
+        "state": "unresponsive", "inquiry": ")" + inquiryHex("ACME", "DISK") +
+                                                  R"(", "vpd": {}})"));
+    const std::string missing = dir.file("missing.json");
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+        std::string err;
+    } cases[] = {
+        {{}, 1, "scsitool: a subcommand is required: map, udid, show, initiators or capture\n"},
+        {{"mpa"}, 1, "scsitool: The following argument was not expected: mpa\n"},
+        {{"map", "--bogus"}, 1, "scsitool: The following argument was not expected: --bogus\n"},
+        {{"udid"}, 1, "scsitool: DEVICE is required\n"},
+        {{"--trace-level", "3", "map"}, 1, "scsitool: --trace-level requires --trace\n"},
+        {{"--trace", "-", "--trace-level", "9", "map"},
+         1,
+         "scsitool: --trace-level: Value 9 not in range 0 to 6\n"},
+        {{"--host", missing, "map"},
+         2,
+         "scsitool: cannot read " + missing + ": No such file or directory\n"},
+        {{"--host", dir.file("badhex.json"), "map"},
+         2,
+         "scsitool: " + dir.file("badhex.json") + ": devices[0].inquiry: not hexadecimal\n"},
+        {{"--host", dir.file("broken.json"), "map"},
+         2,
+         "scsitool: " + dir.file("broken.json") +
+             ": not JSON: parse error at line 1, column 27: syntax error while parsing value - "
+             "unexpected end of input; expected '[', '{', or a literal\n"},
+        {{"--config", dir.file("none.ini"), "map"},
+         2,
+         "scsitool: " + dir.file("none.ini") + ": no such configuration file\n"},
+        {{"--config", dir.file("bad.ini"), "map"},
+         2,
+         "scsitool: " + dir.file("bad.ini") + ": not a readable configuration file\n"},
+        {{"--trace", dir.file("no/such/dir"), "map"},
+         2,
+         "scsitool: " + dir.file("no/such/dir") +
+             ": cannot write the trace: No such file or directory\n"},
+        {{"--host", kDatacenter, "capture", dir.file("no/such/dir")},
+         2,
+         "scsitool: " + dir.file("no/such/dir") +
+             ": cannot write the snapshot: No such file or directory\n"},
+        {{"--host", kDatacenter, "udid", "sdzz"}, 3, "scsitool: /dev/sdzz: device not found\n"},
+        {{"--host", kDatacenter, "show", "/dev/sdzz"},
+         3,
+         "scsitool: /dev/sdzz: device not found\n"},
+        {{"--host", dir.file("dead.json"), "show", "sda"},
+         3,
+         "scsitool: /dev/sda: the device does not answer as a disk\n"},
+        {{"--config", dir.file("good.ini"), "--host", dir.file("dead.json"), "map"}, 0, ""},
+    };
+    for (const Case& c : cases) {
+        Result result = run(c.args);
+        EXPECT_EQ(result.status, c.status) << describe(c.args);
+        EXPECT_EQ(result.err, c.err) << describe(c.args);
+        if (c.status != 0) {
+            EXPECT_EQ(result.out, "") << describe(c.args);
+        }
+    }
+}

@@ -1,0 +1,30 @@
+// The subcommands. Each returns what it writes on stdout, or throws CommandError.
+#ifndef SCSITOOL_CLI_COMMANDS_H
+#define SCSITOOL_CLI_COMMANDS_H
+
+#include <string>
+
+#include "session.h"
+
+namespace scsitool_cli {
+
+struct MapOptions {
+    bool json = false;
+    bool rescanBuses = false;
+    bool busScan = false;
+    bool removeLun0 = false;
+};
+
+std::string runMap(Session& session, const MapOptions& options);
+std::string runUdid(Session& session, const std::string& device, bool rescanIfMissing);
+std::string runShow(Session& session, const std::string& device, bool json);
+std::string runInitiators(Session& session, bool json);
+// Writes the snapshot to `file` ("-": returns it for stdout).
+std::string runCapture(Session& session, const std::string& file);
+
+// A bare kernel name ("sdc") names its node under /dev; a path is taken as it is.
+std::string deviceNode(const std::string& name);
+
+}  // namespace scsitool_cli
+
+#endif

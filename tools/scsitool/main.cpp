@@ -1,0 +1,130 @@
+// scsitool: the device map of this host or of a host snapshot, one device's identity and pages,
+// the host's initiator names, and the capture of a snapshot.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <iostream>
+#include <string>
+
+#include "commands.h"
+#include "errors.h"
+#include "session.h"
+
+using namespace scsitool_cli;
+
+namespace {
+
+const char* const kFooter =
+    "Exit codes:\n"
+    "  0  success\n"
+    "  1  usage: a bad option or argument\n"
+    "  2  bad input: a snapshot, configuration, trace or output file that cannot be used\n"
+    "  3  device not found, or it does not answer\n"
+    "  4  the library failed unexpectedly";
+
+// One line on stderr, whatever the message held.
+void reportError(const std::string& message)
+{
+    std::string line = message;
+    for (char& c : line) {
+        if (c == '\n' || c == '\r') {
+            c = ' ';
+        }
+    }
+    std::fprintf(stderr, "scsitool: %s\n", line.c_str());
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App app{"SCSI disks and their unique device ids (UDIDs)", "scsitool"};
+    app.footer(kFooter);
+    // At most one; none is reported after parsing, so that a misspelt one is named.
+    app.require_subcommand(0, 1);
+
+    GlobalOptions global;
+    app.add_option("--host", global.hostFile, "run on a host snapshot through the simulated host")
+        ->type_name("FILE");
+    CLI::Option* trace =
+        app.add_option("--trace", global.traceFile, "write the trace log to FILE (- for stderr)")
+            ->type_name("FILE");
+    app.add_option("--trace-level", global.traceLevel,
+                   "trace levels up to N: 1 errors ... 6 function entry and exit (default 3)")
+        ->type_name("N")
+        ->check(CLI::Range(0, 6))
+        ->needs(trace);
+    app.add_option("--config", global.configFile, "the devicefi configuration file to use")
+        ->type_name("FILE");
+
+    MapOptions mapOptions;
+    CLI::App* map = app.add_subcommand("map", "the device map: every disk and its UDID");
+    map->add_flag("--json", mapOptions.json, "a JSON array, one object per device");
+    map->add_flag("--rescan-buses", mapOptions.rescanBuses,
+                  "rescan the SCSI buses, HBAs and multipath software first");
+    map->add_flag("--bus-scan", mapOptions.busScan, "probe every address during the bus rescan");
+    map->add_flag("--remove-lun0", mapOptions.removeLun0,
+                  "let the rescan remove dead devices at LUN 0 too");
+
+    std::string device;
+    bool rescanIfMissing = false;
+    CLI::App* udid = app.add_subcommand("udid", "the UDID of one device");
+    udid->add_option("DEVICE", device, "the device node, e.g. /dev/sdc or sdc")->required();
+    udid->add_flag("--rescan-if-missing", rescanIfMissing,
+                   "rescan the buses when the device is not in the map");
+
+    bool showJson = false;
+    CLI::App* show = app.add_subcommand("show", "one device: identity, pages, generator, UDID");
+    show->add_option("DEVICE", device, "the device node, e.g. /dev/sdc or sdc")->required();
+    show->add_flag("--json", showJson, "a JSON object");
+
+    bool initiatorsJson = false;
+    CLI::App* initiators =
+        app.add_subcommand("initiators", "the iSCSI initiator name and FC port names");
+    initiators->add_flag("--json", initiatorsJson, "a JSON object");
+
+    std::string captureFile;
+    CLI::App* capture = app.add_subcommand("capture", "write a snapshot of this host to FILE");
+    capture->add_option("FILE", captureFile, "the snapshot to write (- for stdout)")
+        ->required()
+        ->type_name("FILE");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        if (e.get_exit_code() == 0) {
+            return app.exit(e);  // --help
+        }
+        reportError(e.what());
+        return kExitUsage;
+    }
+    if (app.get_subcommands().empty()) {
+        reportError("a subcommand is required: map, udid, show, initiators or capture");
+        return kExitUsage;
+    }
+
+    try {
+        Session session(global);
+        std::string output;
+        if (map->parsed()) {
+            output = runMap(session, mapOptions);
+        } else if (udid->parsed()) {
+            output = runUdid(session, device, rescanIfMissing);
+        } else if (show->parsed()) {
+            output = runShow(session, device, showJson);
+        } else if (initiators->parsed()) {
+            output = runInitiators(session, initiatorsJson);
+        } else if (capture->parsed()) {
+            output = runCapture(session, captureFile);
+        }
+        std::fwrite(output.data(), 1, output.size(), stdout);
+        return std::fflush(stdout) == 0 ? kExitSuccess : kExitBadInput;
+    } catch (const CommandError& e) {
+        reportError(e.what());
+        return e.exitCode();
+    } catch (const std::exception& e) {
+        reportError(std::string("unexpected failure: ") + e.what());
+    } catch (...) {
+        reportError("unexpected failure");
+    }
+    return kExitFailure;
+}

@@ -1,0 +1,212 @@
+#include "output.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+namespace scsitool_cli {
+
+using ordered_json = nlohmann::ordered_json;
+
+namespace {
+
+std::string padRight(const std::string& text, size_t width)
+{
+    return text.size() >= width ? text : text + std::string(width - text.size(), ' ');
+}
+
+std::string padLeft(const std::string& text, size_t width)
+{
+    return text.size() >= width ? text : std::string(width - text.size(), ' ') + text;
+}
+
+std::string pageLabel(unsigned int code)
+{
+    char label[32];
+    std::snprintf(label, sizeof label, "VPD page 0x%02x", code);
+    return code == 0 ? "standard INQUIRY" : label;
+}
+
+std::string pageKey(unsigned int code)
+{
+    char key[16];
+    std::snprintf(key, sizeof key, "%02x", code);
+    return key;
+}
+
+// The device strings as the record holds them; bytes that are not text become U+FFFD in
+// JSON instead of making the dump throw.
+std::string jsonString(const ordered_json& value)
+{
+    return value.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
+}
+
+// The default generator's claim strings are both empty: its name is ":".
+std::string generatorLabel(const std::string& name)
+{
+    if (name.empty()) {
+        return "-";
+    }
+    return name == ":" ? ": (the default generator)" : name;
+}
+
+}  // namespace
+
+std::string formatMapTable(const DeviceMap& map)
+{
+    size_t width = std::string("DEVICE").size();
+    for (const auto& entry : map) {
+        width = std::max(width, entry.first.size());
+    }
+    std::string text = padRight("DEVICE", width) + "  LEVEL  UDID\n";
+    for (const auto& entry : map) {
+        const SDeviceInfo& info = entry.second;
+        text += padRight(entry.first, width) + "  " +
+                padLeft(std::to_string(info.dmpClaimLevel), 5) + "  " +
+                (info.Uid.empty() ? std::string("-") : info.Uid) + "\n";
+    }
+    return text;
+}
+
+std::string formatMapJson(const DeviceMap& map)
+{
+    ordered_json entries = ordered_json::array();
+    for (const auto& entry : map) {
+        const SDeviceInfo& info = entry.second;
+        ordered_json object;
+        object["DeviceName"] = info.DeviceName;
+        object["Uid"] = info.Uid;
+        object["dmpClaimLevel"] = info.dmpClaimLevel;
+        object["NativePath"] = info.NativePath;
+        entries.push_back(object);
+    }
+    return jsonString(entries);
+}
+
+std::string hexString(const ByteString& bytes)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(bytes.size() * 2);
+    for (uint8_t byte : bytes) {
+        text += digits[byte >> 4];
+        text += digits[byte & 0x0f];
+    }
+    return text;
+}
+
+std::string hexDump(const ByteString& bytes)
+{
+    std::string text;
+    for (size_t offset = 0; offset < bytes.size(); offset += 16) {
+        char field[24];
+        std::snprintf(field, sizeof field, "%04zx ", offset);
+        std::string line = field;
+        std::string printable;
+        for (size_t i = offset; i < offset + 16; ++i) {
+            if (i % 16 == 8) {
+                line += ' ';
+            }
+            if (i < bytes.size()) {
+                std::snprintf(field, sizeof field, " %02x", bytes[i]);
+                line += field;
+                printable += (bytes[i] >= 0x20 && bytes[i] < 0x7f) ? char(bytes[i]) : '.';
+            } else {
+                line += "   ";
+            }
+        }
+        text += "  " + line + "  |" + printable + "|\n";
+    }
+    return text;
+}
+
+std::string formatDeviceTable(const DeviceReport& report)
+{
+    std::string pages;
+    for (unsigned int code : report.supportedPages) {
+        pages += (pages.empty() ? "" : " ") + pageKey(code);
+    }
+    char address[64];
+    std::snprintf(address, sizeof address, "%d:%d:%d:%d", report.host, report.channel, report.id,
+                  report.lun);
+    const std::pair<const char*, std::string> fields[] = {
+        {"device", report.device},
+        {"vendor", report.vendor},
+        {"product", report.product},
+        {"firmware", report.firmware},
+        {"address", std::string(address) + " (host:channel:id:lun)"},
+        {"pages", pages.empty() ? "-" : pages},
+        {"generator", generatorLabel(report.generator)},
+        {"udid", report.udid.empty() ? "-" : report.udid},
+    };
+    std::string text;
+    for (const auto& field : fields) {
+        text += padRight(field.first, 11) + field.second + "\n";
+    }
+    if (report.warnings.empty()) {
+        text += padRight("warnings", 11) + "-\n";
+    }
+    for (size_t i = 0; i < report.warnings.size(); ++i) {
+        text += padRight(i == 0 ? "warnings" : "", 11) + report.warnings[i] + "\n";
+    }
+    for (const auto& page : report.pages) {
+        text += "\n" + pageLabel(page.first) + ", " + std::to_string(page.second.size()) +
+                " bytes\n" + hexDump(page.second);
+    }
+    return text;
+}
+
+std::string formatDeviceJson(const DeviceReport& report)
+{
+    ordered_json object;
+    object["device"] = report.device;
+    object["vendor"] = report.vendor;
+    object["product"] = report.product;
+    object["firmware"] = report.firmware;
+    object["address"] = {report.host, report.channel, report.id, report.lun};
+    object["supported_pages"] = report.supportedPages;
+    auto inquiry = report.pages.find(0);
+    object["inquiry"] = inquiry == report.pages.end() ? "" : hexString(inquiry->second);
+    ordered_json vpd = ordered_json::object();
+    for (const auto& page : report.pages) {
+        if (page.first != 0) {
+            vpd[pageKey(page.first)] = hexString(page.second);
+        }
+    }
+    object["vpd"] = vpd;
+    object["generator"] = report.generator;
+    object["udid"] = report.udid;
+    object["warnings"] = report.warnings;
+    return jsonString(object);
+}
+
+std::string formatInitiatorsTable(const InitiatorReport& report)
+{
+    std::string text = "iSCSI initiator  ";
+    if (report.hasIqn) {
+        text += report.iqn + "\n";
+    } else if (report.iqnStatus == 6) {
+        text += "- (the iSCSI initiator tools are not installed)\n";
+    } else if (report.iqnStatus == 26) {
+        text += "- (/etc/iscsi/initiatorname.iscsi cannot be read)\n";
+    } else {
+        text += "- (no InitiatorName line)\n";
+    }
+    if (report.portNames.empty()) {
+        text += "FC port names    -\n";
+    }
+    for (size_t i = 0; i < report.portNames.size(); ++i) {
+        text += padRight(i == 0 ? "FC port names" : "", 17) + report.portNames[i] + "\n";
+    }
+    return text;
+}
+
+std::string formatInitiatorsJson(const InitiatorReport& report)
+{
+    ordered_json object;
+    object["iscsi_initiator"] = report.hasIqn ? ordered_json(report.iqn) : ordered_json(nullptr);
+    object["fc_port_names"] = report.portNames;
+    return jsonString(object);
+}
+
+}  // namespace scsitool_cli

@@ -1,0 +1,54 @@
+// How the command shows its answers: tables for people, JSON for programs.
+#ifndef SCSITOOL_CLI_OUTPUT_H
+#define SCSITOOL_CLI_OUTPUT_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "device_scsi_data.h"
+
+namespace scsitool_cli {
+
+typedef std::vector<uint8_t> ByteString;
+
+// One device as `show` found it.
+struct DeviceReport {
+    std::string device;
+    std::string vendor;
+    std::string product;
+    std::string firmware;
+    int host = 0;
+    int channel = 0;
+    int id = 0;
+    int lun = 0;
+    std::vector<unsigned int> supportedPages;
+    std::map<unsigned int, ByteString> pages;  // 0: the standard INQUIRY data
+    std::string generator;                     // "" when no generator claimed the device
+    std::string udid;
+    std::vector<std::string> warnings;
+};
+
+struct InitiatorReport {
+    bool hasIqn = false;
+    std::string iqn;
+    int iqnStatus = 0;  // GetHostIQN's result: 0, 6 (no iSCSI tools), 26 (no initiator file)
+    std::vector<std::string> portNames;
+};
+
+std::string formatMapTable(const DeviceMap& map);
+std::string formatMapJson(const DeviceMap& map);
+std::string formatDeviceTable(const DeviceReport& report);
+std::string formatDeviceJson(const DeviceReport& report);
+std::string formatInitiatorsTable(const InitiatorReport& report);
+std::string formatInitiatorsJson(const InitiatorReport& report);
+
+// Lower-case hexadecimal digits, two per byte, nothing between them.
+std::string hexString(const ByteString& bytes);
+// Sixteen bytes a line: offset, the bytes in two groups of eight, and their printable text.
+std::string hexDump(const ByteString& bytes);
+
+}  // namespace scsitool_cli
+
+#endif

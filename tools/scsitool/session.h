@@ -1,0 +1,59 @@
+// What every subcommand runs in: the host (this one, or a snapshot replayed through the
+// simulated host), the plug-in trace log and the configuration, and the one UDID factory.
+#ifndef SCSITOOL_CLI_SESSION_H
+#define SCSITOOL_CLI_SESSION_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fi_trace.h"
+
+class CUDIDFactory;
+namespace simhost {
+class SimHost;
+class SimHostInstall;
+}  // namespace simhost
+
+namespace scsitool_cli {
+
+struct GlobalOptions {
+    std::string hostFile;    // --host: a snapshot to replay ("" for this host)
+    std::string traceFile;   // --trace: "-" for stderr, "" for no trace
+    int traceLevel = 3;      // --trace-level
+    std::string configFile;  // --config
+};
+
+class CommandSink;
+
+class Session {
+public:
+    // Checks the configuration, opens the trace, loads and installs the snapshot; throws
+    // CommandError (exit 2) for any of them that cannot be used.
+    explicit Session(const GlobalOptions& options);
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    // The plug-in trace log, registered on everything the command creates.
+    const kzfi_pdk_4_4::CFiTraceLogPtr& log() const { return m_log; }
+    // The factory, created on first use once the host is in place.
+    CUDIDFactory& factory();
+    // This host's name through the system interface ("" when it cannot be had).
+    static std::string hostName();
+
+    // Keeps every warning and error line (levels 1 and 2) traced from now on.
+    void startCapture();
+    // The lines kept since startCapture, in order; keeping stops.
+    std::vector<std::string> stopCapture();
+
+private:
+    kzfi_pdk_4_4::CFiTraceLogPtr m_log;
+    CommandSink* m_sink;  // owned by the log
+    std::unique_ptr<simhost::SimHost> m_host;
+    std::unique_ptr<simhost::SimHostInstall> m_install;
+};
+
+}  // namespace scsitool_cli
+
+#endif
