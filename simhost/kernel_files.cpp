@@ -214,34 +214,40 @@ std::string SimHost::State::procPartitionsText() const
     return text;
 }
 
+SimNode SimHost::State::deviceNode(SimNode::Kind kind, unsigned int major, unsigned int minor)
+{
+    SimNode result;
+    result.kind = kind;
+    result.major = major;
+    result.minor = minor;
+    result.writable = true;
+    return result;
+}
+
+SimNode SimHost::State::diskNode(const SimDevice& disk, const std::string* partition)
+{
+    // Names outside the sd scheme get numbers 0, 0 for the disk and its partitions alike.
+    int index = sdIndex(disk.name);
+    unsigned int major = 0, minor = 0;
+    if (index >= 0) {
+        sdNumbers(index, partition ? partitionNumber(*partition) : 0, major, minor);
+    }
+    return deviceNode(SimNode::BlockDevice, major, minor);
+}
+
 bool SimHost::State::forEachDeviceNode(
     const std::function<bool(const std::string&, const SimNode&)>& visit) const
 {
-    auto node = [](SimNode::Kind kind, unsigned int major, unsigned int minor) {
-        SimNode result;
-        result.kind = kind;
-        result.major = major;
-        result.minor = minor;
-        result.writable = true;
-        return result;
-    };
+    auto node = deviceNode;
     for (const SimDevice& disk : devices) {
         if (!listed(disk)) {
             continue;
         }
-        int index = sdIndex(disk.name);
-        unsigned int major = 0, minor = 0;
-        if (index >= 0) {
-            sdNumbers(index, 0, major, minor);
-        }
-        if (visit("/dev/" + disk.name, node(SimNode::BlockDevice, major, minor))) {
+        if (visit("/dev/" + disk.name, diskNode(disk, nullptr))) {
             return true;
         }
         for (const std::string& partition : disk.partitions) {
-            if (index >= 0) {
-                sdNumbers(index, partitionNumber(partition), major, minor);
-            }
-            if (visit("/dev/" + partition, node(SimNode::BlockDevice, major, minor))) {
+            if (visit("/dev/" + partition, diskNode(disk, &partition))) {
                 return true;
             }
         }
@@ -275,6 +281,9 @@ bool SimHost::State::lookup(const std::string& path, SimNode& found) const
         found.writable = path != "/proc/partitions";
         return true;
     }
+    if (path.compare(0, 5, "/dev/") == 0 && indexedDeviceNode(path, found)) {
+        return true;
+    }
     if (path.compare(0, 5, "/dev/") == 0 &&
         forEachDeviceNode([&](const std::string& nodePath, const SimNode& node) {
             if (nodePath != path) {
@@ -285,7 +294,8 @@ bool SimHost::State::lookup(const std::string& path, SimNode& found) const
         })) {
         return true;
     }
-    SimTree whole = tree();
+    // Both kernel files whose text the tree would generate were answered above.
+    SimTree whole = tree(false);
     auto entry = whole.find(path);
     if (entry == whole.end()) {
         return false;
@@ -294,7 +304,7 @@ bool SimHost::State::lookup(const std::string& path, SimNode& found) const
     return true;
 }
 
-SimTree SimHost::State::tree() const
+SimTree SimHost::State::tree(bool kernelText) const
 {
     SimTree tree;
     auto file = [&](const std::string& path, const std::string& content, bool readable,
@@ -322,9 +332,9 @@ SimTree SimHost::State::tree() const
     directory("/dev");
     directory("/proc");
     if (procScsi) {
-        file("/proc/scsi/scsi", procScsiText(), true, true);
+        file("/proc/scsi/scsi", kernelText ? procScsiText() : std::string(), true, true);
     }
-    file("/proc/partitions", procPartitionsText(), true, false);
+    file("/proc/partitions", kernelText ? procPartitionsText() : std::string(), true, false);
 
     // sysfs came with 2.6; a 2.4 kernel has none of it.
     const bool sysfs = !isRelease24(release);
@@ -556,7 +566,7 @@ void* SimHost::opendir(const char* path)
         return nullptr;
     }
     const std::string directory = normalizePath(path);
-    SimTree tree = m_state->tree();
+    SimTree tree = m_state->tree(false);  // names and kinds are all a listing shows
     auto found = tree.find(directory);
     if (found == tree.end()) {
         errno = ENOENT;

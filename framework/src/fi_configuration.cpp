@@ -3,6 +3,7 @@
 #include <ace/Configuration_Import_Export.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 
@@ -48,6 +49,15 @@ int CFiConfiguration::importConfig(const char* directory, const char* file)
         }
     }
     path += file;
+    // A file that cannot be read fails the import whatever the heap; building the heap first
+    // would cost more than the whole query of a device that is opened without a configuration.
+    FILE* readable = std::fopen(path.c_str(), "r");
+    if (readable == nullptr) {
+        m_heap.reset();
+        m_sectionOpen = false;
+        return -1;
+    }
+    std::fclose(readable);
     m_heap.reset(new ACE_Configuration_Heap());
     m_sectionOpen = false;
     if (m_heap->open() != 0) {
