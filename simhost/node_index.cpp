@@ -83,6 +83,56 @@ bool hasPartition(const SimDevice& disk, const std::string& name)
     return false;
 }
 
+// An index entry for a node path, checked against the model.
+struct Hit {
+    bool mapper = false;
+    SimHost::State::NodeIndex::Kind kind = SimHost::State::NodeIndex::Disk;
+    size_t position = 0;
+    std::string name;
+};
+
+// False when the index cannot tell; an entry that no longer matches the model also has the
+// index rebuilt on its next use.
+bool checkedHit(const SimHost::State& state, const std::string& path, Hit& hit)
+{
+    typedef SimHost::State::NodeIndex NodeIndex;
+    const NodeIndex* x = nodeName(path, hit.name, hit.mapper) ? state.currentIndex() : nullptr;
+    if (!x) {
+        return false;
+    }
+    bool current = false;
+    if (hit.mapper) {
+        auto found = x->mapNames.find(hit.name);
+        if (found == x->mapNames.end()) {
+            return false;
+        }
+        hit.position = found->second;
+        current = state.maps[hit.position].name == hit.name;
+    } else {
+        auto found = x->names.find(hit.name);
+        if (found == x->names.end()) {
+            return false;
+        }
+        hit.kind = found->second.kind;
+        hit.position = found->second.position;
+        switch (hit.kind) {
+            case NodeIndex::Disk:
+                current = state.devices[hit.position].name == hit.name;
+                break;
+            case NodeIndex::Partition:
+                current = hasPartition(state.devices[hit.position], hit.name);
+                break;
+            case NodeIndex::PowerPath:
+                current = state.powerpath[hit.position].name == hit.name;
+                break;
+        }
+    }
+    if (!current) {
+        state.index.built = false;
+    }
+    return current;
+}
+
 }  // namespace
 
 const SimDevice* SimHost::State::indexedDisk(const std::string& name) const
@@ -97,7 +147,7 @@ const SimDevice* SimHost::State::indexedDisk(const std::string& name) const
     }
     const SimDevice& disk = devices[found->second.position];
     if (disk.name != name) {
-        index.built = false;  // renamed through a reference: rebuild on the next call
+        index.built = false;  // renamed through a reference
         return nullptr;
     }
     return &disk;
@@ -105,105 +155,48 @@ const SimDevice* SimHost::State::indexedDisk(const std::string& name) const
 
 bool SimHost::State::indexedDeviceNode(const std::string& path, SimNode& node) const
 {
-    std::string name;
-    bool mapper = false;
-    const NodeIndex* x = nodeName(path, name, mapper) ? currentIndex() : nullptr;
-    if (!x) {
+    if (deviceMapper && path == "/dev/mapper/control") {
+        node = deviceNode(SimNode::CharDevice, 10, 236);
+        return true;
+    }
+    Hit hit;
+    if (!checkedHit(*this, path, hit)) {
         return false;
     }
-    if (mapper) {
+    if (hit.mapper) {
         if (!deviceMapper) {
             return false;
         }
-        if (name == "control") {
-            node = deviceNode(SimNode::CharDevice, 10, 236);
-            return true;
-        }
-        auto found = x->mapNames.find(name);
-        if (found == x->mapNames.end()) {
-            return false;
-        }
-        if (maps[found->second].name != name) {
-            index.built = false;
-            return false;
-        }
-        node = deviceNode(SimNode::BlockDevice, 253, static_cast<unsigned int>(found->second));
+        node = deviceNode(SimNode::BlockDevice, 253, static_cast<unsigned int>(hit.position));
         return true;
     }
-    auto found = x->names.find(name);
-    if (found == x->names.end()) {
+    if (hit.kind == NodeIndex::PowerPath) {
+        node = deviceNode(SimNode::BlockDevice, 120, static_cast<unsigned int>(hit.position * 16));
+        return true;
+    }
+    // A disk the kernel does not list has no node; the walk and the tree decide.
+    const SimDevice& disk = devices[hit.position];
+    if (!listed(disk)) {
         return false;
     }
-    const size_t position = found->second.position;
-    switch (found->second.kind) {
-        case NodeIndex::Disk:
-        case NodeIndex::Partition: {
-            const SimDevice& disk = devices[position];
-            const bool partition = found->second.kind == NodeIndex::Partition;
-            if (partition ? !hasPartition(disk, name) : disk.name != name) {
-                index.built = false;
-                return false;
-            }
-            // A disk the kernel does not list has no node; the walk and the tree decide.
-            if (!listed(disk)) {
-                return false;
-            }
-            node = diskNode(disk, partition ? &name : nullptr);
-            return true;
-        }
-        case NodeIndex::PowerPath:
-            if (powerpath[position].name != name) {
-                index.built = false;
-                return false;
-            }
-            node = deviceNode(SimNode::BlockDevice, 120, static_cast<unsigned int>(position * 16));
-            return true;
-    }
-    return false;
+    node = diskNode(disk, hit.kind == NodeIndex::Partition ? &hit.name : nullptr);
+    return true;
 }
 
 bool SimHost::State::indexedAnswerer(const std::string& path, std::string& device) const
 {
-    std::string name;
-    bool mapper = false;
-    const NodeIndex* x = nodeName(path, name, mapper) ? currentIndex() : nullptr;
-    if (!x) {
+    Hit hit;
+    if (!checkedHit(*this, path, hit)) {
         return false;
     }
-    if (mapper) {
-        auto found = x->mapNames.find(name);
-        if (found == x->mapNames.end() || maps[found->second].name != name) {
-            return false;
-        }
-        device = maps[found->second].device;
-        return true;
+    if (hit.mapper) {
+        device = maps[hit.position].device;
+    } else if (hit.kind == NodeIndex::PowerPath) {
+        device = powerpath[hit.position].device;
+    } else {
+        device = devices[hit.position].name;
     }
-    auto found = x->names.find(name);
-    if (found == x->names.end()) {
-        return false;
-    }
-    const size_t position = found->second.position;
-    switch (found->second.kind) {
-        case NodeIndex::Disk:
-            if (devices[position].name != name) {
-                return false;
-            }
-            device = name;
-            return true;
-        case NodeIndex::Partition:
-            if (!hasPartition(devices[position], name)) {
-                return false;
-            }
-            device = devices[position].name;
-            return true;
-        case NodeIndex::PowerPath:
-            if (powerpath[position].name != name) {
-                return false;
-            }
-            device = powerpath[position].device;
-            return true;
-    }
-    return false;
+    return true;
 }
 
 }  // namespace simhost
