@@ -294,8 +294,9 @@ bool SimHost::State::lookup(const std::string& path, SimNode& found) const
         })) {
         return true;
     }
-    // Both kernel files whose text the tree would generate were answered above.
-    SimTree whole = tree(false);
+    // Both kernel files whose text the tree would generate were answered above; the path and
+    // what lies below it (which makes it a directory) are all that is looked at.
+    SimTree whole = tree(false, path);
     auto entry = whole.find(path);
     if (entry == whole.end()) {
         return false;
@@ -304,11 +305,26 @@ bool SimHost::State::lookup(const std::string& path, SimNode& found) const
     return true;
 }
 
-SimTree SimHost::State::tree(bool kernelText) const
+SimTree SimHost::State::tree(bool kernelText, const std::string& subtree) const
 {
     SimTree tree;
+    const std::string under = subtree == "/" ? std::string() : subtree;  // "/" holds everything
+    // Whether `path` is `under` or below it, and whether a part of the tree rooted at `section`
+    // can hold such paths.
+    auto wanted = [&](const std::string& path) {
+        return under.empty() || (path.compare(0, under.size(), under) == 0 &&
+                                 (path.size() == under.size() || path[under.size()] == '/'));
+    };
+    auto overlaps = [&](const std::string& section) {
+        return wanted(section) || (under.compare(0, section.size(), section) == 0 &&
+                                   under.size() > section.size() && under[section.size()] == '/');
+    };
+    SimNode unwanted;
     auto file = [&](const std::string& path, const std::string& content, bool readable,
                     bool writable) -> SimNode& {
+        if (!wanted(path)) {
+            return unwanted;
+        }
         SimNode& node = tree[path];
         node.kind = SimNode::File;
         node.content = content;
@@ -316,13 +332,20 @@ SimTree SimHost::State::tree(bool kernelText) const
         node.writable = writable;
         return node;
     };
-    auto directory = [&](const std::string& path) { tree[path].kind = SimNode::Directory; };
+    auto directory = [&](const std::string& path) {
+        if (wanted(path)) {
+            tree[path].kind = SimNode::Directory;
+        }
+    };
 
     // Snapshot files and executables first: the kernel's own files take precedence.
     for (const auto& entry : files) {
         file(entry.first, entry.second, true, true);
     }
     for (const std::string& path : executables) {
+        if (!wanted(path)) {
+            continue;
+        }
         if (!tree.count(path)) {
             file(path, "", true, false);
         }
@@ -331,10 +354,12 @@ SimTree SimHost::State::tree(bool kernelText) const
 
     directory("/dev");
     directory("/proc");
-    if (procScsi) {
+    if (procScsi && wanted("/proc/scsi/scsi")) {
         file("/proc/scsi/scsi", kernelText ? procScsiText() : std::string(), true, true);
     }
-    file("/proc/partitions", kernelText ? procPartitionsText() : std::string(), true, false);
+    if (wanted("/proc/partitions")) {
+        file("/proc/partitions", kernelText ? procPartitionsText() : std::string(), true, false);
+    }
 
     // sysfs came with 2.6; a 2.4 kernel has none of it.
     const bool sysfs = !isRelease24(release);
@@ -368,7 +393,7 @@ SimTree SimHost::State::tree(bool kernelText) const
     }
 
     for (const SimDevice& disk : devices) {
-        if (!listed(disk)) {
+        if (!listed(disk) || !overlaps("/sys/class/scsi_device")) {
             continue;
         }
         if (sysfs) {
@@ -379,10 +404,14 @@ SimTree SimHost::State::tree(bool kernelText) const
                  true);
         }
     }
-    forEachDeviceNode([&](const std::string& path, const SimNode& node) {
-        tree[path] = node;
-        return false;
-    });
+    if (overlaps("/dev")) {
+        forEachDeviceNode([&](const std::string& path, const SimNode& node) {
+            if (wanted(path)) {
+                tree[path] = node;
+            }
+            return false;
+        });
+    }
 
     // Every parent of an entry is a directory.
     std::vector<std::string> parents;
@@ -566,7 +595,8 @@ void* SimHost::opendir(const char* path)
         return nullptr;
     }
     const std::string directory = normalizePath(path);
-    SimTree tree = m_state->tree(false);  // names and kinds are all a listing shows
+    // Names and kinds of the directory's own entries are all a listing shows.
+    SimTree tree = m_state->tree(false, directory);
     auto found = tree.find(directory);
     if (found == tree.end()) {
         errno = ENOENT;

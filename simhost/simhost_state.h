@@ -108,8 +108,9 @@ struct SimHost::State {
 
     // The file tree (kernel_files.cpp).
     // With `kernelText` false the generated /proc/scsi/scsi and /proc/partitions are listed
-    // without their text, for callers that want names and kinds only.
-    SimTree tree(bool kernelText = true) const;
+    // without their text, for callers that want names and kinds only. A non-empty `under`
+    // keeps only that path and what lies below it (and the directories above those).
+    SimTree tree(bool kernelText = true, const std::string& under = std::string()) const;
     bool lookup(const std::string& normalPath, SimNode& node) const;  // false: no such path
     // Visits the nodes under /dev until `visit` returns true; true when it did.
     bool forEachDeviceNode(

@@ -1,6 +1,7 @@
 // Device nodes of the simulated host looked up by name: which node a path is, which device
 // answers on it, and that changes made through the references the builder hands out are seen
 // at once, also after the nodes were looked up before.
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -140,6 +141,74 @@ TEST_F(SimHostNodes, ReusedNamesKeepTheFirstDevicesAnswers)
     host.findDevice("sdb")->state = DeviceState::Removed;
     host.addDevice(disk("sdb", "FOXTROT", 5));
     expectProbes(host, {{"/dev/sdb", "8:16 -"}, {"/dev/sda", "8:0 ALPHA   "}});
+}
+
+}  // namespace
+
+namespace {
+
+std::string listing(SimHost& host, const std::string& path)
+{
+    void* dir = host.opendir(path.c_str());
+    if (!dir) {
+        return "errno " + std::to_string(errno);
+    }
+    std::string names;
+    while (struct dirent* entry = host.readdir(dir)) {
+        names += std::string(names.empty() ? "" : " ") + entry->d_name +
+                 (entry->d_type == DT_DIR   ? "/"
+                  : entry->d_type == DT_BLK ? "#"
+                                            : "");
+    }
+    host.closedir(dir);
+    return names;
+}
+
+std::string statOf(SimHost& host, const std::string& path)
+{
+    struct stat st;
+    if (host.stat(path.c_str(), &st) != 0) {
+        return "errno " + std::to_string(errno);
+    }
+    return (S_ISDIR(st.st_mode)   ? "dir "
+            : S_ISREG(st.st_mode) ? "file "
+                                  : "node ") +
+           std::to_string(st.st_size);
+}
+
+TEST_F(SimHostNodes, ListingsAndStatsSeeTheWholeTree)
+{
+    host.addFile("/etc/iscsi/initiatorname.iscsi", "InitiatorName=iqn.x\n");
+    host.addExecutable("/sbin/multipath");
+    const std::vector<Case> listings = {
+        {"/", "./ ../ dev/ etc/ proc/ sbin/ sys/"},
+        {"/dev", "./ ../ emcpowera# mapper/ sda# sda1# sdaa# sdb#"},
+        {"/dev/", "./ ../ emcpowera# mapper/ sda# sda1# sdaa# sdb#"},
+        {"/dev/mapper", "./ ../ control mpatha# mpathb#"},
+        {"/sys/class/scsi_device", "./ ../ 2:0:0:0/ 2:0:0:1/ 2:0:0:3/"},
+        {"/proc", "./ ../ partitions scsi/"},
+        {"/dev/sda", "errno " + std::to_string(ENOTDIR)},
+        {"/dev/mapper/.", "errno " + std::to_string(ENOENT)},
+    };
+    for (const Case& c : listings) {
+        EXPECT_EQ(c.expected, listing(host, c.path)) << c.path;
+    }
+    std::string partitions;
+    ASSERT_TRUE(host.fileText("/proc/partitions", partitions));
+    const std::vector<Case> stats = {
+        {"/", "dir 0"},
+        {"/dev/mapper", "dir 0"},
+        {"/sys/class/scsi_device/2:0:0:1/device", "dir 0"},
+        {"/sys/class/scsi_device/2:0:0:1/device/delete", "file 0"},
+        {"/etc/iscsi/initiatorname.iscsi", "file 20"},
+        {"/proc/partitions", "file " + std::to_string(partitions.size())},
+        {"/sbin/multipath", "file 0"},
+        {"/dev/sdaa", "node 0"},
+        {"/sys/class/scsi_device/2:0:0:2", "errno " + std::to_string(ENOENT)},
+    };
+    for (const Case& c : stats) {
+        EXPECT_EQ(c.expected, statOf(host, c.path)) << c.path;
+    }
 }
 
 }  // namespace
