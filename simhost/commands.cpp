@@ -104,9 +104,13 @@ int SimHost::exec(const std::string& command, std::vector<std::string>& output,
                   unsigned long limitSeconds, int& sysErrno)
 {
     (void)limitSeconds;
-    sysErrno = 0;
     m_state->events.push_back(SimEvent{SimEvent::Command, command, "", 0});
-    return m_state->run(command, output, false);
+    const int result = m_state->run(command, output, false);
+    // A script may answer as a command that ran out of time or could not be started.
+    sysErrno = result == kzfi_pdk_4_4::FI_EXEC_TIMED_OUT     ? ETIMEDOUT
+               : result == kzfi_pdk_4_4::FI_EXEC_NOT_STARTED ? EAGAIN
+                                                             : 0;
+    return result;
 }
 
 int SimHost::system(const char* command)
@@ -116,8 +120,10 @@ int SimHost::system(const char* command)
     }
     m_state->events.push_back(SimEvent{SimEvent::System, command, "", 0});
     std::vector<std::string> output;
-    // system() returns a wait status: the exit code in the second byte.
-    return m_state->run(command, output, true) << 8;
+    // system() returns a wait status: the exit code in the second byte, a signal in the first;
+    // a command that could not run at all gives -1.
+    const int result = m_state->run(command, output, true);
+    return result < 256 ? result << 8 : result < 256 + 128 ? result - 256 : -1;
 }
 
 }  // namespace simhost

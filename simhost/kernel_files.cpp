@@ -48,14 +48,16 @@ int sdIndex(const std::string& name)
     if (name.compare(0, 2, "sd") != 0 || name.size() < 3) {
         return -1;
     }
-    int index = 0;
+    // The kernel never names more disks than fit in an int; longer made-up names saturate.
+    const long long ceiling = 1000000;
+    long long index = 0;
     for (size_t i = 2; i < name.size(); ++i) {
         if (name[i] < 'a' || name[i] > 'z') {
             return -1;
         }
-        index = index * 26 + (name[i] - 'a' + 1);
+        index = index < ceiling ? index * 26 + (name[i] - 'a' + 1) : ceiling;
     }
-    return index - 1;
+    return static_cast<int>(index - 1);
 }
 
 // The sd driver's block numbers: 16 minors per disk over majors 8, 65-71, 128-135.

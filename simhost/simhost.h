@@ -56,6 +56,8 @@ struct SimAdapter {
 };
 
 struct SimCommandScript {
+    // The exit status 0 to 255, or an exec result beyond it: 256 + signal, FI_EXEC_TIMED_OUT,
+    // FI_EXEC_NOT_STARTED.
     int exitCode = 0;
     std::vector<std::string> output;
 };
@@ -68,6 +70,9 @@ struct SimEvent {
     unsigned int seconds = 0;  // Sleep
 };
 
+// The host's format on disk is described in docs/host-snapshot.md. One thread at a time: the
+// model holds no lock. Streams from fopen must be closed before the host is destroyed (a write
+// takes effect, and is recorded, at fclose).
 class SimHost : public kzfi_pdk_4_4::CFiSystem {
 public:
     // An empty host: hostname "simhost", kernel "2.6.18-8.el5", with /proc/scsi/scsi.

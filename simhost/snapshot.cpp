@@ -346,7 +346,8 @@ void readHost(const json& root, SimHost::State& state)
             const std::string path = "commands[\"" + it.key() + "\"]";
             Fields answer(*it, path);
             SimCommandScript script;
-            script.exitCode = static_cast<int>(answer.integer("exit", false, 0, 255));
+            script.exitCode = static_cast<int>(
+                answer.integer("exit", false, 0, kzfi_pdk_4_4::FI_EXEC_NOT_STARTED));
             script.output = answer.strings("output");
             state.commands[it.key()] = script;
         }

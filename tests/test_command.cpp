@@ -212,6 +212,9 @@ TEST(CommandCapture, ReplayOfACaptureGivesTheSameMapAndCapturesToItself)
         Result replayed = run({"--host", first, "map", "--json"});
         EXPECT_EQ(replayed.status, 0) << host << ": " << replayed.err;
         EXPECT_EQ(replayed.out, expected.out) << host;
+        EXPECT_EQ(run({"--host", first, "initiators", "--json"}).out,
+                  run({"--host", original, "initiators", "--json"}).out)
+            << host;
         ASSERT_EQ(run({"--host", first, "capture", second}).status, 0) << host;
         EXPECT_EQ(readFile(second), readFile(first)) << host << ": a capture of the replay differs";
         EXPECT_EQ(run({"--host", first, "capture", "-"}).out, readFile(first)) << host;
@@ -226,7 +229,7 @@ TEST(CommandCapture, KeepsPagesAddressesAndHostFacts)
     nlohmann::json captured = parseJson(readFile(dir.file("c.json")));
     ASSERT_FALSE(captured.is_discarded());
     for (const char* key : {"hostname", "kernel_release", "proc_scsi", "device_mapper",
-                            "multipath_maps", "powerpath", "files", "executables"}) {
+                            "multipath_maps", "powerpath", "adapters", "files", "executables"}) {
         EXPECT_EQ(captured[key], original[key]) << key;
     }
     std::map<std::string, nlohmann::json> capturedDevices;
@@ -368,6 +371,12 @@ TEST(CommandTrace, GoesToTheFileAtTheLevelAsked)
     EXPECT_NE(text.find(" L3 Printing m_deviceMap\n"), std::string::npos) << text;
     EXPECT_EQ(text.find(" L6 "), std::string::npos);
 
+    // Without a level, up to 3.
+    run({"--host", kDatacenter, "--trace", trace, "map"});
+    text = readFile(trace);
+    EXPECT_NE(text.find(" L3 Printing m_deviceMap\n"), std::string::npos);
+    EXPECT_EQ(text.find(" L4 "), std::string::npos);
+
     result = run({"--host", kDatacenter, "--trace", "-", "--trace-level", "6", "udid", "sdc"});
     EXPECT_EQ(result.status, 0);
     EXPECT_NE(result.err.find(" L6 Entering Function "), std::string::npos);
@@ -439,5 +448,69 @@ TEST(CommandErrors, OneLineOnStderrTheExitCodeAndNothingOnStdout)
         if (c.status != 0) {
             EXPECT_EQ(result.out, "") << describe(c.args);
         }
+    }
+}
+
+TEST(CommandMap, FlagsReachTheRescan)
+{
+    struct Case {
+        std::vector<std::string> flags;
+        const char* traced;  // a level-3 line the rescan writes, or nullptr for none
+        bool latentAppears;  // the datacenter's latent disk sdo is found by a bus rescan
+    } cases[] = {
+        {{}, nullptr, false},
+        {{"--rescan-buses"}, "removeDeadDevices : removeLun0 = 0", true},
+        {{"--rescan-buses", "--remove-lun0"}, "removeDeadDevices : removeLun0 = 1", true},
+        {{"--rescan-buses", "--bus-scan"}, "removeDeadDevices : removeLun0 = 0", true},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> args{"--host", kDatacenter, "--trace", "-", "map"};
+        args.insert(args.end(), c.flags.begin(), c.flags.end());
+        Result result = run(args);
+        EXPECT_EQ(result.status, 0) << describe(args);
+        if (c.traced) {
+            EXPECT_NE(result.err.find(std::string(" L3 ") + c.traced + "\n"), std::string::npos)
+                << describe(args);
+        } else {
+            EXPECT_EQ(result.err.find(" L3 removeDeadDevices"), std::string::npos);
+        }
+        EXPECT_EQ(result.out.find("\n/dev/sdo ") != std::string::npos, c.latentAppears)
+            << describe(args);
+    }
+}
+
+TEST(CommandUdid, RescansForAMissingDeviceOnlyWhenAsked)
+{
+    Result missing = run({"--host", kDatacenter, "udid", "sdo"});
+    EXPECT_EQ(missing.status, 3);
+    EXPECT_EQ(missing.err, "scsitool: /dev/sdo: device not found\n");
+    Result found = run({"--host", kDatacenter, "udid", "sdo", "--rescan-if-missing"});
+    EXPECT_EQ(found.status, 0) << found.err;
+    EXPECT_EQ(found.out,
+              "UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3A:B1:1E:00:4C:8F:5E:59:72:C3:E0:"
+              "44\n");
+}
+
+TEST(CommandCapture, ARescanOfTheReplayFindsWhatTheHostWouldFind)
+{
+    // Disks that only a rescan makes visible cannot be captured; without them the replay's
+    // rescan (adapters, control files, kernel lists) gives the original's map.
+    for (const std::string& host : exampleHosts()) {
+        TempDir dir;
+        nlohmann::json snapshot = parseJson(readFile(kExamples + host + ".json"));
+        nlohmann::json visible = nlohmann::json::array();
+        for (const nlohmann::json& device : snapshot["devices"]) {
+            if (device["state"] != "latent") {
+                visible.push_back(device);
+            }
+        }
+        snapshot["devices"] = visible;
+        writeFile(dir.file("visible.json"), snapshot.dump());
+        ASSERT_EQ(run({"--host", dir.file("visible.json"), "capture", dir.file("c.json")}).status,
+                  0);
+        Result expected = run({"--host", dir.file("visible.json"), "map", "--rescan-buses"});
+        Result replayed = run({"--host", dir.file("c.json"), "map", "--rescan-buses"});
+        EXPECT_EQ(replayed.status, 0) << host;
+        EXPECT_EQ(replayed.out, expected.out) << host;
     }
 }

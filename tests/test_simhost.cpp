@@ -395,11 +395,18 @@ TEST_F(SimHostTest, CommandsAreScriptedOrNotFoundAndEverythingIsRecorded)
     const char* removal = "/bin/echo \"scsi remove-single-device 3 0 0 2\" >  /proc/scsi/scsi";
     EXPECT_EQ(0, host.system(removal));
     EXPECT_EQ(127 << 8, host.system("/sbin/nothing here"));
+    host.scriptCommand("/bin/rescan-scsi-bus.sh", {kzfi_pdk_4_4::FI_EXEC_TIMED_OUT, {}});
+    EXPECT_EQ(kzfi_pdk_4_4::FI_EXEC_TIMED_OUT,
+              host.exec("/bin/rescan-scsi-bus.sh", output, 600, sysErrno));
+    EXPECT_EQ(ETIMEDOUT, sysErrno);
+    host.scriptCommand("/bin/killed", {256 + 9, {}});
+    EXPECT_EQ(9, host.system("/bin/killed"));
     EXPECT_EQ(0u, host.sleep(5));
 
     EXPECT_EQ((std::vector<std::string>{"/sbin/multipath -v0 ", "/sbin/powermt save",
                                         "/sbin/pidof -x multipathd", "/bin/ls /proc/scsi/qla2xxx/",
-                                        "/bin/ls /proc/scsi/lpfc/", removal, "/sbin/nothing here"}),
+                                        "/bin/ls /proc/scsi/lpfc/", removal, "/sbin/nothing here",
+                                        "/bin/rescan-scsi-bus.sh", "/bin/killed"}),
               host.commandsRun());
     std::vector<SimEvent> writes = host.writesTo("/proc/scsi/scsi");
     ASSERT_EQ(1u, writes.size());
@@ -407,10 +414,10 @@ TEST_F(SimHostTest, CommandsAreScriptedOrNotFoundAndEverythingIsRecorded)
     EXPECT_EQ(std::string::npos, text(host, "/proc/scsi/scsi").find("Lun: 02"));
     EXPECT_EQ(std::vector<unsigned int>{5}, host.sleeps());
     const std::vector<SimEvent>& events = host.events();
-    ASSERT_EQ(9u, events.size());
+    ASSERT_EQ(11u, events.size());
     EXPECT_EQ(SimEvent::System, events[5].kind);
     EXPECT_EQ(SimEvent::Write, events[6].kind);
-    EXPECT_EQ(SimEvent::Sleep, events[8].kind);
+    EXPECT_EQ(SimEvent::Sleep, events[10].kind);
     host.clearEvents();
     EXPECT_TRUE(host.events().empty());
 }
@@ -704,7 +711,7 @@ TEST(SimHostSnapshot, BadSnapshotsAreRejectedWithOneMessage)
         {"{" + head + R"(, "devices": [], "adapters": [{"host": -1, "driver": "lpfc"}]})",
          "adapters[0].host: expected an integer from 0 to 65535"},
         {"{" + head + R"(, "devices": [], "commands": {"/bin/x": {"exit": "0"}}})",
-         "commands[\"/bin/x\"].exit: expected an integer from 0 to 255"},
+         "commands[\"/bin/x\"].exit: expected an integer from 0 to 1001"},
     };
     for (const Case& c : cases) {
         std::string error;
@@ -724,3 +731,14 @@ TEST(SimHostSnapshot, BadSnapshotsAreRejectedWithOneMessage)
 }
 
 }  // namespace
+
+TEST(SimHostPartitions, LongDiskNamesAreListedWithoutOverflow)
+{
+    SimHost host;
+    host.addDevice(disk("sdabcdefghij", 0, 0, 0, 0));
+    host.addDevice(disk("sdb", 0, 0, 1, 0));
+    std::string text;
+    ASSERT_TRUE(host.fileText("/proc/partitions", text));
+    EXPECT_NE(text.find(" sdabcdefghij\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("   8       16 "), std::string::npos) << text;
+}

@@ -500,6 +500,7 @@ void captureHost(Session& session, simhost::SimHost& snapshot)
         snapshot.setDeviceMapper(true);
     }
     for (const std::string& map : listDirectory("/dev/mapper/")) {
+        // The device-mapper control node is no map; a replayed host makes its own.
         if (map != "control") {
             snapshot.addMultipathMap(map, behind(session, "/dev/mapper/" + map, identities));
         }

@@ -31,17 +31,13 @@ std::string runMap(Session& session, const MapOptions& options)
 std::string runUdid(Session& session, const std::string& device, bool rescanIfMissing)
 {
     const std::string node = deviceNode(device);
-    CUDIDFactory& factory = session.factory();
     std::string udid;
     {
         ProgressLine progress("scanning devices");
-        udid = factory.getCachedUniqueDeviceID(node.c_str(), rescanIfMissing);
+        udid = session.factory().getCachedUniqueDeviceID(node.c_str(), rescanIfMissing);
     }
     if (udid.empty()) {
-        // An empty answer also comes for a device that is in the map without a UDID.
-        bool mapped = factory.m_deviceMap.count(node) != 0;
-        throw CommandError(kExitNotFound,
-                           node + (mapped ? ": the device has no UDID" : ": device not found"));
+        throw CommandError(kExitNotFound, node + ": device not found");
     }
     return udid + "\n";
 }

@@ -61,7 +61,8 @@ int main(int argc, char** argv)
     map->add_flag("--json", mapOptions.json, "a JSON array, one object per device");
     map->add_flag("--rescan-buses", mapOptions.rescanBuses,
                   "rescan the SCSI buses, HBAs and multipath software first");
-    map->add_flag("--bus-scan", mapOptions.busScan, "probe every address during the bus rescan");
+    map->add_flag("--bus-scan", mapOptions.busScan,
+                  "handed to the bus rescan (the Linux rescan accepts it and does not use it)");
     map->add_flag("--remove-lun0", mapOptions.removeLun0,
                   "let the rescan remove dead devices at LUN 0 too");
 

@@ -58,6 +58,7 @@ std::string formatMapTable(const DeviceMap& map)
     for (const auto& entry : map) {
         width = std::max(width, entry.first.size());
     }
+    // An empty UDID shows as "-" so that every row has three columns.
     std::string text = padRight("DEVICE", width) + "  LEVEL  UDID\n";
     for (const auto& entry : map) {
         const SDeviceInfo& info = entry.second;

@@ -92,7 +92,9 @@ int CLinuxDeviceDiscovery::GetHostAdapterList(std::map<std::string, std::vector<
                 if (line.find(driver) == std::string::npos) {
                     continue;
                 }
-                std::string listing = std::string("/bin/ls /proc/scsi/") + driver;
+                // The hosts are listed from the directory that the line names, so the generic
+                // "qla" entry receives the same hosts as the specific QLogic driver's entry.
+                std::string listing = "/bin/ls /proc/scsi/" + line;
                 if (m_traceLog) {
                     m_traceLog->trace(3, "INFO: sending command: %s", listing.c_str());
                 }

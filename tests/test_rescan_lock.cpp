@@ -1,0 +1,144 @@
+// The host-wide rescan lock, exercised for real by several processes. This program never
+// rescans in its own process, so every child makes its own first rescan and looks the semaphore
+// set up afresh.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <string>
+
+#include "device_discovery.h"
+
+namespace {
+
+// Discovery that runs `whileEnumerating` inside the locked part of a rescan.
+class HoldingDiscovery : public CLinuxDeviceDiscovery {
+public:
+    std::function<void()> whileEnumerating;
+    std::vector<CScsiDeviceData*> enumerateDevices() override
+    {
+        whileEnumerating();
+        return {};
+    }
+    int FlushMultipathStaleDevices() override { return 0; }
+};
+
+// Runs `body` in a child process that ends with _exit, so no exit handler runs in it.
+pid_t runChild(const std::function<void()>& body)
+{
+    pid_t pid = fork();
+    if (pid == 0) {
+        body();
+        _exit(0);
+    }
+    return pid;
+}
+
+void say(int fd, const char* text)
+{
+    (void)!write(fd, text, std::strlen(text));
+}
+
+// What the children said, until `expected` bytes came or `ms` passed.
+std::string hear(int fd, size_t expected, int ms)
+{
+    std::string text;
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (text.size() < expected) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            end - std::chrono::steady_clock::now());
+        struct pollfd p = {fd, POLLIN, 0};
+        if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) {
+            break;
+        }
+        char buffer[64];
+        ssize_t n = read(fd, buffer, sizeof buffer);
+        if (n <= 0) {
+            break;
+        }
+        text.append(buffer, static_cast<size_t>(n));
+    }
+    return text;
+}
+
+// A child that rescans, saying `begin` once it holds the lock and `end` 300 ms later.
+std::function<void()> rescanner(int fd, const char* begin, const char* end)
+{
+    return [=]() {
+        HoldingDiscovery discovery;
+        discovery.whileEnumerating = [=]() {
+            say(fd, begin);
+            usleep(300 * 1000);
+            say(fd, end);
+        };
+        discovery.rescan(false, false, false);
+    };
+}
+
+// One round: the second rescan starts while the first holds the lock. What was said, in order.
+std::string concurrentRound()
+{
+    int fds[2];
+    if (pipe(fds) != 0) {
+        return "no pipe";
+    }
+    pid_t first = runChild(rescanner(fds[1], "A", "a"));
+    std::string order = hear(fds[0], 1, 10000);
+    pid_t second = runChild(rescanner(fds[1], "B", "b"));
+    order += hear(fds[0], 3, 20000);
+    waitpid(first, nullptr, 0);
+    waitpid(second, nullptr, 0);
+    close(fds[0]);
+    close(fds[1]);
+    return order;
+}
+
+}  // namespace
+
+TEST(RescanLock, TwoProcessesRescanningAtOnceTakeTurns)
+{
+    // The set is host-wide and the first process to exit after a rescan removes it, so another
+    // program on the host may remove it in the middle of a round; a round that was not
+    // serialised is tried again, and two such rounds in a row are a fault.
+    std::string order;
+    for (int round = 0; round < 3 && order != "AaBb"; ++round) {
+        order = concurrentRound();
+    }
+    EXPECT_EQ(order, "AaBb") << "the second rescan began before the first released the lock";
+}
+
+TEST(RescanLock, AProcessKilledWhileHoldingTheLockDoesNotKeepIt)
+{
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    pid_t holder = runChild([&]() {
+        HoldingDiscovery discovery;
+        discovery.whileEnumerating = [&]() {
+            say(fds[1], "H");
+            pause();
+        };
+        discovery.rescan(false, false, false);
+    });
+    ASSERT_EQ(hear(fds[0], 1, 10000), "H");
+    kill(holder, SIGKILL);
+    waitpid(holder, nullptr, 0);
+
+    pid_t next = runChild([&]() {
+        HoldingDiscovery discovery;
+        discovery.whileEnumerating = [&]() { say(fds[1], "N"); };
+        discovery.rescan(false, false, false);
+    });
+    std::string heard = hear(fds[0], 1, 10000);
+    if (heard.empty()) {
+        kill(next, SIGKILL);
+    }
+    waitpid(next, nullptr, 0);
+    close(fds[0]);
+    close(fds[1]);
+    EXPECT_EQ(heard, "N") << "the lock of the killed process was not given back";
+}
