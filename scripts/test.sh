@@ -15,3 +15,7 @@ for preset in default asan; do
     ctest --test-dir build/default -L vm --output-on-failure
   fi
 done
+echo "== fuzz: every target briefly over its seeds (clang, sanitizers)"
+bash fuzz/smoke.sh
+echo "== memcheck: the tests under valgrind"
+bash scripts/memcheck.sh

@@ -215,7 +215,14 @@ int SimHost::ioctl(int fd, unsigned long request, void* arg)
         }
         const Bytes& answer = outcome.kind == Outcome::Good ? outcome.data : outcome.sense;
         size_t count = answer.size() < outputLength ? answer.size() : outputLength;
-        memcpy(buffer + 8, answer.data(), count);
+        if (outcome.kind == Outcome::Good) {
+            // The mid-layer transfers into a zeroed bounce buffer and copies the whole output
+            // length back: what the device did not send reads as zeros, over the CDB too.
+            memset(buffer + 8, 0, outputLength);
+        }
+        if (count > 0) {  // an empty answer has no bytes to copy (and may have no array)
+            memcpy(buffer + 8, answer.data(), count);
+        }
         return outcome.kind == Outcome::Good ? 0 : kCheckCondition;
     }
 

@@ -167,10 +167,11 @@ std::string addressText(const SimDevice& device)
            std::to_string(device.id) + ":" + std::to_string(device.lun);
 }
 
-SimDevice readDevice(const json& value, const std::string& path)
+// Fields rejects unknown members from its destructor, so it must not outlive a return value:
+// an exception thrown after the value is built would leave the value undestroyed.
+void readDeviceFields(const json& value, const std::string& path, SimDevice& device)
 {
     Fields fields(value, path);
-    SimDevice device;
     device.name = fields.string("name", true);
     if (device.name.empty() || device.name.find('/') != std::string::npos) {
         fail(fields.at("name"), "expected a device name such as sdc");
@@ -225,6 +226,12 @@ SimDevice readDevice(const json& value, const std::string& path)
     }
     device.blocks = static_cast<unsigned long long>(
         fields.integer("blocks", false, 0, 1LL << 50, static_cast<long long>(device.blocks)));
+}
+
+SimDevice readDevice(const json& value, const std::string& path)
+{
+    SimDevice device;
+    readDeviceFields(value, path, device);
     return device;
 }
 

@@ -296,9 +296,19 @@ TEST(CommandShow, ReportsWhatTheDeviceAnsweredAndTheMapsUdid)
 
 TEST(CommandShow, TableShowsIdentityAndHexDump)
 {
-    Result result = run({"--host", kDatacenter, "show", "/dev/sdg"});
-    EXPECT_EQ(result.status, 0) << result.err;
-    expectGolden("datacenter.show-sdg.txt", result.out);
+    struct Case {
+        std::string host;
+        std::string device;
+        std::string golden;
+    } cases[] = {
+        {kDatacenter, "/dev/sdg", "datacenter.show-sdg.txt"},       // an array generator
+        {kExamples + "modern.json", "sda", "modern.show-sda.txt"},  // the default generator
+    };
+    for (const Case& c : cases) {
+        Result result = run({"--host", c.host, "show", c.device});
+        EXPECT_EQ(result.status, 0) << result.err;
+        expectGolden(c.golden, result.out);
+    }
 }
 
 TEST(CommandShow, WarningsOfTheQueryAreReported)

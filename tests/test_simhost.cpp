@@ -162,9 +162,16 @@ TEST_F(SimHostTest, InquiryIsDecodedAndCutToTheSmallerOfAllocationAndOutputLengt
         Command command(c.byte1, c.page, c.allocation, c.outputLength);
         EXPECT_EQ(c.result, host.ioctl(fd, 1, command.buffer)) << c.what;
         EXPECT_EQ(c.expected, command.answer(c.expected.size())) << c.what;
-        // Past the answer lie the rest of the CDB (offsets 8 to 13) and the untouched fill.
+        // A good answer is followed by zeros up to the output length (over the CDB too); past
+        // it, and past the sense data of a rejected command, the buffer is untouched.
         const size_t end = 8 + c.expected.size();
-        EXPECT_EQ(0xaa, command.buffer[end < 14 ? 14 : end]) << c.what << ": wrote past the cut";
+        if (c.result == 0) {
+            EXPECT_EQ(0, command.buffer[end]) << c.what << ": not zero-filled";
+            const size_t past = 8 + c.outputLength;
+            EXPECT_EQ(0xaa, command.buffer[past < 14 ? 14 : past]) << c.what << ": wrote past";
+        } else {
+            EXPECT_EQ(0xaa, command.buffer[end < 14 ? 14 : end]) << c.what << ": wrote past";
+        }
     }
     // Byte 3 is the high byte of the allocation length (SPC-3): 0x0100 lets 256 bytes through.
     host.findDevice("sdb")->vpd[0x80] = Bytes(300, 0x33);
@@ -172,7 +179,7 @@ TEST_F(SimHostTest, InquiryIsDecodedAndCutToTheSmallerOfAllocationAndOutputLengt
     wide.buffer[8 + 3] = 0x01;
     EXPECT_EQ(0, host.ioctl(fd, 1, wide.buffer));
     EXPECT_EQ(0x33, wide.buffer[8 + 255]);
-    EXPECT_EQ(0xaa, wide.buffer[8 + 256]);
+    EXPECT_EQ(0, wide.buffer[8 + 256]);
     std::vector<Bytes> sent = host.cdbsSent("/dev/sdb");
     ASSERT_EQ(8u, sent.size());
     EXPECT_EQ(bytes({0x12, 0x41, 0x83, 0, 252, 0}), sent[3]);

@@ -38,7 +38,7 @@ public:
     ~CFiExecPipePosix() override;
 
 private:
-    int m_mode;
+    [[maybe_unused]] int m_mode;  // kept for the framework's signature; one mode exists
 };
 
 }  // namespace kzfi_pdk_4_4

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 
 namespace kzfi_pdk_4_4 {
@@ -30,6 +31,47 @@ void splitPath(const std::string& path, ACE_String_Base<char>& first, ACE_String
     }
 }
 
+// Whether the INI reader can be given `path` safely. It reads lines of up to 4095 characters
+// and trims each from its end backwards; given an empty text to trim (a line that starts with a
+// zero byte, or a name before '=' that is empty) it steps in front of its own line buffer. A file
+// with a zero byte, a line without a name before its '=', or a line the reader would split is no
+// configuration, and is refused here whole. The file is read where the INI reader reads it.
+bool iniReaderCanTake(const std::string& path)
+{
+    enum { kLongestLine = 4094, kLargestFile = 1 << 20 };
+    FILE* file = std::fopen(path.c_str(), "rb");
+    if (file == nullptr) {
+        return false;
+    }
+    std::string text;
+    char buffer[4096];
+    size_t count;
+    while (text.size() <= kLargestFile &&
+           (count = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
+        text.append(buffer, count);
+    }
+    const bool readable = !std::ferror(file) && text.size() <= kLargestFile;
+    std::fclose(file);
+    if (!readable || text.find('\0') != std::string::npos) {
+        return false;
+    }
+    for (size_t begin = 0; begin < text.size();) {
+        size_t end = text.find('\n', begin);
+        if (end == std::string::npos) {
+            end = text.size();
+        }
+        if (end - begin > kLongestLine) {
+            return false;
+        }
+        size_t first = text.find_first_not_of(" \t\v\f\r", begin);
+        if (first < end && text[first] == '=') {
+            return false;
+        }
+        begin = end + 1;
+    }
+    return true;
+}
+
 }  // namespace
 
 CFiConfiguration::CFiConfiguration() : m_sectionOpen(false) {}
@@ -49,17 +91,12 @@ int CFiConfiguration::importConfig(const char* directory, const char* file)
         }
     }
     path += file;
-    // A file that cannot be read fails the import whatever the heap; building the heap first
-    // would cost more than the whole query of a device that is opened without a configuration.
-    FILE* readable = std::fopen(path.c_str(), "r");
-    if (readable == nullptr) {
-        m_heap.reset();
-        m_sectionOpen = false;
+    m_heap.reset();
+    m_sectionOpen = false;
+    if (!iniReaderCanTake(path)) {
         return -1;
     }
-    std::fclose(readable);
     m_heap.reset(new ACE_Configuration_Heap());
-    m_sectionOpen = false;
     if (m_heap->open() != 0) {
         m_heap.reset();
         return -1;
