@@ -60,30 +60,14 @@ private:
 Result run(const std::vector<std::string>& args)
 {
     TempDir dir;
-    const std::string outPath = dir.file("out"), errPath = dir.file("err");
-    pid_t pid = fork();
-    if (pid == 0) {
-        int in = open("/dev/null", O_RDONLY);
-        int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(err, 2);
-        std::vector<char*> argv{const_cast<char*>(kBinary.c_str())};
-        for (const std::string& arg : args) {
-            argv.push_back(const_cast<char*>(arg.c_str()));
-        }
-        argv.push_back(nullptr);
-        execv(kBinary.c_str(), argv.data());
-        _exit(127);
+    std::string command = "'" + kBinary + "'";
+    for (const std::string& arg : args) {
+        command += " '" + arg + "'";
     }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    Result result;
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    result.out = readFile(outPath);
-    result.err = readFile(errPath);
-    return result;
+    command += " </dev/null >" + dir.file("out") + " 2>" + dir.file("err");
+    const int status = std::system(command.c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+            readFile(dir.file("out")), readFile(dir.file("err"))};
 }
 
 std::string describe(const std::vector<std::string>& args)
@@ -127,15 +111,9 @@ void expectGolden(const std::string& name, const std::string& actual)
     }
     TempDir dir;
     writeFile(dir.file("actual"), actual);
-    std::string diff;
-    if (FILE* pipe = popen(("diff -u '" + path + "' '" + dir.file("actual") + "'").c_str(), "r")) {
-        char buffer[4096];
-        size_t count;
-        while ((count = fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-            diff.append(buffer, count);
-        }
-        pclose(pipe);
-    }
+    std::system(
+        ("diff -u '" + path + "' '" + dir.file("actual") + "' >" + dir.file("diff")).c_str());
+    const std::string diff = readFile(dir.file("diff"));
     ADD_FAILURE() << name << " differs from its golden file:\n" << diff;
 }
 
@@ -408,49 +386,29 @@ TEST(CommandErrors, OneLineOnStderrTheExitCodeAndNothingOnStdout)
         std::vector<std::string> args;
         int status;
         std::string err;
-    } cases[] = {
+    };
+    const std::string none = dir.file("no/such/dir");
+    // clang-format off
+    const Case cases[] = {
         {{}, 1, "scsitool: a subcommand is required: map, udid, show, initiators or capture\n"},
         {{"mpa"}, 1, "scsitool: The following argument was not expected: mpa\n"},
         {{"map", "--bogus"}, 1, "scsitool: The following argument was not expected: --bogus\n"},
         {{"udid"}, 1, "scsitool: DEVICE is required\n"},
         {{"--trace-level", "3", "map"}, 1, "scsitool: --trace-level requires --trace\n"},
-        {{"--trace", "-", "--trace-level", "9", "map"},
-         1,
-         "scsitool: --trace-level: Value 9 not in range 0 to 6\n"},
-        {{"--host", missing, "map"},
-         2,
-         "scsitool: cannot read " + missing + ": No such file or directory\n"},
-        {{"--host", dir.file("badhex.json"), "map"},
-         2,
-         "scsitool: " + dir.file("badhex.json") + ": devices[0].inquiry: not hexadecimal\n"},
-        {{"--host", dir.file("broken.json"), "map"},
-         2,
-         "scsitool: " + dir.file("broken.json") +
-             ": not JSON: parse error at line 1, column 27: syntax error while parsing value - "
-             "unexpected end of input; expected '[', '{', or a literal\n"},
-        {{"--config", dir.file("none.ini"), "map"},
-         2,
-         "scsitool: " + dir.file("none.ini") + ": no such configuration file\n"},
-        {{"--config", dir.file("bad.ini"), "map"},
-         2,
-         "scsitool: " + dir.file("bad.ini") + ": not a readable configuration file\n"},
-        {{"--trace", dir.file("no/such/dir"), "map"},
-         2,
-         "scsitool: " + dir.file("no/such/dir") +
-             ": cannot write the trace: No such file or directory\n"},
-        {{"--host", kDatacenter, "capture", dir.file("no/such/dir")},
-         2,
-         "scsitool: " + dir.file("no/such/dir") +
-             ": cannot write the snapshot: No such file or directory\n"},
+        {{"--trace", "-", "--trace-level", "9", "map"}, 1, "scsitool: --trace-level: Value 9 not in range 0 to 6\n"},
+        {{"--host", missing, "map"}, 2, "scsitool: cannot read " + missing + ": No such file or directory\n"},
+        {{"--host", dir.file("badhex.json"), "map"}, 2, "scsitool: " + dir.file("badhex.json") + ": devices[0].inquiry: not hexadecimal\n"},
+        {{"--host", dir.file("broken.json"), "map"}, 2, "scsitool: " + dir.file("broken.json") + ": not JSON: parse error at line 1, column 27: syntax error while parsing value - unexpected end of input; expected '[', '{', or a literal\n"},
+        {{"--config", dir.file("none.ini"), "map"}, 2, "scsitool: " + dir.file("none.ini") + ": no such configuration file\n"},
+        {{"--config", dir.file("bad.ini"), "map"}, 2, "scsitool: " + dir.file("bad.ini") + ": not a readable configuration file\n"},
+        {{"--trace", none, "map"}, 2, "scsitool: " + none + ": cannot write the trace: No such file or directory\n"},
+        {{"--host", kDatacenter, "capture", none}, 2, "scsitool: " + none + ": cannot write the snapshot: No such file or directory\n"},
         {{"--host", kDatacenter, "udid", "sdzz"}, 3, "scsitool: /dev/sdzz: device not found\n"},
-        {{"--host", kDatacenter, "show", "/dev/sdzz"},
-         3,
-         "scsitool: /dev/sdzz: device not found\n"},
-        {{"--host", dir.file("dead.json"), "show", "sda"},
-         3,
-         "scsitool: /dev/sda: the device does not answer as a disk\n"},
+        {{"--host", kDatacenter, "show", "/dev/sdzz"}, 3, "scsitool: /dev/sdzz: device not found\n"},
+        {{"--host", dir.file("dead.json"), "show", "sda"}, 3, "scsitool: /dev/sda: the device does not answer as a disk\n"},
         {{"--config", dir.file("good.ini"), "--host", dir.file("dead.json"), "map"}, 0, ""},
     };
+    // clang-format on
     for (const Case& c : cases) {
         Result result = run(c.args);
         EXPECT_EQ(result.status, c.status) << describe(c.args);
@@ -491,9 +449,7 @@ TEST(CommandMap, FlagsReachTheRescan)
 
 TEST(CommandUdid, RescansForAMissingDeviceOnlyWhenAsked)
 {
-    Result missing = run({"--host", kDatacenter, "udid", "sdo"});
-    EXPECT_EQ(missing.status, 3);
-    EXPECT_EQ(missing.err, "scsitool: /dev/sdo: device not found\n");
+    EXPECT_EQ(run({"--host", kDatacenter, "udid", "sdo"}).status, 3);
     Result found = run({"--host", kDatacenter, "udid", "sdo", "--rescan-if-missing"});
     EXPECT_EQ(found.status, 0) << found.err;
     EXPECT_EQ(found.out,

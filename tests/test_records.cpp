@@ -10,25 +10,6 @@
 #include "device_scsi_data.h"
 #include "stringtool.h"
 
-TEST(DeviceRecord, FreshRecordIsEmpty)
-{
-    CScsiDeviceData d("/dev/sdc", "", "hostA", 5, 2, 1, 3, "ACME", "Disk", "01", 77);
-    EXPECT_EQ(d.m_deviceName, "/dev/sdc");
-    EXPECT_EQ(d.m_hostName, "hostA");
-    EXPECT_EQ(d.m_target, 5);
-    EXPECT_EQ(d.m_bus, 2u);
-    EXPECT_EQ(d.m_lun, 1);
-    EXPECT_EQ(d.m_port, 3);
-    EXPECT_EQ(d.m_capacity, 77u);
-    EXPECT_TRUE(d.m_pageCache.empty());
-    EXPECT_TRUE(d.m_supportedPages.empty());
-    EXPECT_EQ(d.dmpClaimLevel, 0);
-    EXPECT_EQ(d.m_pagesValid, 0);
-    EXPECT_EQ(d.m_secondFlag, 0);
-    EXPECT_EQ(d.m_invalid, 0);
-    EXPECT_EQ(d.m_operatingSystem, "");
-}
-
 TEST(ModePage, CopiesAreIndependentAndStoringReplaces)
 {
     const unsigned char a[] = {1, 2, 3};
@@ -53,20 +34,22 @@ TEST(StringTool, NumbersFromText)
     struct {
         const char* text;
         unsigned int value;
-    } decimal[] = {{"", 0},    {"42", 42}, {"42abc", 42},      {" 7", 7},
-                   {"abc", 0}, {"x1", 0},  {"-1", 4294967295u}};
+    } decimal[] = {
+        // clang-format off
+        {"", 0}, {"42", 42}, {"42abc", 42}, {" 7", 7}, {"abc", 0}, {"x1", 0}, {"-1", 4294967295u}};
+    // clang-format on
     for (const auto& c : decimal) {
         EXPECT_EQ(CStringTool::str2uint(c.text), c.value) << c.text;
         EXPECT_EQ(CStringTool::str2int(c.text), static_cast<int>(c.value)) << c.text;
     }
+    // clang-format off
     struct {
         const char* text;
         unsigned int value;
-    } hex[] = {{"0x1F", 31}, {"0x", 0},
-               {"0xG1", 0},  {"zz10", 16},
-               {"0X0a", 10}, {"0x123456789", 0x23456789u},
-               {"0x1 ", 0},  {"0xffffffff", 0xffffffffu},
-               {"ab", 0}};
+    } hex[] = {
+        {"0x1F", 31}, {"0x", 0}, {"0xG1", 0}, {"zz10", 16}, {"0X0a", 10}, {"0x123456789", 0x23456789u},
+        {"0x1 ", 0}, {"0xffffffff", 0xffffffffu}, {"ab", 0}};
+    // clang-format on
     for (const auto& c : hex) {
         EXPECT_EQ(CStringTool::hexstr2uint(c.text), c.value) << c.text;
     }

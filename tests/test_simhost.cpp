@@ -18,7 +18,9 @@
 #include "device_discovery.h"
 #include "device_scsi_data.h"
 #include "device_udid_generator.h"
+#include "page_builders.h"
 #include "scsitool.h"
+#include "sim_disks.h"
 #include "simhost.h"
 
 using simhost::Bytes;
@@ -32,36 +34,29 @@ namespace {
 
 const std::string kHosts = std::string(SCSITOOL_SOURCE_DIR) + "/examples/hosts/";
 
-Bytes bytes(std::initializer_list<int> values)
-{
-    return Bytes(values.begin(), values.end());
-}
-
 // A 40-byte standard INQUIRY answer: direct access, SPC-3, "ACME    Big Disk 2      0100".
 Bytes acmeInquiry()
 {
-    Bytes inquiry(40, 0);
-    inquiry[2] = 5;
-    inquiry[3] = 2;
-    inquiry[4] = 35;
-    memcpy(&inquiry[8], "ACME    Big Disk 2      0100", 28);
-    return inquiry;
+    return PageBuilder(40).hex(0, "00 00 05 02 23").text(8, "ACME    Big Disk 2      0100");
 }
 
 SimDevice disk(const std::string& name, int host, int channel, int id, int lun,
                DeviceState state = DeviceState::Running)
 {
-    SimDevice device;
-    device.name = name;
-    device.host = host;
-    device.channel = channel;
-    device.id = id;
-    device.lun = lun;
+    SimDevice device = simDisk(name, host, channel, id, lun, state);
     device.inquiry = acmeInquiry();
-    device.vpd[0x00] = bytes({0, 0, 0, 2, 0x00, 0x83});
-    device.vpd[0x83] = bytes({0, 0x83, 0, 8, 1, 3, 0, 4, 0xde, 0xad, 0xbe, 0xef});
-    device.state = state;
+    device.vpd[0x00] = hexBytes("00 00 00 02 00 83");
+    device.vpd[0x83] = hexBytes("00 83 00 08 01 03 00 04 de ad be ef");
     return device;
+}
+
+// An example host from the repository.
+std::unique_ptr<SimHost> load(const std::string& name)
+{
+    std::string error;
+    std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + name, error);
+    EXPECT_TRUE(host) << name << ": " << error;
+    return host;
 }
 
 // The SCSI_IOCTL_SEND_COMMAND buffer as the library fills it.
@@ -120,17 +115,9 @@ protected:
         host.addDevice(disk("sdd", 3, 0, 1, 0, DeviceState::Latent));
         host.addDevice(disk("sde", 4, 0, 0, 0, DeviceState::Latent));
         host.addDevice(disk("sdf", 3, 0, 2, 0, DeviceState::Unresponsive));
-        SimAdapter qla;
-        qla.host = 3;
-        qla.driver = "qla2xxx";
-        qla.procText = "scsi-qla0-adapter-port=21000024ff2c3d4e;\n";
-        qla.fcHost = true;
-        qla.portName = "0x21000024ff2c3d4e";
-        host.addAdapter(qla);
-        SimAdapter lpfc;
-        lpfc.host = 4;
-        lpfc.driver = "lpfc";
-        host.addAdapter(lpfc);
+        host.addAdapter({3, "qla2xxx", "scsi-qla0-adapter-port=21000024ff2c3d4e;\n", true,
+                         "0x21000024ff2c3d4e"});
+        host.addAdapter(simAdapter(4, "lpfc"));
     }
     SimHost host;
 };
@@ -143,19 +130,20 @@ TEST_F(SimHostTest, InquiryIsDecodedAndCutToTheSmallerOfAllocationAndOutputLengt
         uint32_t outputLength;
         int result;
         Bytes expected;
-    } cases[] = {
-        {"standard, whole", 0x00, 0, 252, 480, 0, acmeInquiry()},
-        {"standard, allocation 5", 0x00, 0, 5, 480, 0, bytes({0, 0, 5, 2, 35})},
-        {"standard, output 3", 0x00, 0, 252, 3, 0, bytes({0, 0, 5})},
-        {"page 83 with LUN bits", 0x41, 0x83, 252, 480, 0,
-         bytes({0, 0x83, 0, 8, 1, 3, 0, 4, 0xde, 0xad, 0xbe, 0xef})},
-        {"supported pages", 0x01, 0x00, 252, 480, 0, bytes({0, 0, 0, 2, 0x00, 0x83})},
-        // Rejected: CHECK CONDITION with ILLEGAL REQUEST / INVALID FIELD IN CDB sense data.
-        {"unsupported page", 0x01, 0x80, 252, 480, 2,
-         bytes({0x70, 0, 5, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0x24, 0, 0, 0, 0, 0})},
-        {"page without EVPD", 0x00, 0x83, 252, 480, 2,
-         bytes({0x70, 0, 5, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0x24, 0, 0, 0, 0, 0})},
     };
+    // Rejected: CHECK CONDITION with ILLEGAL REQUEST / INVALID FIELD IN CDB sense data.
+    const Bytes sense = hexBytes("70 00 05 00 00 00 00 0a 00 00 00 00 24 00 00 00 00 00");
+    // clang-format off
+    const Case cases[] = {
+        {"standard, whole", 0x00, 0, 252, 480, 0, acmeInquiry()},
+        {"standard, allocation 5", 0x00, 0, 5, 480, 0, hexBytes("00 00 05 02 23")},
+        {"standard, output 3", 0x00, 0, 252, 3, 0, hexBytes("00 00 05")},
+        {"page 83 with LUN bits", 0x41, 0x83, 252, 480, 0, hexBytes("00 83 00 08 01 03 00 04 de ad be ef")},
+        {"supported pages", 0x01, 0x00, 252, 480, 0, hexBytes("00 00 00 02 00 83")},
+        {"unsupported page", 0x01, 0x80, 252, 480, 2, sense},
+        {"page without EVPD", 0x00, 0x83, 252, 480, 2, sense},
+    };
+    // clang-format on
     int fd = host.open("/dev/sdb", O_RDWR | O_NONBLOCK);
     ASSERT_GE(fd, 0);
     for (const Case& c : cases) {
@@ -182,7 +170,7 @@ TEST_F(SimHostTest, InquiryIsDecodedAndCutToTheSmallerOfAllocationAndOutputLengt
     EXPECT_EQ(0, wide.buffer[8 + 256]);
     std::vector<Bytes> sent = host.cdbsSent("/dev/sdb");
     ASSERT_EQ(8u, sent.size());
-    EXPECT_EQ(bytes({0x12, 0x41, 0x83, 0, 252, 0}), sent[3]);
+    EXPECT_EQ(hexBytes("12 41 83 00 fc 00"), sent[3]);
     EXPECT_EQ(sent, host.cdbsSent("sdb"));
     host.close(fd);
 }
@@ -206,11 +194,10 @@ TEST_F(SimHostTest, NodesOpenOnlyForDevicesTheKernelShows)
     struct Case {
         const char* path;
         int error;  // 0: opens
-    } cases[] = {{"/dev/sdb", 0},
-                 {"/dev/sdf", 0},
-                 {"/dev/sdd", ENOENT},
-                 {"/dev/sdg", ENXIO},
-                 {"/dev/sdz", ENOENT}};
+    };
+    // clang-format off
+    const Case cases[] = {{"/dev/sdb", 0}, {"/dev/sdf", 0}, {"/dev/sdd", ENOENT}, {"/dev/sdg", ENXIO}, {"/dev/sdz", ENOENT}};
+    // clang-format on
     for (const Case& c : cases) {
         errno = 0;
         int fd = host.open(c.path, O_RDWR);
@@ -218,15 +205,6 @@ TEST_F(SimHostTest, NodesOpenOnlyForDevicesTheKernelShows)
         EXPECT_EQ(c.error, c.error ? errno : 0) << c.path;
     }
     EXPECT_EQ(5, host.openCalls());
-}
-
-TEST_F(SimHostTest, IdLunPacksTheAddress)
-{
-    host.addDevice(disk("sdx", 3, 2, 5, 1));
-    int fd = host.open("/dev/sdx", O_RDWR);
-    uint32_t idlun[2] = {0, 0};
-    ASSERT_EQ(0, host.ioctl(fd, 0x5382, idlun));
-    EXPECT_EQ(0x03020105u, idlun[0]);
 }
 
 TEST_F(SimHostTest, SgIoAnswersTheVendorCommandWithinTheCallersBuffer)
@@ -479,9 +457,8 @@ TEST_F(SimHostTest, InstalledHostAnswersTheSystemInterface)
 
 TEST(SimHostKernel24, OldKernelFormatsAndNoSysfs)
 {
-    std::string error;
-    std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + "host24.json", error);
-    ASSERT_TRUE(host) << error;
+    std::unique_ptr<SimHost> host = load("host24.json");
+    ASSERT_TRUE(host);
     std::string scsi = text(*host, "/proc/scsi/scsi");
     EXPECT_EQ(0u, scsi.find("Attached devices:\n"
                             "Host: scsi0 Channel: 00 Id: 00 Lun: 00\n"
@@ -498,6 +475,7 @@ TEST(SimHostKernel24, OldKernelFormatsAndNoSysfs)
     ASSERT_TRUE(writeFile(*host, "/proc/scsi/scsi", "scsi add-single-device 3 0 0 1\n"));
     EXPECT_NE(std::string::npos,
               text(*host, "/proc/scsi/scsi").find("Host: scsi3 Channel: 00 Id: 00 Lun: 01"));
+    std::string error;
     std::unique_ptr<SimHost> again = SimHost::fromJson(host->toJson(), error);
     ASSERT_TRUE(again) << error;
     EXPECT_EQ(DeviceState::Running, again->findDevice("sdg")->state);
@@ -506,9 +484,8 @@ TEST(SimHostKernel24, OldKernelFormatsAndNoSysfs)
 
 TEST(SimHostDatacenter, TypesOfEveryDeviceAndTheAdaptersFiles)
 {
-    std::string error;
-    std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + "datacenter.json", error);
-    ASSERT_TRUE(host) << error;
+    std::unique_ptr<SimHost> host = load("datacenter.json");
+    ASSERT_TRUE(host);
     std::string scsi = text(*host, "/proc/scsi/scsi");
     for (const char* line : {"  Type:   CD-ROM                           ANSI  SCSI revision: 05\n",
                              "  Type:   Sequential-Access                ANSI  SCSI revision: 03\n",
@@ -521,67 +498,6 @@ TEST(SimHostDatacenter, TypesOfEveryDeviceAndTheAdaptersFiles)
     EXPECT_EQ("0x10000000c9a1b2c3\n", text(*host, "/sys/class/fc_host/host4/port_name"));
     EXPECT_NE(std::string::npos,
               text(*host, "/proc/partitions").find(" 253        0   52428800 dm-0\n"));
-}
-
-// The first claiming generator's UDID of a node, or the message id it throws.
-std::string udidOf(const std::string& node)
-{
-    // Generators live for the process, as the factory keeps them.
-    static std::vector<CUdidGenerator*>* table =
-        new std::vector<CUdidGenerator*>(createUdidGeneratorTable());
-    CScsiDeviceData record(node, "", "dbhost01", 0, 0, 0, -1, "", "", "", 0);
-    CScsiTool tool;
-    if (tool.UpdateDevice(&record) != 0) {
-        return "not a disk";
-    }
-    for (CUdidGenerator* generator : *table) {
-        if (generator->claimDevice(&record)) {
-            try {
-                std::string body = generator->getUniqueDeviceID(&record);
-                return generator->getUniqueDeviceIDPrefix(&record) + body;
-            } catch (const CUdidGeneratorException& error) {
-                return error.m_messageId;
-            }
-        }
-    }
-    return "unclaimed";
-}
-
-TEST(SimHostDatacenter, EveryArrayFamilyGetsItsUdid)
-{
-    std::string error;
-    std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + "datacenter.json", error);
-    ASSERT_TRUE(host) << error;
-    simhost::SimHostInstall install(*host);
-    const std::pair<const char*, const char*> expected[] = {
-        {"/dev/sda",
-         "UDID##ATA##ST3500418AS##008300200201001c415441202020202053543335303034313841"
-         "532039564d5132414243"},
-        {"/dev/sr0", "not a disk"},
-        {"/dev/st0", "not a disk"},
-        {"/dev/sdb",
-         "UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3a:b1:1e:00:4c:8f:5e:59:72:c3:e0:11"},
-        {"/dev/sdc", "UDID##EMC##SYMMETRIX##000001879014##0A3F"},
-        {"/dev/sdd", "UDID##IBM##TOTALSTORAGE##IBM.2107-7512345##1a2b"},
-        {"/dev/sde", "UDID##HP##HSV##5000-1FE1-5005-ABCD##6005-08B4-0010-1234-0000-A000-0123-0000"},
-        {"/dev/sdf", "UDID##HP##XP##10057##1234"},
-        {"/dev/sdg", "UDID##HP##3PAR##1234567##50002AC000010ABC"},
-        {"/dev/sdh", "UDID##HITACHI##HDS##1234##18"},
-        {"/dev/sdi",
-         "UDID##ENGENIO##UNIVERSAL##600a0b8000112233000000004a5b6c7d##"
-         "600A0B8000112233000004D24A5B6C7D"},
-        {"/dev/sdj", "UDID##NETAPP##LUN##1234567890##50334f6f473457564c783452"},
-        {"/dev/sdk", "UDID##FUJITSU##ETERNUS##4321ABCD##600000E00D0000000001234500010000"},
-        {"/dev/sdl", "UDID##ACME##BIG_DISK_2##0083001401030010600123456789abcdef0123456789abcd"},
-        {"/dev/sdm", "MSG_UDID_ERROR_INVALID_SCSI_DEVICE_DATA"},
-        {"/dev/sdn", "not a disk"},  // unresponsive
-        {"/dev/mapper/mpatha",
-         "UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3a:b1:1e:00:4c:8f:5e:59:72:c3:e0:11"},
-        {"/dev/emcpowera", "UDID##EMC##SYMMETRIX##000001879014##0A3F"},
-    };
-    for (const auto& entry : expected) {
-        EXPECT_EQ(entry.second, udidOf(entry.first)) << entry.first;
-    }
 }
 
 // A rescan with bus rescanning replays each example host: latent LUNs are found by the 2.6
@@ -603,9 +519,8 @@ TEST(SimHostExamples, RescanFindsTheLatentLunsOfEachHost)
         {"modern.json", {"/dev/mapper/mpatha", "/dev/sda", "/dev/sdb"}},
     };
     for (const Case& c : cases) {
-        std::string error;
-        std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + c.file, error);
-        ASSERT_TRUE(host) << error;
+        std::unique_ptr<SimHost> host = load(c.file);
+        ASSERT_TRUE(host);
         simhost::SimHostInstall install(*host);
         CLinuxDeviceDiscovery discovery;
         std::vector<std::string> found;
@@ -634,9 +549,9 @@ TEST(SimHostIdentity, UnameAndHostname)
 TEST(SimHostSnapshot, ExampleHostsLoadAndSurviveARoundTrip)
 {
     for (const char* name : {"datacenter.json", "host24.json", "modern.json"}) {
+        std::unique_ptr<SimHost> host = load(name);
+        ASSERT_TRUE(host);
         std::string error;
-        std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + name, error);
-        ASSERT_TRUE(host) << error;
         std::unique_ptr<SimHost> again = SimHost::fromJson(host->toJson(), error);
         ASSERT_TRUE(again) << name << ": " << error;
         EXPECT_EQ(host->toJson(), again->toJson()) << name;
@@ -661,9 +576,8 @@ TEST(SimHostSnapshot, TheDocumentedExampleLoads)
 
 TEST(SimHostSnapshot, ModernHostHasNoProcScsi)
 {
-    std::string error;
-    std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + "modern.json", error);
-    ASSERT_TRUE(host) << error;
+    std::unique_ptr<SimHost> host = load("modern.json");
+    ASSERT_TRUE(host);
     errno = 0;
     EXPECT_EQ(nullptr, host->fopen("/proc/scsi/scsi", "r"));
     EXPECT_EQ(ENOENT, errno);
@@ -678,48 +592,33 @@ TEST(SimHostSnapshot, BadSnapshotsAreRejectedWithOneMessage)
     struct Case {
         std::string json;
         std::string message;
-    } cases[] = {
+    };
+    auto with = [&](const std::string& rest) { return "{" + head + ", " + rest + "}"; };
+    auto device = [&](const std::string& fields) {
+        return with(R"("devices": [{"name": "sdb", "address": [0, 0, 1, 0], )" + fields + "}]");
+    };
+    // clang-format off
+    const Case cases[] = {
         {"{", "not JSON: "},
         {"[]", "snapshot: expected a JSON object"},
         {R"({"format": 2})", "format: unsupported format 2 (expected 1)"},
-        {R"({"format": 1, "hostname": "h", "kernel_release": "r", "proc_scsi": true})",
-         "devices: missing"},
-        {"{" + head + R"(, "devices": [], "hostname2": 1})", "hostname2: unknown field"},
-        {R"({"format": 1, "hostname": 7, "kernel_release": "r", "proc_scsi": true, "devices": []})",
-         "hostname: expected a string or null"},
-        {"{" + head + R"(, "devices": [{"name": "sdb", "address": [0, 0, 1], "inquiry": ""}]})",
-         "devices[0].address: expected [host, channel, id, lun]"},
-        {"{" + head + R"(, "devices": [{"name": "sdb", "address": [0, 0, 1, 0]}]})",
-         "devices[0].inquiry: missing"},
-        {"{" + head +
-             R"(, "devices": [{"name": "sdb", "address": [0, 0, 1, 0], "inquiry": "0g"}]})",
-         "devices[0].inquiry: not hexadecimal"},
-        {"{" + head +
-             R"(, "devices": [{"name": "sdb", "address": [0, 0, 1, 0], "inquiry": "00", "vpd": {"83": "123"}}]})",
-         "devices[0].vpd.83: not hexadecimal"},
-        {"{" + head +
-             R"(, "devices": [{"name": "sdb", "address": [0, 0, 1, 0], "inquiry": "00", "state": "dead"}]})",
-         "devices[0].state: unknown state \"dead\" (expected running, latent, unresponsive, gone "
-         "or removed)"},
-        {"{" + head + ", \"devices\": [" + sdb + ", " + sdb + "]}",
-         "devices[1].name: duplicate device name sdb"},
-        {"{" + head + ", \"devices\": [" + sdb +
-             R"(, {"name": "sdc", "address": [0, 0, 1, 0], "inquiry": "00"}]})",
-         "devices[1].address: duplicate address 0:0:1:0"},
-        {"{" + head + ", \"devices\": [" + sdb +
-             R"(], "multipath_maps": [{"name": "mpatha", "device": "sdz"}]})",
-         "multipath_maps[0].device: unknown device sdz"},
-        {"{" + head +
-             R"(, "devices": [{"name": "sdb", "address": [0, 0, 1, 0], "inquiry": "00", "partitions": ["sdc1"]}]})",
-         "devices[0].partitions[0]: sdc1 is not a partition of sdb"},
-        {"{" + head + ", \"devices\": [" + sdb +
-             R"(], "powerpath": [{"name": "sdb", "device": "sdb"}]})",
-         "powerpath[0].name: node /dev/sdb is a device's node"},
-        {"{" + head + R"(, "devices": [], "adapters": [{"host": -1, "driver": "lpfc"}]})",
-         "adapters[0].host: expected an integer from 0 to 65535"},
-        {"{" + head + R"(, "devices": [], "commands": {"/bin/x": {"exit": "0"}}})",
-         "commands[\"/bin/x\"].exit: expected an integer from 0 to 1001"},
+        {R"({"format": 1, "hostname": "h", "kernel_release": "r", "proc_scsi": true})", "devices: missing"},
+        {with(R"("devices": [], "hostname2": 1)"), "hostname2: unknown field"},
+        {R"({"format": 1, "hostname": 7, "kernel_release": "r", "proc_scsi": true, "devices": []})", "hostname: expected a string or null"},
+        {with(R"("devices": [{"name": "sdb", "address": [0, 0, 1], "inquiry": ""}])"), "devices[0].address: expected [host, channel, id, lun]"},
+        {with(R"("devices": [{"name": "sdb", "address": [0, 0, 1, 0]}])"), "devices[0].inquiry: missing"},
+        {device(R"("inquiry": "0g")"), "devices[0].inquiry: not hexadecimal"},
+        {device(R"("inquiry": "00", "vpd": {"83": "123"})"), "devices[0].vpd.83: not hexadecimal"},
+        {device(R"("inquiry": "00", "state": "dead")"), "devices[0].state: unknown state \"dead\" (expected running, latent, unresponsive, gone or removed)"},
+        {with("\"devices\": [" + sdb + ", " + sdb + "]"), "devices[1].name: duplicate device name sdb"},
+        {with("\"devices\": [" + sdb + R"(, {"name": "sdc", "address": [0, 0, 1, 0], "inquiry": "00"}])"), "devices[1].address: duplicate address 0:0:1:0"},
+        {with("\"devices\": [" + sdb + R"(], "multipath_maps": [{"name": "mpatha", "device": "sdz"}])"), "multipath_maps[0].device: unknown device sdz"},
+        {device(R"("inquiry": "00", "partitions": ["sdc1"])"), "devices[0].partitions[0]: sdc1 is not a partition of sdb"},
+        {with("\"devices\": [" + sdb + R"(], "powerpath": [{"name": "sdb", "device": "sdb"}])"), "powerpath[0].name: node /dev/sdb is a device's node"},
+        {with(R"("devices": [], "adapters": [{"host": -1, "driver": "lpfc"}])"), "adapters[0].host: expected an integer from 0 to 65535"},
+        {with(R"("devices": [], "commands": {"/bin/x": {"exit": "0"}})"), "commands[\"/bin/x\"].exit: expected an integer from 0 to 1001"},
     };
+    // clang-format on
     for (const Case& c : cases) {
         std::string error;
         EXPECT_EQ(nullptr, SimHost::fromJson(c.json, error)) << c.json;

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "page_builders.h"
+#include "sim_disks.h"
 #include "simhost.h"
 
 using simhost::Bytes;
@@ -23,17 +25,8 @@ namespace {
 SimDevice disk(const std::string& name, const std::string& vendor, int lun,
                DeviceState state = DeviceState::Running)
 {
-    SimDevice device;
-    device.name = name;
-    device.host = 2;
-    device.lun = lun;
-    device.inquiry.assign(36, ' ');
-    device.inquiry[0] = 0;
-    device.inquiry[4] = 31;
-    for (size_t i = 0; i < vendor.size() && i < 8; ++i) {
-        device.inquiry[8 + i] = static_cast<uint8_t>(vendor[i]);
-    }
-    device.state = state;
+    SimDevice device = simDisk(name, 2, 0, 0, lun, state);
+    device.inquiry = inquiryPage(vendor, "", 36);
     return device;
 }
 
