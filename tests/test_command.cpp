@@ -61,9 +61,8 @@ Result run(const std::vector<std::string>& args)
 {
     TempDir dir;
     std::string command = "'" + kBinary + "'";
-    for (const std::string& arg : args) {
+    for (const std::string& arg : args)
         command += " '" + arg + "'";
-    }
     command += " </dev/null >" + dir.file("out") + " 2>" + dir.file("err");
     const int status = std::system(command.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
@@ -73,9 +72,8 @@ Result run(const std::vector<std::string>& args)
 std::string describe(const std::vector<std::string>& args)
 {
     std::string text = "scsitool";
-    for (const std::string& arg : args) {
+    for (const std::string& arg : args)
         text += " " + arg;
-    }
     return text;
 }
 
@@ -86,9 +84,8 @@ std::vector<std::string> exampleHosts()
     if (DIR* dir = opendir(kExamples.c_str())) {
         while (struct dirent* entry = readdir(dir)) {
             std::string name = entry->d_name;
-            if (name.size() > 5 && name.compare(name.size() - 5, 5, ".json") == 0) {
+            if (name.size() > 5 && name.compare(name.size() - 5, 5, ".json") == 0)
                 names.push_back(name.substr(0, name.size() - 5));
-            }
         }
         closedir(dir);
     }
@@ -106,9 +103,8 @@ void expectGolden(const std::string& name, const std::string& actual)
         return;
     }
     const std::string expected = readFile(path);
-    if (expected == actual) {
+    if (expected == actual)
         return;
-    }
     TempDir dir;
     writeFile(dir.file("actual"), actual);
     std::system(
@@ -126,9 +122,8 @@ TEST(CommandGolden, MapOfEveryExampleHostAsTableAndJson)
     for (const std::string& host : hosts) {
         for (bool json : {false, true}) {
             std::vector<std::string> args{"--host", kExamples + host + ".json", "map"};
-            if (json) {
+            if (json)
                 args.push_back("--json");
-            }
             Result result = run(args);
             EXPECT_EQ(result.status, 0) << describe(args) << "\n" << result.err;
             // No progress line either: stderr is not a terminal here.
@@ -211,9 +206,8 @@ TEST(CommandCapture, KeepsPagesAddressesAndHostFacts)
         EXPECT_EQ(captured[key], original[key]) << key;
     }
     std::map<std::string, nlohmann::json> capturedDevices;
-    for (const nlohmann::json& device : captured["devices"]) {
+    for (const nlohmann::json& device : captured["devices"])
         capturedDevices[device["name"]] = device;
-    }
     for (const nlohmann::json& device : original["devices"]) {
         const std::string name = device["name"];
         const std::string state = device["state"];
@@ -238,23 +232,20 @@ TEST(CommandShow, ReportsWhatTheDeviceAnsweredAndTheMapsUdid)
     nlohmann::json snapshot = parseJson(readFile(kDatacenter));
     nlohmann::json map = parseJson(run({"--host", kDatacenter, "map", "--json"}).out);
     std::map<std::string, std::string> udids;
-    for (const nlohmann::json& entry : map) {
+    for (const nlohmann::json& entry : map)
         udids[entry["DeviceName"]] = entry["Uid"];
-    }
     int shown = 0;
     for (const nlohmann::json& device : snapshot["devices"]) {
         const std::string name = device["name"];
-        if (device["state"] != "running" || name.compare(0, 2, "sd") != 0) {
+        if (device["state"] != "running" || name.compare(0, 2, "sd") != 0)
             continue;
-        }
         Result result = run({"--host", kDatacenter, "show", name, "--json"});
         ASSERT_EQ(result.status, 0) << name << ": " << result.err;
         nlohmann::json report = parseJson(result.out);
         ASSERT_TRUE(report.is_object()) << result.out;
         std::vector<std::string> keys;
-        for (auto it = report.begin(); it != report.end(); ++it) {
+        for (auto it = report.begin(); it != report.end(); ++it)
             keys.push_back(it.key());
-        }
         EXPECT_EQ(keys, (std::vector<std::string>{"address", "device", "firmware", "generator",
                                                   "inquiry", "product", "supported_pages", "udid",
                                                   "vendor", "vpd", "warnings"}));
@@ -315,9 +306,8 @@ TEST(CommandUdid, AcceptsAKernelNameOrANodeAndAnswersFromTheMap)
     nlohmann::json map = parseJson(run({"--host", kDatacenter, "map", "--json"}).out);
     std::string sdc;
     for (const nlohmann::json& entry : map) {
-        if (entry["DeviceName"] == "/dev/sdc") {
+        if (entry["DeviceName"] == "/dev/sdc")
             sdc = entry["Uid"];
-        }
     }
     ASSERT_FALSE(sdc.empty());
     for (const char* name : {"sdc", "/dev/sdc"}) {
@@ -466,9 +456,8 @@ TEST(CommandCapture, ARescanOfTheReplayFindsWhatTheHostWouldFind)
         nlohmann::json snapshot = parseJson(readFile(kExamples + host + ".json"));
         nlohmann::json visible = nlohmann::json::array();
         for (const nlohmann::json& device : snapshot["devices"]) {
-            if (device["state"] != "latent") {
+            if (device["state"] != "latent")
                 visible.push_back(device);
-            }
         }
         snapshot["devices"] = visible;
         writeFile(dir.file("visible.json"), snapshot.dump());

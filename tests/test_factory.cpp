@@ -28,9 +28,8 @@ public:
     bool claimDevice(CScsiDeviceData* device) override { return device->m_vendorId == m_vendorId; }
     std::string getUniqueDeviceID(CScsiDeviceData*) override
     {
-        if (m_body == nullptr) {
+        if (m_body == nullptr)
             throw CUdidGeneratorException("MSG_UDID_ERROR_INVALID_SCSI_PAGE_DATA", m_vendorId, "P");
-        }
         return m_body;
     }
 
@@ -191,9 +190,8 @@ std::string defaultUdid(uint8_t serial)
 size_t countPrefix(const std::vector<std::string>& lines, const std::string& prefix)
 {
     size_t n = 0;
-    for (const std::string& line : lines) {
+    for (const std::string& line : lines)
         n += line.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
-    }
     return n;
 }
 
@@ -210,9 +208,8 @@ protected:
     {
         std::vector<std::string> out;
         for (const std::string& line : capture.at(6)) {
-            if (line.compare(0, 31, "Entering Function validateDevic") == 0) {
+            if (line.compare(0, 31, "Entering Function validateDevic") == 0)
                 out.push_back(line);
-            }
         }
         return out;
     }

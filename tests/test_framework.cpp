@@ -44,9 +44,8 @@ struct Traced : CFiTraceable {
     void run(int line)
     {
         CFiTraceLogFunction scope(m_traceLog, "rescan", line, "/src/a/device_discovery.cpp");
-        if (m_traceLog) {
+        if (m_traceLog)
             m_traceLog->trace(3, "INFO: inside %d", 42);
-        }
     }
 };
 }  // namespace
@@ -138,9 +137,8 @@ TEST(SmartPtr, CountsReferencesAcrossCopiesAndThreads)
             }
         });
     }
-    for (auto& thread : threads) {
+    for (auto& thread : threads)
         thread.join();
-    }
     EXPECT_EQ(raw->refCount(), 1);
 }
 
@@ -223,9 +221,8 @@ public:
         char dir[] = "/tmp/ficonfXXXXXX";
         m_dir = mkdtemp(dir);
         m_path = m_dir + "/devicefi.ini";
-        if (text != nullptr) {
+        if (text != nullptr)
             std::ofstream(m_path) << text;
-        }
         CFiConfigurationPathTool::setConfigFile(m_path);
     }
     ~ConfigFile()

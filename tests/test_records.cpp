@@ -87,9 +87,8 @@ TEST(ReadDir, ListsMatchingEntriesAsFullPaths)
     char dir[] = "/tmp/readdirXXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
     std::string base = std::string(dir) + "/";
-    for (const char* name : {"x1", "x2", "y1"}) {
+    for (const char* name : {"x1", "x2", "y1"})
         std::ofstream(base + name) << "";
-    }
     std::vector<std::string> found = readDir(base, "x");
     std::sort(found.begin(), found.end());
     EXPECT_EQ(found, (std::vector<std::string>{base + "x1", base + "x2"}));
@@ -98,9 +97,8 @@ TEST(ReadDir, ListsMatchingEntriesAsFullPaths)
     EXPECT_NE(std::find(all.begin(), all.end(), base + "."), all.end());
     EXPECT_EQ(readDir(dir, "x1"),
               std::vector<std::string>{std::string(dir) + "x1"});  // joined as given
-    for (const char* name : {"x1", "x2", "y1"}) {
+    for (const char* name : {"x1", "x2", "y1"})
         unlink((base + name).c_str());
-    }
     rmdir(dir);
     testing::internal::CaptureStdout();
     EXPECT_TRUE(readDir("/nonexistent-dir/", "").empty());

@@ -105,9 +105,8 @@ TEST_F(Rescan, MidLayerProbeOn24)
         fresh.setKernelRelease("2.4.21");
         fresh.addAdapter(simAdapter(0, "lpfc", false, "Emulex\n"));
         fresh.addDevice(simDisk("sda", 0, 0, 0, 0));
-        if (c.latent) {
+        if (c.latent)
             fresh.addDevice(simDisk("sdb", 0, 0, 1, 3, DeviceState::Latent));
-        }
         discovery.rescanScsiBus(false);
         EXPECT_EQ(writtenTo(fresh, "/proc/scsi/scsi"), probes(c.ranges));
         EXPECT_EQ(discovery.getDeviceCount(), c.latent ? 2 : 1);
@@ -155,9 +154,8 @@ TEST_F(Rescan, SysfsScanOn26)
                       "Info: Waiting for scan to complete issue_lip scan.",
                       "Info: Waiting for device scan to complete",
                       "Info:Trying with rescan_scsi_bus.sh"};
-        if (!c.script) {
+        if (!c.script)
             info.push_back("Info: failed to open rescan_scsi_bus.sh");
-        }
         EXPECT_EQ(trace.at(4), info);
     }
     // Without any host nothing is written and nobody waits; the script is still tried.
@@ -193,9 +191,8 @@ TEST_F(Rescan, DeadDevicesAreDroppedAndRemoved)
         EXPECT_EQ(devices, kept);
         EXPECT_EQ(kept[0]->m_vendorId + "|" + kept[0]->m_productId, "ACME|Disk");
         Lines removals = {"scsi remove-single-device 0 0 2 4\n"};
-        if (removeLun0) {
+        if (removeLun0)
             removals.insert(removals.begin(), "scsi remove-single-device 0 0 2 0\n");
-        }
         EXPECT_EQ(writtenTo(fresh, "/proc/scsi/scsi"), removals);
         EXPECT_EQ(has("INFO: Device is not removed as LUN=0 and removeLun0 = false"), !removeLun0);
         EXPECT_TRUE(has("INFO: iter devices a[-1] b[0] t[0] l[0] vendor[ACME], product[Disk]"));
@@ -206,9 +203,8 @@ TEST_F(Rescan, DeadDevicesAreDroppedAndRemoved)
             has("WARNING: remove device failed to open "
                 "/sys/class/scsi_device/0:0:2:4/device/delete for device removal"));
         EXPECT_TRUE(has("INFO: doing redhat 2.6 kernel SCSI bus scan")) << "final bus rescan";
-        for (CScsiDeviceData* d : devices) {
+        for (CScsiDeviceData* d : devices)
             delete d;
-        }
     }
 }
 
@@ -235,12 +231,10 @@ TEST_F(Rescan, RemoveDeviceWritesByKernelFamily)
         simhost::SimHostInstall use(fresh);
         fresh.setKernelRelease(c.release);
         fresh.setProcScsi(c.procScsi);
-        if (c.procIgnores) {
+        if (c.procIgnores)
             fresh.inertFiles.insert("/proc/scsi/scsi");
-        }
-        if (c.adapter) {
+        if (c.adapter)
             fresh.addAdapter(simAdapter(2, "lpfc"));
-        }
         fresh.addDevice(simDisk("sdf", 2, 0, 1, 3));
         trace.clear();
         discovery.RemoveDevice(2, 0, 1, 3);

@@ -35,14 +35,12 @@ SimDevice disk(const std::string& name, const std::string& vendor, int lun,
 std::string probe(SimHost& host, const std::string& path)
 {
     int fd = host.open(path.c_str(), O_RDWR | O_NONBLOCK);
-    if (fd < 0) {
+    if (fd < 0)
         return "errno " + std::to_string(errno);
-    }
     struct stat st;
     std::string result = "?";
-    if (host.stat(path.c_str(), &st) == 0) {
+    if (host.stat(path.c_str(), &st) == 0)
         result = std::to_string(major(st.st_rdev)) + ":" + std::to_string(minor(st.st_rdev));
-    }
     unsigned char buffer[8 + 96] = {0};
     buffer[4] = 96;  // output length
     buffer[8] = 0x12;
@@ -143,9 +141,8 @@ namespace {
 std::string listing(SimHost& host, const std::string& path)
 {
     void* dir = host.opendir(path.c_str());
-    if (!dir) {
+    if (!dir)
         return "errno " + std::to_string(errno);
-    }
     std::string names;
     while (struct dirent* entry = host.readdir(dir)) {
         names += std::string(names.empty() ? "" : " ") + entry->d_name +
@@ -160,9 +157,8 @@ std::string listing(SimHost& host, const std::string& path)
 std::string statOf(SimHost& host, const std::string& path)
 {
     struct stat st;
-    if (host.stat(path.c_str(), &st) != 0) {
+    if (host.stat(path.c_str(), &st) != 0)
         return "errno " + std::to_string(errno);
-    }
     return (S_ISDIR(st.st_mode)   ? "dir "
             : S_ISREG(st.st_mode) ? "file "
                                   : "node ") +

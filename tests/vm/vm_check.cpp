@@ -266,12 +266,11 @@ bool parseJson(const std::string& name, nlohmann::json& j)
     }
 }
 
-bool scsitoolRan()
+// The verdict on a run's exit code file `run`.rc, with its `errors` file as the detail.
+void exitVerdict(const std::string& name, const std::string& run, const std::string& errors)
 {
-    if (have("map.json"))
-        return true;
-    std::cout << "vm: SKIP: the guest ran without scsitool\n";
-    return false;
+    std::string rc = exitCode(run + ".rc");
+    verdict(name, rc == "0", "exit " + rc + " " + text(errors));
 }
 
 // ---- groups ----
@@ -328,10 +327,7 @@ void checkSg3(const std::vector<Disk>& disks)
 
 void checkMap()
 {
-    if (!scsitoolRan())
-        return;
-    verdict("map_exit", exitCode("map.rc") == "0",
-            "exit " + exitCode("map.rc") + " " + text("map.err"));
+    exitVerdict("map_exit", "map", "map.err");
     nlohmann::json map;
     if (!parseJson("map.json", map))
         return;
@@ -380,16 +376,13 @@ void checkMap()
 
 void checkPages()
 {
-    if (!scsitoolRan())
-        return;
     static const int fixed[] = {0x83, 0x80, 0xC0, 0xC8, 0x10, 0x11, 0xD0};
     std::vector<std::string> paths = mapPaths();
     for (const std::string& dev : guestDevices()) {
         std::string name = "pages_" + dev;
         nlohmann::json show;
         if (exitCode(dev + ".show.rc") != "0") {
-            verdict(name, false,
-                    "exit " + exitCode(dev + ".show.rc") + " " + text(dev + ".show.err"));
+            exitVerdict(name, dev + ".show", dev + ".show.err");
             continue;
         }
         if (!parseJson(dev + ".show.json", show))
@@ -463,12 +456,8 @@ void checkPages()
 
 void checkCapture()
 {
-    if (!scsitoolRan())
-        return;
-    verdict("capture_exit", exitCode("capture.rc") == "0",
-            "exit " + exitCode("capture.rc") + " " + text("capture.out"));
-    verdict("capture_replay_exit", exitCode("replay.rc") == "0",
-            "exit " + exitCode("replay.rc") + " " + text("replay.err"));
+    exitVerdict("capture_exit", "capture", "capture.out");
+    exitVerdict("capture_replay_exit", "replay", "replay.err");
     nlohmann::json guest, replay;
     if (!parseJson("map.json", guest) || !parseJson("replay.json", replay))
         return;
@@ -488,15 +477,11 @@ std::string stampOf(const std::string& trace, const std::string& what)
 
 void checkLock()
 {
-    if (!scsitoolRan())
-        return;
     nlohmann::json guest;
     if (!parseJson("map.json", guest))
         return;
     for (const char* run : {"lock1", "lock2"}) {
-        std::string rc = exitCode(std::string(run) + ".rc");
-        verdict(std::string(run) + "_exit", rc == "0",
-                "exit " + rc + " " + text(std::string(run) + ".err"));
+        exitVerdict(std::string(run) + "_exit", run, std::string(run) + ".err");
         nlohmann::json j;
         if (parseJson(std::string(run) + ".json", j))
             verdict(std::string(run) + "_same_map", j == guest, j.dump());
@@ -513,10 +498,7 @@ void checkLock()
 
 void checkRescan()
 {
-    if (!scsitoolRan())
-        return;
-    verdict("rescan_exit", exitCode("rescan.rc") == "0",
-            "exit " + exitCode("rescan.rc") + " " + text("rescan.err"));
+    exitVerdict("rescan_exit", "rescan", "rescan.err");
     std::string before, after = text("rescan.devices");
     for (const std::string& dev : guestDevices())
         if (dev != "mpatha")
@@ -576,6 +558,10 @@ int main(int argc, char** argv)
         std::cout << "vm: SKIP: the guest did not run (see the vm_guest test)\n";
         return skipped.rfind("77", 0) == 0 ? 77 : 1;
     }
+    if (group != "boot" && group != "sg3" && !have("map.json")) {
+        std::cout << "vm: SKIP: the guest ran without scsitool\n";
+        return 77;
+    }
     std::vector<Disk> disks = readDisks(argv[2]);
     if (group == "boot")
         checkBoot();
@@ -595,7 +581,5 @@ int main(int argc, char** argv)
         std::cerr << "vm_check: unknown group " << group << "\n";
         return 2;
     }
-    if (failures == 0 && group != "boot" && group != "sg3" && !have("map.json"))
-        return 77;
     return failures == 0 ? 0 : 1;
 }
