@@ -133,7 +133,7 @@ TEST_F(SimHostTest, InquiryIsDecodedAndCutToTheSmallerOfAllocationAndOutputLengt
     // clang-format off
     const Case cases[] = {
         {"standard, whole", 0x00, 0, 252, 480, 0, acmeInquiry()},
-        {"standard, allocation 5", 0x00, 0, 5, 480, 0, hexBytes("00 00 05 02 23")},
+        {"standard, allocation 10", 0x00, 0, 10, 480, 0, hexBytes("00 00 05 02 23 00 00 00 41 43")},
         {"standard, output 3", 0x00, 0, 252, 3, 0, hexBytes("00 00 05")},
         {"page 83 with LUN bits", 0x41, 0x83, 252, 480, 0, hexBytes("00 83 00 08 01 03 00 04 de ad be ef")},
         {"supported pages", 0x01, 0x00, 252, 480, 0, hexBytes("00 00 00 02 00 83")},
