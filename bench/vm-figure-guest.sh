@@ -67,9 +67,16 @@ while [ $n -lt "$rounds" ]; do
   figure "singleloop $(ioctl_floor --single-open)"
   rm -f /tmp/trace.log
   scsitool --trace /tmp/trace.log --trace-level 3 map >/dev/null 2>&1
-  first=$(grep -m1 'CDeviceDiscoveryBase::rescan()' /tmp/trace.log | cut -d' ' -f2)
-  last=$(grep -m1 'Printing m_deviceMap' /tmp/trace.log | cut -d' ' -f2)
-  figure "enumeration from $first to $last"
+  # The phases, by the first trace line of each: the multipath scan and its opens, the first
+  # look at every disk, the queries (starting with /dev/mapper/control, which fails), the
+  # multipathd check, and the UDIDs and the map.
+  stamps=""
+  for marker in 'CDeviceDiscoveryBase::rescan()' 'INFO: reading /proc/partitions' \
+    'Remove disk /dev/mapper/control' 'FlushMultipathStaleDevices - calling command' \
+    'Releasing the lock' 'Printing m_deviceMap'; do
+    stamps="$stamps $(grep -m1 "$marker" /tmp/trace.log | cut -d' ' -f2)"
+  done
+  figure "phases$stamps"
   n=$((n + 1))
 done
 # The pieces of the map that are not ioctls: the multipathd check it runs through the shell,

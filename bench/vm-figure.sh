@@ -74,7 +74,11 @@ awk '
     next
   }
   $(NF - 1) == "loop_us" { loop[$1] = loop[$1] " " $NF / 1000; next }
-  $1 == "enumeration" { enumeration = enumeration " " (ms($5) - ms($3)); next }
+  $1 == "phases" && NF == 7 {
+    for (i = 3; i <= 7; i++) phase[i - 2] = phase[i - 2] " " (ms($i) - ms($(i - 1)))
+    enumeration = enumeration " " (ms($7) - ms($2))
+    next
+  }
   { print }
   END {
     print "whole processes (median wall / cpu, ms):"
@@ -82,7 +86,9 @@ awk '
     print "inside the processes (median wall, ms):"
     for (k in loop) printf "  %-10s %8.1f\n", k, median(loop[k])
     e = median(enumeration)
-    printf "  %-10s %8.1f (from the map'"'"'s trace, millisecond stamps)\n", "enumeration", e
+    printf "  %-10s %8.1f (from the map'"'"'s trace, millisecond stamps), of which:\n", "enumeration", e
+    split("multipath-scan first-looks queries multipathd-check udids-and-map", names, " ")
+    for (i = 1; i <= 5; i++) printf "    %-16s %8.1f\n", names[i], median(phase[i])
     printf "ratio map/floor, whole processes: %.2f\n", median(wall["map"]) / median(wall["floor"])
     printf "ratio enumeration/floor loop: %.2f\n", e / median(loop["loop"])
     printf "ratio enumeration/floor loop with the configuration probe: %.2f\n", e / median(loop["configloop"])
