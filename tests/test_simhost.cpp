@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <scsi/sg.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -16,9 +18,7 @@
 
 #include "device_discovery.h"
 #include "device_scsi_data.h"
-#include "device_udid_generator.h"
 #include "page_builders.h"
-#include "scsitool.h"
 #include "sim_disks.h"
 #include "simhost.h"
 
@@ -90,18 +90,25 @@ bool writeFile(SimHost& host, const char* path, const char* data)
     return true;
 }
 
-std::vector<std::string> listing(SimHost& host, const char* path)
+// The names in a directory, blank-separated, directories marked "/" and block nodes "#"; or
+// "errno N" when it does not open.
+std::string listing(SimHost& host, const std::string& path)
 {
-    std::vector<std::string> names;
-    void* dir = host.opendir(path);
-    if (!dir) {
-        return {"<missing>"};
+    void* dir = host.opendir(path.c_str());
+    if (!dir)
+        return "errno " + std::to_string(errno);
+    std::string names;
+    while (struct dirent* entry = host.readdir(dir)) {
+        names += std::string(names.empty() ? "" : " ") + entry->d_name +
+                 (entry->d_type == DT_DIR   ? "/"
+                  : entry->d_type == DT_BLK ? "#"
+                                            : "");
     }
-    while (struct dirent* entry = host.readdir(dir))
-        names.push_back(entry->d_name);
     host.closedir(dir);
     return names;
 }
+
+const std::string kNoEntry = "errno " + std::to_string(ENOENT);
 
 class SimHostTest : public ::testing::Test {
 protected:
@@ -254,8 +261,7 @@ TEST_F(SimHostTest, PseudoDevicesAnswerLikeTheDeviceTheyFront)
 {
     host.addMultipathMap("mpatha", "sdc");
     host.addPowerPathDevice("emcpowera", "sdb");
-    EXPECT_EQ((std::vector<std::string>{".", "..", "control", "mpatha"}),
-              listing(host, "/dev/mapper/"));
+    EXPECT_EQ("./ ../ control mpatha#", listing(host, "/dev/mapper/"));
     for (const char* node : {"/dev/mapper/mpatha", "/dev/emcpowera"}) {
         int fd = host.open(node, O_RDWR);
         Command command(0, 0, 252);
@@ -339,15 +345,12 @@ TEST_F(SimHostTest, ControlFilesExistOnlyWhereTheKernelHasThem)
 
 TEST_F(SimHostTest, DirectoriesListDotEntriesFirst)
 {
-    EXPECT_EQ((std::vector<std::string>{".", "..", "host3", "host4"}),
-              listing(host, "/sys/class/scsi_host"));
-    EXPECT_EQ((std::vector<std::string>{".", "..", "host3"}), listing(host, "/sys/class/fc_host/"));
-    EXPECT_EQ((std::vector<std::string>{".", "..", "3:0:0:0", "3:0:0:2", "3:0:2:0"}),
-              listing(host, "/sys/class/scsi_device"));
-    EXPECT_EQ((std::vector<std::string>{".", "..", "qla2xxx", "scsi"}),
-              listing(host, "/proc/scsi"));
+    EXPECT_EQ("./ ../ host3/ host4/", listing(host, "/sys/class/scsi_host"));
+    EXPECT_EQ("./ ../ host3/", listing(host, "/sys/class/fc_host/"));
+    EXPECT_EQ("./ ../ 3:0:0:0/ 3:0:0:2/ 3:0:2:0/", listing(host, "/sys/class/scsi_device"));
+    EXPECT_EQ("./ ../ qla2xxx/ scsi", listing(host, "/proc/scsi"));
     EXPECT_EQ("0x21000024ff2c3d4e\n", text(host, "/sys/class/fc_host/host3/port_name"));
-    EXPECT_EQ(std::vector<std::string>{"<missing>"}, listing(host, "/dev/mapper"));
+    EXPECT_EQ(kNoEntry, listing(host, "/dev/mapper"));
 }
 
 TEST_F(SimHostTest, CommandsAreScriptedOrNotFoundAndEverythingIsRecorded)
@@ -423,8 +426,7 @@ TEST_F(SimHostTest, NodesDirectoriesAndProgramsStatLikeTheirKind)
     host.setDeviceMapper(true);
     ASSERT_EQ(0, host.stat("/dev/mapper/control", &st));
     EXPECT_TRUE(S_ISCHR(st.st_mode));
-    EXPECT_EQ((std::vector<std::string>{".", "..", "emcpowera", "mapper", "sdb", "sdc", "sdf"}),
-              listing(host, "/dev"));
+    EXPECT_EQ("./ ../ emcpowera# mapper/ sdb# sdc# sdf#", listing(host, "/dev"));
 }
 
 TEST_F(SimHostTest, EchoIntoAMissingControlFileFailsLikeTheShell)
@@ -457,9 +459,8 @@ TEST(SimHostKernel24, OldKernelFormatsAndNoSysfs)
         << scsi;
     EXPECT_NE(std::string::npos,
               text(*host, "/proc/partitions").find("   8     0   35843670 sda\n"));
-    EXPECT_EQ(std::vector<std::string>{"<missing>"}, listing(*host, "/sys/class/scsi_host"));
-    EXPECT_EQ((std::vector<std::string>{".", "..", "aic7xxx", "lpfc", "qla2300", "scsi"}),
-              listing(*host, "/proc/scsi"));
+    EXPECT_EQ(kNoEntry, listing(*host, "/sys/class/scsi_host"));
+    EXPECT_EQ("./ ../ aic7xxx/ lpfc/ qla2300/ scsi", listing(*host, "/proc/scsi"));
     // The probe's add-single-device finds the latent LUN behind the Emulex adapter.
     ASSERT_EQ(std::string::npos, scsi.find("Host: scsi3 Channel: 00 Id: 00 Lun: 01"));
     ASSERT_TRUE(writeFile(*host, "/proc/scsi/scsi", "scsi add-single-device 3 0 0 1\n"));
@@ -624,6 +625,166 @@ TEST(SimHostSnapshot, BadSnapshotsAreRejectedWithOneMessage)
     EXPECT_EQ("cannot read /nonexistent/host.json: No such file or directory", error);
     EXPECT_EQ(nullptr, SimHost::fromFile(kHosts, error));
     EXPECT_EQ("cannot read " + kHosts + ": Is a directory", error);
+}
+
+// ---- device nodes looked up by name, and changes made through held references
+
+SimDevice labelledDisk(const std::string& name, const std::string& vendor, int lun,
+                       DeviceState state = DeviceState::Running)
+{
+    SimDevice device = simDisk(name, 2, 0, 0, lun, state);
+    device.inquiry = inquiryPage(vendor, "", 36);
+    return device;
+}
+
+// What opening `path` gives: "errno N", or "major:minor vendor" with the vendor that the
+// standard INQUIRY on the node returns ("-" when the command fails).
+std::string probe(SimHost& host, const std::string& path)
+{
+    int fd = host.open(path.c_str(), O_RDWR | O_NONBLOCK);
+    if (fd < 0)
+        return "errno " + std::to_string(errno);
+    struct stat st;
+    std::string result = "?";
+    if (host.stat(path.c_str(), &st) == 0)
+        result = std::to_string(major(st.st_rdev)) + ":" + std::to_string(minor(st.st_rdev));
+    unsigned char buffer[8 + 96] = {0};
+    buffer[4] = 96;  // output length
+    buffer[8] = 0x12;
+    buffer[12] = 96;
+    if (host.ioctl(fd, 1, buffer) == 0) {
+        result += " " + std::string(reinterpret_cast<char*>(buffer) + 16, 8);
+    } else {
+        result += " -";
+    }
+    host.close(fd);
+    return result;
+}
+
+struct Case {
+    std::string path;
+    std::string expected;
+};
+
+void expectProbes(SimHost& host, const std::vector<Case>& cases)
+{
+    for (const Case& c : cases) {
+        EXPECT_EQ(c.expected, probe(host, c.path)) << c.path;
+    }
+}
+
+class SimHostNodes : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        SimDevice sda = labelledDisk("sda", "ALPHA", 0);
+        sda.partitions.push_back("sda1");
+        host.addDevice(sda);
+        host.addDevice(labelledDisk("sdb", "BRAVO", 1, DeviceState::Gone));
+        host.addDevice(labelledDisk("sdc", "CHARLIE", 2, DeviceState::Latent));
+        host.addDevice(labelledDisk("sdaa", "DELTA", 3));
+        host.addPowerPathDevice("emcpowera", "sdaa");
+        host.addMultipathMap("mpatha", "sda");
+        host.addMultipathMap("mpathb");
+    }
+    SimHost host;
+};
+
+TEST_F(SimHostNodes, EachNodeIsItsDeviceOrWhatItFronts)
+{
+    expectProbes(host, {
+                           {"/dev/sda", "8:0 ALPHA   "},
+                           {"/dev/sda1", "8:1 ALPHA   "},
+                           {"/dev//sda", "8:0 ALPHA   "},
+                           {"/dev/sdb", "errno " + std::to_string(ENXIO)},
+                           {"/dev/sdc", kNoEntry},
+                           {"/dev/sdaa", "65:160 DELTA   "},
+                           {"/dev/emcpowera", "120:0 DELTA   "},
+                           {"/dev/mapper/mpatha", "253:0 ALPHA   "},
+                           {"/dev/mapper/mpathb", "253:1 -"},
+                           {"/dev/mapper/control", "10:236 -"},
+                           {"/dev/mapper/.", kNoEntry},
+                           {"/dev/sdz", kNoEntry},
+                           {"/dev/mapper", "errno " + std::to_string(EISDIR)},
+                       });
+}
+
+TEST_F(SimHostNodes, ChangesThroughHeldReferencesAreSeenAfterEarlierLookups)
+{
+    probe(host, "/dev/sda");
+    SimDevice* sda = host.findDevice("sda");
+    ASSERT_NE(nullptr, sda);
+    sda->name = "sdq";
+    sda->partitions.assign(1, "sdq2");
+    host.findDevice("sdc")->state = DeviceState::Running;
+    host.findDevice("sdaa")->state = DeviceState::Gone;
+    expectProbes(host, {
+                           {"/dev/sda", kNoEntry},
+                           {"/dev/sda1", kNoEntry},
+                           {"/dev/sdq", "65:0 ALPHA   "},
+                           {"/dev/sdq2", "65:2 ALPHA   "},
+                           {"/dev/sdc", "8:32 CHARLIE "},
+                           {"/dev/sdaa", "errno " + std::to_string(ENXIO)},
+                           // The map still names sda, which no device is called any more.
+                           {"/dev/mapper/mpatha", "253:0 -"},
+                       });
+    host.addDevice(labelledDisk("sda", "ECHO", 4));
+    expectProbes(host, {{"/dev/sda", "8:0 ECHO    "}, {"/dev/mapper/mpatha", "253:0 ECHO    "}});
+}
+
+// A name the kernel gave again: the node is the listed device's, and commands reach the first
+// device of that name, as the walks over the devices have it.
+TEST_F(SimHostNodes, ReusedNamesKeepTheFirstDevicesAnswers)
+{
+    host.findDevice("sdb")->state = DeviceState::Removed;
+    host.addDevice(labelledDisk("sdb", "FOXTROT", 5));
+    expectProbes(host, {{"/dev/sdb", "8:16 -"}, {"/dev/sda", "8:0 ALPHA   "}});
+}
+
+std::string statOf(SimHost& host, const std::string& path)
+{
+    struct stat st;
+    if (host.stat(path.c_str(), &st) != 0)
+        return "errno " + std::to_string(errno);
+    return (S_ISDIR(st.st_mode)   ? "dir "
+            : S_ISREG(st.st_mode) ? "file "
+                                  : "node ") +
+           std::to_string(st.st_size);
+}
+
+TEST_F(SimHostNodes, ListingsAndStatsSeeTheWholeTree)
+{
+    host.addFile("/etc/iscsi/initiatorname.iscsi", "InitiatorName=iqn.x\n");
+    host.addExecutable("/sbin/multipath");
+    const std::vector<Case> listings = {
+        {"/", "./ ../ dev/ etc/ proc/ sbin/ sys/"},
+        {"/dev", "./ ../ emcpowera# mapper/ sda# sda1# sdaa# sdb#"},
+        {"/dev/", "./ ../ emcpowera# mapper/ sda# sda1# sdaa# sdb#"},
+        {"/dev/mapper", "./ ../ control mpatha# mpathb#"},
+        {"/sys/class/scsi_device", "./ ../ 2:0:0:0/ 2:0:0:1/ 2:0:0:3/"},
+        {"/proc", "./ ../ partitions scsi/"},
+        {"/dev/sda", "errno " + std::to_string(ENOTDIR)},
+        {"/dev/mapper/.", kNoEntry},
+    };
+    for (const Case& c : listings) {
+        EXPECT_EQ(c.expected, listing(host, c.path)) << c.path;
+    }
+    std::string partitions;
+    ASSERT_TRUE(host.fileText("/proc/partitions", partitions));
+    const std::vector<Case> stats = {
+        {"/", "dir 0"},
+        {"/dev/mapper", "dir 0"},
+        {"/sys/class/scsi_device/2:0:0:1/device", "dir 0"},
+        {"/sys/class/scsi_device/2:0:0:1/device/delete", "file 0"},
+        {"/etc/iscsi/initiatorname.iscsi", "file 20"},
+        {"/proc/partitions", "file " + std::to_string(partitions.size())},
+        {"/sbin/multipath", "file 0"},
+        {"/dev/sdaa", "node 0"},
+        {"/sys/class/scsi_device/2:0:0:2", kNoEntry},
+    };
+    for (const Case& c : stats) {
+        EXPECT_EQ(c.expected, statOf(host, c.path)) << c.path;
+    }
 }
 
 }  // namespace
