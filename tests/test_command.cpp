@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "temp_dir.h"
+
 namespace {
 
 const std::string kBinary = std::string(SCSITOOL_BINARY_DIR) + "/tools/scsitool/scsitool";
@@ -26,34 +28,6 @@ struct Result {
     int status = -1;
     std::string out;
     std::string err;
-};
-
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-void writeFile(const std::string& path, const std::string& text)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-}
-
-class TempDir {
-public:
-    TempDir()
-    {
-        char pattern[] = "/tmp/scsitool-test-XXXXXX";
-        m_path = mkdtemp(pattern);
-    }
-    ~TempDir() { std::system(("rm -rf '" + m_path + "'").c_str()); }
-    std::string file(const std::string& name) const { return m_path + "/" + name; }
-
-private:
-    std::string m_path;
 };
 
 // Runs the command with `args`; stdout and stderr are kept apart, stdin is empty.

@@ -9,6 +9,7 @@
 
 #include "device_scsi_data.h"
 #include "stringtool.h"
+#include "temp_dir.h"
 
 TEST(ModePage, CopiesAreIndependentAndStoringReplaces)
 {
@@ -84,22 +85,17 @@ TEST(StringTool, TextHelpers)
 
 TEST(ReadDir, ListsMatchingEntriesAsFullPaths)
 {
-    char dir[] = "/tmp/readdirXXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    std::string base = std::string(dir) + "/";
+    TempDir temp;
+    const std::string dir = temp.path(), base = dir + "/";
     for (const char* name : {"x1", "x2", "y1"})
-        std::ofstream(base + name) << "";
+        writeFile(base + name, "");
     std::vector<std::string> found = readDir(base, "x");
     std::sort(found.begin(), found.end());
     EXPECT_EQ(found, (std::vector<std::string>{base + "x1", base + "x2"}));
     std::vector<std::string> all = readDir(base, "");
     EXPECT_EQ(all.size(), 5u);  // "." and ".." match the empty pattern
     EXPECT_NE(std::find(all.begin(), all.end(), base + "."), all.end());
-    EXPECT_EQ(readDir(dir, "x1"),
-              std::vector<std::string>{std::string(dir) + "x1"});  // joined as given
-    for (const char* name : {"x1", "x2", "y1"})
-        unlink((base + name).c_str());
-    rmdir(dir);
+    EXPECT_EQ(readDir(dir, "x1"), std::vector<std::string>{dir + "x1"});  // joined as given
     testing::internal::CaptureStdout();
     EXPECT_TRUE(readDir("/nonexistent-dir/", "").empty());
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
