@@ -4,6 +4,7 @@
 // passed, 1 when one failed and 77 when the guest could not run on this machine.
 //
 // Usage: vm_check WORK DISKS_CONF GROUP   (GROUP: boot, sg3, map, pages, capture, lock, rescan)
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <fstream>
@@ -191,17 +192,12 @@ std::vector<std::string> mapPaths()
 // What the UDID of a device must be, worked out from the raw answers the guest's sg3-utils read.
 // Only the families the guest's disks are built for are known here. The Clariion disk has no
 // page 0xC0, so its array serial comes from page 0x80.
-std::vector<std::string> expectedUdids(const std::string& dev, const std::string& host)
+std::string expectedUdid(const std::string& dev, const std::string& host)
 {
     Bytes inq = kept(bytes(dev + ".inquiry"), true);
     std::string vendor = field(inq, 8, 8), product = field(inq, 16, 16);
     std::vector<int> sup = supportedPages(dev);
-    auto listed = [&](int c) {
-        for (int s : sup)
-            if (s == c)
-                return true;
-        return false;
-    };
+    auto listed = [&](int c) { return std::find(sup.begin(), sup.end(), c) != sup.end(); };
     Bytes p80 = listed(0x80) ? page(dev, 0x80) : Bytes(),
           p83 = listed(0x83) ? page(dev, 0x83) : Bytes();
 
@@ -226,32 +222,16 @@ std::vector<std::string> expectedUdids(const std::string& dev, const std::string
 
     if (vendor == "3PARdata" && product == "VV" && p80.size() > 11 && p83.size() >= 16) {
         std::string serial = field(p80, 4, 8);
-        return {upper("UDID##HP##3PAR##" + serial + "##" + hex(p83, 8, 8, true))};
+        return upper("UDID##HP##3PAR##" + serial + "##" + hex(p83, 8, 8, true));
     }
     if (vendor == "DGC" && product.find("RAID") != std::string::npos && p83.size() > 22 &&
         p80.size() > 4 && p80[3] + 4u <= p80.size()) {
         std::string serial = field(p80, 4, 14);
         std::string wwn = hex(p83, 8, 16, false, ":");
         wwn.pop_back();
-        return {upper("UDID##DGC##CLARIION##" + serial + "##" + wwn)};
+        return upper("UDID##DGC##CLARIION##" + serial + "##" + wwn);
     }
-    return {def};
-}
-
-bool contains(const std::vector<std::string>& v, const std::string& s)
-{
-    for (const std::string& x : v)
-        if (x == s)
-            return true;
-    return false;
-}
-
-std::string join(const std::vector<std::string>& v)
-{
-    std::string s;
-    for (const std::string& x : v)
-        s += (s.empty() ? "" : " or ") + x;
-    return s;
+    return def;
 }
 
 bool parseJson(const std::string& name, nlohmann::json& j)
@@ -346,12 +326,11 @@ void checkMap()
         }
         const nlohmann::json& e = it->second;
         int level = dev == "mpatha" ? 16 : 2;
-        std::vector<std::string> udids = expectedUdids(dev, "vmguest");
-        std::string uid = e.value("Uid", "");
-        bool ok = e.value("dmpClaimLevel", -1) == level && contains(udids, uid) &&
+        std::string udid = expectedUdid(dev, "vmguest");
+        bool ok = e.value("dmpClaimLevel", -1) == level && e.value("Uid", "") == udid &&
                   e.value("NativePath", nlohmann::json::array()) == nlohmann::json::array();
         verdict("map_" + dev, ok,
-                e.dump() + " expected level " + std::to_string(level) + " and " + join(udids));
+                e.dump() + " expected level " + std::to_string(level) + " and " + udid);
     }
     // The map's pseudo-device is the same logical unit as each of its paths.
     std::vector<std::string> paths = mapPaths();
