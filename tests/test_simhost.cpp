@@ -179,8 +179,13 @@ TEST_F(SimHostTest, InquiryIsDecodedAndCutToTheSmallerOfAllocationAndOutputLengt
     host.close(fd);
 }
 
-TEST_F(SimHostTest, UnresponsiveDeviceOpensAndFailsEveryCommand)
+TEST_F(SimHostTest, IdLunPacksTheAddressAndAnUnresponsiveDeviceFailsEveryCommand)
 {
+    host.addDevice(disk("sdx", 3, 2, 5, 1));
+    uint32_t idlun[2] = {0, 0};
+    ASSERT_EQ(0, host.ioctl(host.open("/dev/sdx", O_RDWR), 0x5382, idlun));
+    EXPECT_EQ(0x03020105u, idlun[0]);
+
     int fd = host.open("/dev/sdf", O_RDWR);
     ASSERT_GE(fd, 0);
     Command command(0, 0, 252);
@@ -188,7 +193,6 @@ TEST_F(SimHostTest, UnresponsiveDeviceOpensAndFailsEveryCommand)
     EXPECT_EQ(-1, host.ioctl(fd, 1, command.buffer));
     EXPECT_EQ(EIO, errno);
     EXPECT_EQ(0xaa, command.buffer[8 + 6]);
-    uint32_t idlun[2];
     EXPECT_EQ(-1, host.ioctl(fd, 0x5382, idlun));
 }
 
