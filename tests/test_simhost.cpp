@@ -222,10 +222,8 @@ TEST_F(SimHostTest, SgIoAnswersTheVendorCommandWithinTheCallersBuffer)
     sdb->vendorCommand = Bytes(64, 0x5a);
     int fd = host.open("/dev/sdb", O_RDONLY | O_NONBLOCK);
     unsigned char cdb[10] = {0xC0, 0, 0, 0x0A, 0x98, 0x0A, 0x22, 0x10, 0, 0};
-    unsigned char data[48];
-    memset(data, 0, sizeof data);
-    sg_io_hdr_t header;
-    memset(&header, 0, sizeof header);
+    unsigned char data[48] = {0};
+    sg_io_hdr_t header{};
     header.interface_id = 'S';
     header.dxfer_direction = SG_DXFER_FROM_DEV;
     header.cmd_len = 10;
