@@ -133,7 +133,15 @@ int SimHost::open(const char* path, int flags)
     // multipath map or a PowerPath pseudo-device fronts.
     std::string name = node.substr(node.rfind('/') + 1);
     std::string device;
-    if (node.compare(0, 12, "/dev/mapper/") == 0) {
+    if (state.indexedAnswerer(node, device)) {
+        if (node.compare(0, 12, "/dev/mapper/") != 0) {
+            const SimDevice* disk = state.find(device);
+            if (disk && disk->name == name && disk->state == DeviceState::Gone) {
+                errno = ENXIO;  // the node is still there, the device behind it is not
+                return -1;
+            }
+        }
+    } else if (node.compare(0, 12, "/dev/mapper/") == 0) {
         for (const SimPseudoDevice& map : state.maps) {
             if (map.name == name) {
                 device = map.device;

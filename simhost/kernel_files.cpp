@@ -216,34 +216,40 @@ std::string SimHost::State::procPartitionsText() const
     return text;
 }
 
+SimNode SimHost::State::deviceNode(SimNode::Kind kind, unsigned int major, unsigned int minor)
+{
+    SimNode result;
+    result.kind = kind;
+    result.major = major;
+    result.minor = minor;
+    result.writable = true;
+    return result;
+}
+
+SimNode SimHost::State::diskNode(const SimDevice& disk, const std::string* partition)
+{
+    // Names outside the sd scheme get numbers 0, 0 for the disk and its partitions alike.
+    int index = sdIndex(disk.name);
+    unsigned int major = 0, minor = 0;
+    if (index >= 0) {
+        sdNumbers(index, partition ? partitionNumber(*partition) : 0, major, minor);
+    }
+    return deviceNode(SimNode::BlockDevice, major, minor);
+}
+
 bool SimHost::State::forEachDeviceNode(
     const std::function<bool(const std::string&, const SimNode&)>& visit) const
 {
-    auto node = [](SimNode::Kind kind, unsigned int major, unsigned int minor) {
-        SimNode result;
-        result.kind = kind;
-        result.major = major;
-        result.minor = minor;
-        result.writable = true;
-        return result;
-    };
+    auto node = deviceNode;
     for (const SimDevice& disk : devices) {
         if (!listed(disk)) {
             continue;
         }
-        int index = sdIndex(disk.name);
-        unsigned int major = 0, minor = 0;
-        if (index >= 0) {
-            sdNumbers(index, 0, major, minor);
-        }
-        if (visit("/dev/" + disk.name, node(SimNode::BlockDevice, major, minor))) {
+        if (visit("/dev/" + disk.name, diskNode(disk, nullptr))) {
             return true;
         }
         for (const std::string& partition : disk.partitions) {
-            if (index >= 0) {
-                sdNumbers(index, partitionNumber(partition), major, minor);
-            }
-            if (visit("/dev/" + partition, node(SimNode::BlockDevice, major, minor))) {
+            if (visit("/dev/" + partition, diskNode(disk, &partition))) {
                 return true;
             }
         }
@@ -277,6 +283,9 @@ bool SimHost::State::lookup(const std::string& path, SimNode& found) const
         found.writable = path != "/proc/partitions";
         return true;
     }
+    if (path.compare(0, 5, "/dev/") == 0 && indexedDeviceNode(path, found)) {
+        return true;
+    }
     if (path.compare(0, 5, "/dev/") == 0 &&
         forEachDeviceNode([&](const std::string& nodePath, const SimNode& node) {
             if (nodePath != path) {
@@ -287,7 +296,9 @@ bool SimHost::State::lookup(const std::string& path, SimNode& found) const
         })) {
         return true;
     }
-    SimTree whole = tree();
+    // Both kernel files whose text the tree would generate were answered above; the path and
+    // what lies below it (which makes it a directory) are all that is looked at.
+    SimTree whole = tree(false, path);
     auto entry = whole.find(path);
     if (entry == whole.end()) {
         return false;
@@ -296,11 +307,26 @@ bool SimHost::State::lookup(const std::string& path, SimNode& found) const
     return true;
 }
 
-SimTree SimHost::State::tree() const
+SimTree SimHost::State::tree(bool kernelText, const std::string& subtree) const
 {
     SimTree tree;
+    const std::string under = subtree == "/" ? std::string() : subtree;  // "/" holds everything
+    // Whether `path` is `under` or below it, and whether a part of the tree rooted at `section`
+    // can hold such paths.
+    auto wanted = [&](const std::string& path) {
+        return under.empty() || (path.compare(0, under.size(), under) == 0 &&
+                                 (path.size() == under.size() || path[under.size()] == '/'));
+    };
+    auto overlaps = [&](const std::string& section) {
+        return wanted(section) || (under.compare(0, section.size(), section) == 0 &&
+                                   under.size() > section.size() && under[section.size()] == '/');
+    };
+    SimNode unwanted;
     auto file = [&](const std::string& path, const std::string& content, bool readable,
                     bool writable) -> SimNode& {
+        if (!wanted(path)) {
+            return unwanted;
+        }
         SimNode& node = tree[path];
         node.kind = SimNode::File;
         node.content = content;
@@ -308,13 +334,20 @@ SimTree SimHost::State::tree() const
         node.writable = writable;
         return node;
     };
-    auto directory = [&](const std::string& path) { tree[path].kind = SimNode::Directory; };
+    auto directory = [&](const std::string& path) {
+        if (wanted(path)) {
+            tree[path].kind = SimNode::Directory;
+        }
+    };
 
     // Snapshot files and executables first: the kernel's own files take precedence.
     for (const auto& entry : files) {
         file(entry.first, entry.second, true, true);
     }
     for (const std::string& path : executables) {
+        if (!wanted(path)) {
+            continue;
+        }
         if (!tree.count(path)) {
             file(path, "", true, false);
         }
@@ -323,10 +356,12 @@ SimTree SimHost::State::tree() const
 
     directory("/dev");
     directory("/proc");
-    if (procScsi) {
-        file("/proc/scsi/scsi", procScsiText(), true, true);
+    if (procScsi && wanted("/proc/scsi/scsi")) {
+        file("/proc/scsi/scsi", kernelText ? procScsiText() : std::string(), true, true);
     }
-    file("/proc/partitions", procPartitionsText(), true, false);
+    if (wanted("/proc/partitions")) {
+        file("/proc/partitions", kernelText ? procPartitionsText() : std::string(), true, false);
+    }
 
     // sysfs came with 2.6; a 2.4 kernel has none of it.
     const bool sysfs = !isRelease24(release);
@@ -360,7 +395,7 @@ SimTree SimHost::State::tree() const
     }
 
     for (const SimDevice& disk : devices) {
-        if (!listed(disk)) {
+        if (!listed(disk) || !overlaps("/sys/class/scsi_device")) {
             continue;
         }
         if (sysfs) {
@@ -371,10 +406,14 @@ SimTree SimHost::State::tree() const
                  true);
         }
     }
-    forEachDeviceNode([&](const std::string& path, const SimNode& node) {
-        tree[path] = node;
-        return false;
-    });
+    if (overlaps("/dev")) {
+        forEachDeviceNode([&](const std::string& path, const SimNode& node) {
+            if (wanted(path)) {
+                tree[path] = node;
+            }
+            return false;
+        });
+    }
 
     // Every parent of an entry is a directory.
     std::vector<std::string> parents;
@@ -558,7 +597,8 @@ void* SimHost::opendir(const char* path)
         return nullptr;
     }
     const std::string directory = normalizePath(path);
-    SimTree tree = m_state->tree();
+    // Names and kinds of the directory's own entries are all a listing shows.
+    SimTree tree = m_state->tree(false, directory);
     auto found = tree.find(directory);
     if (found == tree.end()) {
         errno = ENOENT;

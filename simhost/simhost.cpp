@@ -160,6 +160,9 @@ FILE* openControlStream(std::function<void(const std::string&)> onClose, bool ap
 
 SimDevice* SimHost::State::find(const std::string& name)
 {
+    if (const SimDevice* indexed = indexedDisk(name)) {
+        return const_cast<SimDevice*>(indexed);
+    }
     for (SimDevice& device : devices) {
         if (device.name == name) {
             return &device;

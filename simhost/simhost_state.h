@@ -7,6 +7,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "simhost.h"
@@ -71,8 +72,45 @@ struct SimHost::State {
     const SimDevice* find(const std::string& name) const;
     static bool listed(const SimDevice& device);  // the kernel knows it
 
+    // The names under /dev and /dev/mapper by position (node_index.cpp), so that opening a node
+    // and answering on it cost the same on a host of 4096 disks as on one of 4. Every hit is
+    // checked against the model, which callers may change through the references addDevice and
+    // findDevice hand out; a stale entry or a miss is answered by the walks over the model, and
+    // the index is rebuilt when the model grew or an entry went stale. It serves only while all
+    // the names are unique (a snapshot requires it); with a duplicate the walks answer alone.
+    struct NodeIndex {
+        enum Kind { Disk, Partition, PowerPath };
+        struct Entry {
+            Kind kind;
+            size_t position;  // in devices (Disk, Partition: the disk's) or in powerpath
+        };
+        bool built = false;
+        bool unique = true;
+        size_t devices = 0;
+        size_t maps = 0;
+        size_t powerpath = 0;
+        std::unordered_map<std::string, Entry> names;  // disks, partitions, PowerPath devices
+        std::unordered_map<std::string, size_t> mapNames;
+    };
+    mutable NodeIndex index;
+    // The index, rebuilt first when the model has grown; nullptr while names are not unique.
+    const NodeIndex* currentIndex() const;
+    // The indexed disk called `name`, checked; nullptr when the index cannot tell.
+    const SimDevice* indexedDisk(const std::string& name) const;
+    // The node at `path` when the index knows it for sure; false when it cannot tell.
+    bool indexedDeviceNode(const std::string& path, SimNode& node) const;
+    // The name of the device that answers on the node at `path` (see SimHost::open); false when
+    // the index cannot tell.
+    bool indexedAnswerer(const std::string& path, std::string& device) const;
+    // The node of `disk`, or of its partition `partition` when that is not null.
+    static SimNode diskNode(const SimDevice& disk, const std::string* partition);
+    static SimNode deviceNode(SimNode::Kind kind, unsigned int major, unsigned int minor);
+
     // The file tree (kernel_files.cpp).
-    SimTree tree() const;
+    // With `kernelText` false the generated /proc/scsi/scsi and /proc/partitions are listed
+    // without their text, for callers that want names and kinds only. A non-empty `under`
+    // keeps only that path and what lies below it (and the directories above those).
+    SimTree tree(bool kernelText = true, const std::string& under = std::string()) const;
     bool lookup(const std::string& normalPath, SimNode& node) const;  // false: no such path
     // Visits the nodes under /dev until `visit` returns true; true when it did.
     bool forEachDeviceNode(

@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "temp_dir.h"
+
 namespace {
 
 const std::string kBinary = std::string(SCSITOOL_BINARY_DIR) + "/tools/scsitool/scsitool";
@@ -28,70 +30,24 @@ struct Result {
     std::string err;
 };
 
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-void writeFile(const std::string& path, const std::string& text)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-}
-
-class TempDir {
-public:
-    TempDir()
-    {
-        char pattern[] = "/tmp/scsitool-test-XXXXXX";
-        m_path = mkdtemp(pattern);
-    }
-    ~TempDir() { std::system(("rm -rf '" + m_path + "'").c_str()); }
-    std::string file(const std::string& name) const { return m_path + "/" + name; }
-
-private:
-    std::string m_path;
-};
-
 // Runs the command with `args`; stdout and stderr are kept apart, stdin is empty.
 Result run(const std::vector<std::string>& args)
 {
     TempDir dir;
-    const std::string outPath = dir.file("out"), errPath = dir.file("err");
-    pid_t pid = fork();
-    if (pid == 0) {
-        int in = open("/dev/null", O_RDONLY);
-        int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(err, 2);
-        std::vector<char*> argv{const_cast<char*>(kBinary.c_str())};
-        for (const std::string& arg : args) {
-            argv.push_back(const_cast<char*>(arg.c_str()));
-        }
-        argv.push_back(nullptr);
-        execv(kBinary.c_str(), argv.data());
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    Result result;
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    result.out = readFile(outPath);
-    result.err = readFile(errPath);
-    return result;
+    std::string command = "'" + kBinary + "'";
+    for (const std::string& arg : args)
+        command += " '" + arg + "'";
+    command += " </dev/null >" + dir.file("out") + " 2>" + dir.file("err");
+    const int status = std::system(command.c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+            readFile(dir.file("out")), readFile(dir.file("err"))};
 }
 
 std::string describe(const std::vector<std::string>& args)
 {
     std::string text = "scsitool";
-    for (const std::string& arg : args) {
+    for (const std::string& arg : args)
         text += " " + arg;
-    }
     return text;
 }
 
@@ -102,9 +58,8 @@ std::vector<std::string> exampleHosts()
     if (DIR* dir = opendir(kExamples.c_str())) {
         while (struct dirent* entry = readdir(dir)) {
             std::string name = entry->d_name;
-            if (name.size() > 5 && name.compare(name.size() - 5, 5, ".json") == 0) {
+            if (name.size() > 5 && name.compare(name.size() - 5, 5, ".json") == 0)
                 names.push_back(name.substr(0, name.size() - 5));
-            }
         }
         closedir(dir);
     }
@@ -122,20 +77,13 @@ void expectGolden(const std::string& name, const std::string& actual)
         return;
     }
     const std::string expected = readFile(path);
-    if (expected == actual) {
+    if (expected == actual)
         return;
-    }
     TempDir dir;
     writeFile(dir.file("actual"), actual);
-    std::string diff;
-    if (FILE* pipe = popen(("diff -u '" + path + "' '" + dir.file("actual") + "'").c_str(), "r")) {
-        char buffer[4096];
-        size_t count;
-        while ((count = fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-            diff.append(buffer, count);
-        }
-        pclose(pipe);
-    }
+    std::system(
+        ("diff -u '" + path + "' '" + dir.file("actual") + "' >" + dir.file("diff")).c_str());
+    const std::string diff = readFile(dir.file("diff"));
     ADD_FAILURE() << name << " differs from its golden file:\n" << diff;
 }
 
@@ -148,9 +96,8 @@ TEST(CommandGolden, MapOfEveryExampleHostAsTableAndJson)
     for (const std::string& host : hosts) {
         for (bool json : {false, true}) {
             std::vector<std::string> args{"--host", kExamples + host + ".json", "map"};
-            if (json) {
+            if (json)
                 args.push_back("--json");
-            }
             Result result = run(args);
             EXPECT_EQ(result.status, 0) << describe(args) << "\n" << result.err;
             // No progress line either: stderr is not a terminal here.
@@ -233,9 +180,8 @@ TEST(CommandCapture, KeepsPagesAddressesAndHostFacts)
         EXPECT_EQ(captured[key], original[key]) << key;
     }
     std::map<std::string, nlohmann::json> capturedDevices;
-    for (const nlohmann::json& device : captured["devices"]) {
+    for (const nlohmann::json& device : captured["devices"])
         capturedDevices[device["name"]] = device;
-    }
     for (const nlohmann::json& device : original["devices"]) {
         const std::string name = device["name"];
         const std::string state = device["state"];
@@ -260,23 +206,20 @@ TEST(CommandShow, ReportsWhatTheDeviceAnsweredAndTheMapsUdid)
     nlohmann::json snapshot = parseJson(readFile(kDatacenter));
     nlohmann::json map = parseJson(run({"--host", kDatacenter, "map", "--json"}).out);
     std::map<std::string, std::string> udids;
-    for (const nlohmann::json& entry : map) {
+    for (const nlohmann::json& entry : map)
         udids[entry["DeviceName"]] = entry["Uid"];
-    }
     int shown = 0;
     for (const nlohmann::json& device : snapshot["devices"]) {
         const std::string name = device["name"];
-        if (device["state"] != "running" || name.compare(0, 2, "sd") != 0) {
+        if (device["state"] != "running" || name.compare(0, 2, "sd") != 0)
             continue;
-        }
         Result result = run({"--host", kDatacenter, "show", name, "--json"});
         ASSERT_EQ(result.status, 0) << name << ": " << result.err;
         nlohmann::json report = parseJson(result.out);
         ASSERT_TRUE(report.is_object()) << result.out;
         std::vector<std::string> keys;
-        for (auto it = report.begin(); it != report.end(); ++it) {
+        for (auto it = report.begin(); it != report.end(); ++it)
             keys.push_back(it.key());
-        }
         EXPECT_EQ(keys, (std::vector<std::string>{"address", "device", "firmware", "generator",
                                                   "inquiry", "product", "supported_pages", "udid",
                                                   "vendor", "vpd", "warnings"}));
@@ -337,9 +280,8 @@ TEST(CommandUdid, AcceptsAKernelNameOrANodeAndAnswersFromTheMap)
     nlohmann::json map = parseJson(run({"--host", kDatacenter, "map", "--json"}).out);
     std::string sdc;
     for (const nlohmann::json& entry : map) {
-        if (entry["DeviceName"] == "/dev/sdc") {
+        if (entry["DeviceName"] == "/dev/sdc")
             sdc = entry["Uid"];
-        }
     }
     ASSERT_FALSE(sdc.empty());
     for (const char* name : {"sdc", "/dev/sdc"}) {
@@ -408,49 +350,29 @@ TEST(CommandErrors, OneLineOnStderrTheExitCodeAndNothingOnStdout)
         std::vector<std::string> args;
         int status;
         std::string err;
-    } cases[] = {
+    };
+    const std::string none = dir.file("no/such/dir");
+    // clang-format off
+    const Case cases[] = {
         {{}, 1, "scsitool: a subcommand is required: map, udid, show, initiators or capture\n"},
         {{"mpa"}, 1, "scsitool: The following argument was not expected: mpa\n"},
         {{"map", "--bogus"}, 1, "scsitool: The following argument was not expected: --bogus\n"},
         {{"udid"}, 1, "scsitool: DEVICE is required\n"},
         {{"--trace-level", "3", "map"}, 1, "scsitool: --trace-level requires --trace\n"},
-        {{"--trace", "-", "--trace-level", "9", "map"},
-         1,
-         "scsitool: --trace-level: Value 9 not in range 0 to 6\n"},
-        {{"--host", missing, "map"},
-         2,
-         "scsitool: cannot read " + missing + ": No such file or directory\n"},
-        {{"--host", dir.file("badhex.json"), "map"},
-         2,
-         "scsitool: " + dir.file("badhex.json") + ": devices[0].inquiry: not hexadecimal\n"},
-        {{"--host", dir.file("broken.json"), "map"},
-         2,
-         "scsitool: " + dir.file("broken.json") +
-             ": not JSON: parse error at line 1, column 27: syntax error while parsing value - "
-             "unexpected end of input; expected '[', '{', or a literal\n"},
-        {{"--config", dir.file("none.ini"), "map"},
-         2,
-         "scsitool: " + dir.file("none.ini") + ": no such configuration file\n"},
-        {{"--config", dir.file("bad.ini"), "map"},
-         2,
-         "scsitool: " + dir.file("bad.ini") + ": not a readable configuration file\n"},
-        {{"--trace", dir.file("no/such/dir"), "map"},
-         2,
-         "scsitool: " + dir.file("no/such/dir") +
-             ": cannot write the trace: No such file or directory\n"},
-        {{"--host", kDatacenter, "capture", dir.file("no/such/dir")},
-         2,
-         "scsitool: " + dir.file("no/such/dir") +
-             ": cannot write the snapshot: No such file or directory\n"},
+        {{"--trace", "-", "--trace-level", "9", "map"}, 1, "scsitool: --trace-level: Value 9 not in range 0 to 6\n"},
+        {{"--host", missing, "map"}, 2, "scsitool: cannot read " + missing + ": No such file or directory\n"},
+        {{"--host", dir.file("badhex.json"), "map"}, 2, "scsitool: " + dir.file("badhex.json") + ": devices[0].inquiry: not hexadecimal\n"},
+        {{"--host", dir.file("broken.json"), "map"}, 2, "scsitool: " + dir.file("broken.json") + ": not JSON: parse error at line 1, column 27: syntax error while parsing value - unexpected end of input; expected '[', '{', or a literal\n"},
+        {{"--config", dir.file("none.ini"), "map"}, 2, "scsitool: " + dir.file("none.ini") + ": no such configuration file\n"},
+        {{"--config", dir.file("bad.ini"), "map"}, 2, "scsitool: " + dir.file("bad.ini") + ": not a readable configuration file\n"},
+        {{"--trace", none, "map"}, 2, "scsitool: " + none + ": cannot write the trace: No such file or directory\n"},
+        {{"--host", kDatacenter, "capture", none}, 2, "scsitool: " + none + ": cannot write the snapshot: No such file or directory\n"},
         {{"--host", kDatacenter, "udid", "sdzz"}, 3, "scsitool: /dev/sdzz: device not found\n"},
-        {{"--host", kDatacenter, "show", "/dev/sdzz"},
-         3,
-         "scsitool: /dev/sdzz: device not found\n"},
-        {{"--host", dir.file("dead.json"), "show", "sda"},
-         3,
-         "scsitool: /dev/sda: the device does not answer as a disk\n"},
+        {{"--host", kDatacenter, "show", "/dev/sdzz"}, 3, "scsitool: /dev/sdzz: device not found\n"},
+        {{"--host", dir.file("dead.json"), "show", "sda"}, 3, "scsitool: /dev/sda: the device does not answer as a disk\n"},
         {{"--config", dir.file("good.ini"), "--host", dir.file("dead.json"), "map"}, 0, ""},
     };
+    // clang-format on
     for (const Case& c : cases) {
         Result result = run(c.args);
         EXPECT_EQ(result.status, c.status) << describe(c.args);
@@ -491,9 +413,7 @@ TEST(CommandMap, FlagsReachTheRescan)
 
 TEST(CommandUdid, RescansForAMissingDeviceOnlyWhenAsked)
 {
-    Result missing = run({"--host", kDatacenter, "udid", "sdo"});
-    EXPECT_EQ(missing.status, 3);
-    EXPECT_EQ(missing.err, "scsitool: /dev/sdo: device not found\n");
+    EXPECT_EQ(run({"--host", kDatacenter, "udid", "sdo"}).status, 3);
     Result found = run({"--host", kDatacenter, "udid", "sdo", "--rescan-if-missing"});
     EXPECT_EQ(found.status, 0) << found.err;
     EXPECT_EQ(found.out,
@@ -510,9 +430,8 @@ TEST(CommandCapture, ARescanOfTheReplayFindsWhatTheHostWouldFind)
         nlohmann::json snapshot = parseJson(readFile(kExamples + host + ".json"));
         nlohmann::json visible = nlohmann::json::array();
         for (const nlohmann::json& device : snapshot["devices"]) {
-            if (device["state"] != "latent") {
+            if (device["state"] != "latent")
                 visible.push_back(device);
-            }
         }
         snapshot["devices"] = visible;
         writeFile(dir.file("visible.json"), snapshot.dump());

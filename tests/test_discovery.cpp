@@ -179,9 +179,8 @@ TEST_F(Enumeration, ValidationMakesOneRecordWithoutClaimLevel)
                  {"/dev/sdb", false, 0, ""},
                  {"/dev/sdz", false, 0, ""}};
     for (const Case& c : cases) {
-        if (c.hostnameFails) {
+        if (c.hostnameFails)
             host.setHostnameFails();
-        }
         std::vector<CScsiDeviceData*> records = discovery.validateEnumerateDevices(c.name);
         ASSERT_EQ(records.size(), c.records) << c.name;
         for (CScsiDeviceData* record : records) {

@@ -28,9 +28,8 @@ public:
     bool claimDevice(CScsiDeviceData* device) override { return device->m_vendorId == m_vendorId; }
     std::string getUniqueDeviceID(CScsiDeviceData*) override
     {
-        if (m_body == nullptr) {
+        if (m_body == nullptr)
             throw CUdidGeneratorException("MSG_UDID_ERROR_INVALID_SCSI_PAGE_DATA", m_vendorId, "P");
-        }
         return m_body;
     }
 
@@ -162,56 +161,37 @@ TEST_F(FactoryTest, PrintDeviceMapLines)
 
 // --- Whole enumerations and cached lookups on simulated hosts ----------------------------------
 
+#include "page_builders.h"
+#include "sim_disks.h"
 #include "simhost.h"
 
 namespace {
-
-simhost::Bytes defaultInquiry(const std::string& vendor, const std::string& product)
-{
-    simhost::Bytes inquiry(36, ' ');
-    inquiry[0] = 0;
-    inquiry[1] = 0;
-    inquiry[2] = 5;
-    inquiry[3] = 2;
-    inquiry[4] = 31;
-    inquiry[5] = inquiry[6] = inquiry[7] = 0;
-    std::copy(vendor.begin(), vendor.end(), inquiry.begin() + 8);
-    std::copy(product.begin(), product.end(), inquiry.begin() + 16);
-    return inquiry;
-}
 
 // A disk the default generator serves: page 0x00 lists 0x83, whose four designator bytes
 // make the body.
 simhost::SimDevice defaultDisk(const std::string& name, int id, int lun, uint8_t serial)
 {
-    simhost::SimDevice d;
-    d.name = name;
-    d.host = 0;
-    d.id = id;
-    d.lun = lun;
-    d.inquiry = defaultInquiry("ACME", "Big Disk 2");
-    d.vpd[0x00] = {0x00, 0x00, 0x00, 0x02, 0x00, 0x83};
-    d.vpd[0x83] = {0x00, 0x83, 0x00, 0x04, 0x01, 0x02, 0x03, serial};
+    simhost::SimDevice d = simDisk(name, 0, 0, id, lun);
+    d.inquiry = inquiryPage("ACME", "Big Disk 2", 36);
+    d.vpd[0x00] = hexBytes("00 00 00 02 00 83");
+    d.vpd[0x83] = hexBytes("00 83 00 04 01 02 03");
+    d.vpd[0x83].push_back(serial);
     return d;
 }
 
+// The UDID of defaultDisk(serial) for a serial with a non-zero low digit.
 std::string defaultUdid(uint8_t serial)
 {
-    char body[16];
-    snprintf(body, sizeof body, "%02X", serial);
-    std::string hex = std::string("00830004010203") + body;
-    while (!hex.empty() && hex.back() == '0') {
-        hex.pop_back();
-    }
-    return "UDID##ACME##BIG_DISK_2##" + hex;
+    char body[64];
+    snprintf(body, sizeof body, "UDID##ACME##BIG_DISK_2##00830004010203%02X", serial);
+    return body;
 }
 
 size_t countPrefix(const std::vector<std::string>& lines, const std::string& prefix)
 {
     size_t n = 0;
-    for (const std::string& line : lines) {
+    for (const std::string& line : lines)
         n += line.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
-    }
     return n;
 }
 
@@ -220,10 +200,7 @@ protected:
     CachedLookupTest() : install(host)
     {
         host.setKernelRelease("2.6.32-431.el6.x86_64");
-        simhost::SimAdapter adapter;
-        adapter.host = 0;
-        adapter.driver = "mptspi";
-        host.addAdapter(adapter);
+        host.addAdapter(simAdapter(0, "mptspi"));
         host.addDevice(defaultDisk("sda", 0, 0, 0x11));
         factory.registerTraceLog(capture.log());
     }
@@ -231,9 +208,8 @@ protected:
     {
         std::vector<std::string> out;
         for (const std::string& line : capture.at(6)) {
-            if (line.compare(0, 31, "Entering Function validateDevic") == 0) {
+            if (line.compare(0, 31, "Entering Function validateDevic") == 0)
                 out.push_back(line);
-            }
         }
         return out;
     }
@@ -321,26 +297,20 @@ TEST(DeviceMapOnExampleHosts, DatacenterHostGivesEveryFamilyItsUdid)
         const char* device;
         int level;
         std::string uid;
-    } expected[] = {
-        {"/dev/emcpowera", 16, symmetrix},
-        {"/dev/emcpowerb", 16, clariion},
+    };
+    // clang-format off
+    const Expected expected[] = {
+        {"/dev/emcpowera", 16, symmetrix}, {"/dev/emcpowerb", 16, clariion},
         {"/dev/mapper/control", 16, "UDID######/DEV/MAPPER/CONTROL@DBHOST01.EXAMPLE.COM"},
-        {"/dev/mapper/mpatha", 16, clariion},
-        {"/dev/mapper/mpathb", 16, acme},
-        {"/dev/sda", 2,
-         "UDID##ATA##ST3500418AS##"
-         "008300200201001C415441202020202053543335303034313841532039564D5132414243"},
-        {"/dev/sdb", 2, clariion},
-        {"/dev/sdc", 2, symmetrix},
+        {"/dev/mapper/mpatha", 16, clariion}, {"/dev/mapper/mpathb", 16, acme},
+        {"/dev/sda", 2, "UDID##ATA##ST3500418AS##008300200201001C415441202020202053543335303034313841532039564D5132414243"},
+        {"/dev/sdb", 2, clariion}, {"/dev/sdc", 2, symmetrix},
         {"/dev/sdd", 2, "UDID##IBM##TOTALSTORAGE##IBM.2107-7512345##1A2B"},
-        {"/dev/sde", 2,
-         "UDID##HP##HSV##5000-1FE1-5005-ABCD##6005-08B4-0010-1234-0000-A000-0123-0000"},
+        {"/dev/sde", 2, "UDID##HP##HSV##5000-1FE1-5005-ABCD##6005-08B4-0010-1234-0000-A000-0123-0000"},
         {"/dev/sdf", 2, "UDID##HP##XP##10057##1234"},
         {"/dev/sdg", 2, "UDID##HP##3PAR##1234567##50002AC000010ABC"},
         {"/dev/sdh", 2, "UDID##HITACHI##HDS##1234##18"},
-        {"/dev/sdi", 2,
-         "UDID##ENGENIO##UNIVERSAL##600A0B8000112233000000004A5B6C7D##"
-         "600A0B8000112233000004D24A5B6C7D"},
+        {"/dev/sdi", 2, "UDID##ENGENIO##UNIVERSAL##600A0B8000112233000000004A5B6C7D##600A0B8000112233000004D24A5B6C7D"},
         {"/dev/sdj", 2, "UDID##NETAPP##LUN##1234567890##50334F6F473457564C783452"},
         {"/dev/sdk", 2, "UDID##FUJITSU##ETERNUS##4321ABCD##600000E00D0000000001234500010000"},
         {"/dev/sdl", 2, acme},
@@ -349,6 +319,7 @@ TEST(DeviceMapOnExampleHosts, DatacenterHostGivesEveryFamilyItsUdid)
         // Unresponsive: its query failed, so only the host-local id is left.
         {"/dev/sdn", 2, "UDID######/DEV/SDN@DBHOST01.EXAMPLE.COM"},
     };
+    // clang-format on
     ASSERT_EQ(map.size(), sizeof expected / sizeof expected[0]);
     for (const Expected& e : expected) {
         ASSERT_EQ(map.count(e.device), 1u) << e.device;

@@ -16,6 +16,7 @@
 #include "fi_execpipe.h"
 #include "fi_stringtool.h"
 #include "fi_trace.h"
+#include "temp_dir.h"
 #include "trace_capture.h"
 
 using namespace kzfi_pdk_4_4;
@@ -44,9 +45,8 @@ struct Traced : CFiTraceable {
     void run(int line)
     {
         CFiTraceLogFunction scope(m_traceLog, "rescan", line, "/src/a/device_discovery.cpp");
-        if (m_traceLog) {
+        if (m_traceLog)
             m_traceLog->trace(3, "INFO: inside %d", 42);
-        }
     }
 };
 }  // namespace
@@ -97,22 +97,17 @@ TEST(TraceLog, FiltersByLevelAndWritesNothingWithoutALog)
 
 TEST(TraceLog, StreamSinkWritesPidLevelAndMessage)
 {
-    char path[] = "/tmp/fitraceXXXXXX";
-    int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    close(fd);
+    TempDir dir;
     {
         CFiTraceLogPtr log(new CFiTraceLog());
         log->setLevel(6);
-        log->setSink(std::unique_ptr<CFiTraceSink>(new CFiStreamTraceSink(fopen(path, "w"), true)));
+        log->setSink(std::unique_ptr<CFiTraceSink>(
+            new CFiStreamTraceSink(fopen(dir.file("trace").c_str(), "w"), true)));
         log->trace(2, "WARNING: one\n");
     }
-    std::ifstream in(path);
-    std::string line;
-    std::getline(in, line);
-    unlink(path);
+    const std::string line = readFile(dir.file("trace"));
     EXPECT_NE(line.find(" pid " + std::to_string(getpid()) + " tid "), std::string::npos) << line;
-    EXPECT_EQ(line.substr(line.size() - 16), " L2 WARNING: one");
+    EXPECT_EQ(line.substr(line.size() - 17), " L2 WARNING: one\n");
 }
 
 TEST(SmartPtr, CountsReferencesAcrossCopiesAndThreads)
@@ -138,9 +133,8 @@ TEST(SmartPtr, CountsReferencesAcrossCopiesAndThreads)
             }
         });
     }
-    for (auto& thread : threads) {
+    for (auto& thread : threads)
         thread.join();
-    }
     EXPECT_EQ(raw->refCount(), 1);
 }
 
@@ -216,28 +210,19 @@ TEST(FiStringTool, TokenizeTrimCompare)
 }
 
 namespace {
+// Points the configuration reader at a file holding `text` (none when nullptr) while it lives.
 class ConfigFile {
 public:
     explicit ConfigFile(const char* text)
     {
-        char dir[] = "/tmp/ficonfXXXXXX";
-        m_dir = mkdtemp(dir);
-        m_path = m_dir + "/devicefi.ini";
-        if (text != nullptr) {
-            std::ofstream(m_path) << text;
-        }
-        CFiConfigurationPathTool::setConfigFile(m_path);
+        if (text != nullptr)
+            writeFile(m_dir.file("devicefi.ini"), text);
+        CFiConfigurationPathTool::setConfigFile(m_dir.file("devicefi.ini"));
     }
-    ~ConfigFile()
-    {
-        CFiConfigurationPathTool::setConfigFile("");
-        unlink(m_path.c_str());
-        rmdir(m_dir.c_str());
-    }
+    ~ConfigFile() { CFiConfigurationPathTool::setConfigFile(""); }
 
 private:
-    std::string m_dir;
-    std::string m_path;
+    TempDir m_dir;
 };
 }  // namespace
 

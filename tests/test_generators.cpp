@@ -97,9 +97,8 @@ const std::string kWwnColons = "60:06:01:60:3a:b1:1e:00:4c:8f:5e:59:72:c3:e0:11"
 TEST(GeneratorTable, ClaimsByFirstMatchingRuleInTableOrder)
 {
     std::vector<std::string> names;
-    for (CUdidGenerator* generator : table()) {
+    for (CUdidGenerator* generator : table())
         names.push_back(generator->getGeneratorName());
-    }
     EXPECT_EQ(names, (std::vector<std::string>{"HP:MSA", "HP:HSV", "HP:XP", "IBM:TOTALSTORAGE",
                                                "IBM:DISKSYSTEM", "DGC:", "EMC:SYMMETRIX",
                                                "HITACHI:HDS", "ENGENIO:UNIVERSAL", "NETAPP:LUN",

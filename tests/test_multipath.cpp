@@ -34,9 +34,8 @@ Lines keysOf(const DeviceMap& map)
 
 TEST_F(Multipath, DeviceMapperEntersWholeMapsTheControlNodeAndDotEntries)
 {
-    for (const char* name : {"mpatha", "mpatha1", "mpathap1", "vg-lv", "mpathb"}) {
+    for (const char* name : {"mpatha", "mpatha1", "mpathap1", "vg-lv", "mpathb"})
         host.addMultipathMap(name);
-    }
     CDmpLinuxDeviceMapper mapper;
     mapper.registerTraceLog(trace.log());
     DeviceMap map;
@@ -77,9 +76,8 @@ TEST_F(Multipath, DeviceMapperRescanReportsTheToolsOutputOnFailure)
 
 TEST_F(Multipath, PowerPathEntersPseudoDevicesAndSkipsTheirPartitions)
 {
-    for (const char* name : {"emcpowera", "emcpowera1", "emcpower", "emcpowerb12"}) {
+    for (const char* name : {"emcpowera", "emcpowera1", "emcpower", "emcpowerb12"})
         host.addPowerPathDevice(name);
-    }
     host.addDevice(simDisk("sda", 0, 0, 0, 0));
     CDmpPowerPathDiscovery powerPath;
     powerPath.registerTraceLog(trace.log());
@@ -123,9 +121,8 @@ TEST_F(Multipath, PowerPathRescanRunsAllFourCommandsWhateverTheirResults)
         for (size_t i = 0; i < commands.size(); ++i) {
             bool fails = failing & (1u << i);
             host.scriptCommand(commands[i], {fails ? 2 : 0, {"out" + std::to_string(i)}});
-            if (fails) {
+            if (fails)
                 expected.push_back(failures[i]);
-            }
         }
         host.clearEvents();
         trace.clear();

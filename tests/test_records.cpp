@@ -9,25 +9,7 @@
 
 #include "device_scsi_data.h"
 #include "stringtool.h"
-
-TEST(DeviceRecord, FreshRecordIsEmpty)
-{
-    CScsiDeviceData d("/dev/sdc", "", "hostA", 5, 2, 1, 3, "ACME", "Disk", "01", 77);
-    EXPECT_EQ(d.m_deviceName, "/dev/sdc");
-    EXPECT_EQ(d.m_hostName, "hostA");
-    EXPECT_EQ(d.m_target, 5);
-    EXPECT_EQ(d.m_bus, 2u);
-    EXPECT_EQ(d.m_lun, 1);
-    EXPECT_EQ(d.m_port, 3);
-    EXPECT_EQ(d.m_capacity, 77u);
-    EXPECT_TRUE(d.m_pageCache.empty());
-    EXPECT_TRUE(d.m_supportedPages.empty());
-    EXPECT_EQ(d.dmpClaimLevel, 0);
-    EXPECT_EQ(d.m_pagesValid, 0);
-    EXPECT_EQ(d.m_secondFlag, 0);
-    EXPECT_EQ(d.m_invalid, 0);
-    EXPECT_EQ(d.m_operatingSystem, "");
-}
+#include "temp_dir.h"
 
 TEST(ModePage, CopiesAreIndependentAndStoringReplaces)
 {
@@ -53,20 +35,22 @@ TEST(StringTool, NumbersFromText)
     struct {
         const char* text;
         unsigned int value;
-    } decimal[] = {{"", 0},    {"42", 42}, {"42abc", 42},      {" 7", 7},
-                   {"abc", 0}, {"x1", 0},  {"-1", 4294967295u}};
+    } decimal[] = {
+        // clang-format off
+        {"", 0}, {"42", 42}, {"42abc", 42}, {" 7", 7}, {"abc", 0}, {"x1", 0}, {"-1", 4294967295u}};
+    // clang-format on
     for (const auto& c : decimal) {
         EXPECT_EQ(CStringTool::str2uint(c.text), c.value) << c.text;
         EXPECT_EQ(CStringTool::str2int(c.text), static_cast<int>(c.value)) << c.text;
     }
+    // clang-format off
     struct {
         const char* text;
         unsigned int value;
-    } hex[] = {{"0x1F", 31}, {"0x", 0},
-               {"0xG1", 0},  {"zz10", 16},
-               {"0X0a", 10}, {"0x123456789", 0x23456789u},
-               {"0x1 ", 0},  {"0xffffffff", 0xffffffffu},
-               {"ab", 0}};
+    } hex[] = {
+        {"0x1F", 31}, {"0x", 0}, {"0xG1", 0}, {"zz10", 16}, {"0X0a", 10}, {"0x123456789", 0x23456789u},
+        {"0x1 ", 0}, {"0xffffffff", 0xffffffffu}, {"ab", 0}};
+    // clang-format on
     for (const auto& c : hex) {
         EXPECT_EQ(CStringTool::hexstr2uint(c.text), c.value) << c.text;
     }
@@ -101,24 +85,17 @@ TEST(StringTool, TextHelpers)
 
 TEST(ReadDir, ListsMatchingEntriesAsFullPaths)
 {
-    char dir[] = "/tmp/readdirXXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    std::string base = std::string(dir) + "/";
-    for (const char* name : {"x1", "x2", "y1"}) {
-        std::ofstream(base + name) << "";
-    }
+    TempDir temp;
+    const std::string dir = temp.path(), base = dir + "/";
+    for (const char* name : {"x1", "x2", "y1"})
+        writeFile(base + name, "");
     std::vector<std::string> found = readDir(base, "x");
     std::sort(found.begin(), found.end());
     EXPECT_EQ(found, (std::vector<std::string>{base + "x1", base + "x2"}));
     std::vector<std::string> all = readDir(base, "");
     EXPECT_EQ(all.size(), 5u);  // "." and ".." match the empty pattern
     EXPECT_NE(std::find(all.begin(), all.end(), base + "."), all.end());
-    EXPECT_EQ(readDir(dir, "x1"),
-              std::vector<std::string>{std::string(dir) + "x1"});  // joined as given
-    for (const char* name : {"x1", "x2", "y1"}) {
-        unlink((base + name).c_str());
-    }
-    rmdir(dir);
+    EXPECT_EQ(readDir(dir, "x1"), std::vector<std::string>{dir + "x1"});  // joined as given
     testing::internal::CaptureStdout();
     EXPECT_TRUE(readDir("/nonexistent-dir/", "").empty());
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");

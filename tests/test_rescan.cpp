@@ -47,10 +47,13 @@ TEST_F(Rescan, KernelReleasePicksTheScan)
         const char* family;  // "" for an unknown family
         size_t qlogicScans;
         std::vector<unsigned int> sleeps;
-    } cases[] = {{"2.6.18-8.el5", "INFO: doing redhat 2.6 kernel SCSI bus scan", 1, {3, 5}},
-                 {"2.4.21", "INFO: doing redhat 2.4 kernel SCSI bus scan", 2, {3, 3}},
-                 {"3.0.1", "", 1, {3}},
-                 {"2.60", "", 1, {3}}};
+    };
+    // clang-format off
+    const Case cases[] = {
+        {"2.6.18-8.el5", "INFO: doing redhat 2.6 kernel SCSI bus scan", 1, {3, 5}},
+        {"2.4.21", "INFO: doing redhat 2.4 kernel SCSI bus scan", 2, {3, 3}},
+        {"3.0.1", "", 1, {3}}, {"2.60", "", 1, {3}}};
+    // clang-format on
     for (const Case& c : cases) {
         TestHost fresh;
         simhost::SimHostInstall use(fresh);
@@ -102,9 +105,8 @@ TEST_F(Rescan, MidLayerProbeOn24)
         fresh.setKernelRelease("2.4.21");
         fresh.addAdapter(simAdapter(0, "lpfc", false, "Emulex\n"));
         fresh.addDevice(simDisk("sda", 0, 0, 0, 0));
-        if (c.latent) {
+        if (c.latent)
             fresh.addDevice(simDisk("sdb", 0, 0, 1, 3, DeviceState::Latent));
-        }
         discovery.rescanScsiBus(false);
         EXPECT_EQ(writtenTo(fresh, "/proc/scsi/scsi"), probes(c.ranges));
         EXPECT_EQ(discovery.getDeviceCount(), c.latent ? 2 : 1);
@@ -117,13 +119,12 @@ TEST_F(Rescan, SysfsScanOn26)
         bool script;
         int exitCode;
         Lines warnings;  // of the shared log
-    } cases[] = {{false, 0, {}},
-                 {true, 0, {}},
-                 {true, 3, {"Warning: rescan_scsi_bus.sh failed with execpipe code [3]"}},
-                 {true,
-                  11,
-                  {"Warning: rescan_scsi_bus.sh failed with execpipe code [11]",
-                   "Warning: rescan_scsi_bus.sh failed with error [0]."}}};
+    };
+    const std::string failed = "Warning: rescan_scsi_bus.sh failed with ";
+    // clang-format off
+    const Case cases[] = {{false, 0, {}}, {true, 0, {}}, {true, 3, {failed + "execpipe code [3]"}},
+                          {true, 11, {failed + "execpipe code [11]", failed + "error [0]."}}};
+    // clang-format on
     for (const Case& c : cases) {
         TestHost fresh;
         simhost::SimHostInstall use(fresh);
@@ -153,9 +154,8 @@ TEST_F(Rescan, SysfsScanOn26)
                       "Info: Waiting for scan to complete issue_lip scan.",
                       "Info: Waiting for device scan to complete",
                       "Info:Trying with rescan_scsi_bus.sh"};
-        if (!c.script) {
+        if (!c.script)
             info.push_back("Info: failed to open rescan_scsi_bus.sh");
-        }
         EXPECT_EQ(trace.at(4), info);
     }
     // Without any host nothing is written and nobody waits; the script is still tried.
@@ -191,9 +191,8 @@ TEST_F(Rescan, DeadDevicesAreDroppedAndRemoved)
         EXPECT_EQ(devices, kept);
         EXPECT_EQ(kept[0]->m_vendorId + "|" + kept[0]->m_productId, "ACME|Disk");
         Lines removals = {"scsi remove-single-device 0 0 2 4\n"};
-        if (removeLun0) {
+        if (removeLun0)
             removals.insert(removals.begin(), "scsi remove-single-device 0 0 2 0\n");
-        }
         EXPECT_EQ(writtenTo(fresh, "/proc/scsi/scsi"), removals);
         EXPECT_EQ(has("INFO: Device is not removed as LUN=0 and removeLun0 = false"), !removeLun0);
         EXPECT_TRUE(has("INFO: iter devices a[-1] b[0] t[0] l[0] vendor[ACME], product[Disk]"));
@@ -204,9 +203,8 @@ TEST_F(Rescan, DeadDevicesAreDroppedAndRemoved)
             has("WARNING: remove device failed to open "
                 "/sys/class/scsi_device/0:0:2:4/device/delete for device removal"));
         EXPECT_TRUE(has("INFO: doing redhat 2.6 kernel SCSI bus scan")) << "final bus rescan";
-        for (CScsiDeviceData* d : devices) {
+        for (CScsiDeviceData* d : devices)
             delete d;
-        }
     }
 }
 
@@ -216,48 +214,33 @@ TEST_F(Rescan, RemoveDeviceWritesByKernelFamily)
         const char* release;
         bool procScsi, procIgnores, adapter;
         Lines writes;         // sysfs and acted-on /proc writes
-        const char* message;  // "" for none
-    } cases[] = {
-        {"2.4.21", true, false, true, {"/proc/scsi/scsi scsi remove-single-device 2 0 1 3\n"}, ""},
-        {"2.6.18-8.el5",
-         true,
-         true,
-         true,
-         {"/sys/class/scsi_device/2:0:1:3/device/delete 1",
-          "/sys/class/scsi_host/host2/scan 0 1 3\n"},
-         "INFO: scaning after remove: 0 1 3\n"},
-        {"2.6.18-8.el5",
-         true,
-         true,
-         false,
-         {"/sys/class/scsi_device/2:0:1:3/device/delete 1"},
-         "WARNING: device failed to open /sys/class/scsi_host/host2/scan for device scan 0 1 3\n"},
-        {"2.6.18-8.el5",
-         false,
-         false,
-         true,
-         {},
-         "INFO: remove device failed to open /proc/scsi/scsi for: scsi remove-single-device 2 0 1 "
-         "3\n\n"},
+        std::string message;  // "" for none
     };
+    const std::string remove = "scsi remove-single-device 2 0 1 3\n";
+    const std::string del = "/sys/class/scsi_device/2:0:1:3/device/delete 1";
+    // clang-format off
+    const Case cases[] = {
+        {"2.4.21", true, false, true, {"/proc/scsi/scsi " + remove}, ""},
+        {"2.6.18-8.el5", true, true, true, {del, "/sys/class/scsi_host/host2/scan 0 1 3\n"}, "INFO: scaning after remove: 0 1 3\n"},
+        {"2.6.18-8.el5", true, true, false, {del}, "WARNING: device failed to open /sys/class/scsi_host/host2/scan for device scan 0 1 3\n"},
+        {"2.6.18-8.el5", false, false, true, {}, "INFO: remove device failed to open /proc/scsi/scsi for: " + remove + "\n"},
+    };
+    // clang-format on
     for (const Case& c : cases) {
         TestHost fresh;
         simhost::SimHostInstall use(fresh);
         fresh.setKernelRelease(c.release);
         fresh.setProcScsi(c.procScsi);
-        if (c.procIgnores) {
+        if (c.procIgnores)
             fresh.inertFiles.insert("/proc/scsi/scsi");
-        }
-        if (c.adapter) {
+        if (c.adapter)
             fresh.addAdapter(simAdapter(2, "lpfc"));
-        }
         fresh.addDevice(simDisk("sdf", 2, 0, 1, 3));
         trace.clear();
         discovery.RemoveDevice(2, 0, 1, 3);
         EXPECT_EQ(allWrites(fresh), c.writes) << c.release;
-        EXPECT_EQ(fresh.inertWrites(),
-                  c.procIgnores ? Lines{"scsi remove-single-device 2 0 1 3\n"} : Lines{});
-        EXPECT_TRUE(*c.message == '\0' || has(c.message)) << c.message;
+        EXPECT_EQ(fresh.inertWrites(), c.procIgnores ? Lines{remove} : Lines{});
+        EXPECT_TRUE(c.message.empty() || has(c.message)) << c.message;
     }
 }
 
@@ -273,40 +256,18 @@ TEST_F(Rescan, StaleMultipathFlush)
         int result;
         bool flushed;
         std::string message;
-    } cases[] = {
-        {"2.6.18-8.el5",
-         {1, {"pid", "of"}},
-         true,
-         1,
-         false,
-         std::string(prefix) + " - command  [" + pidof + "] failed  with output [pidof]"},
-        {"2.6.18-8.el5",
-         {0, {}},
-         true,
-         0,
-         false,
-         std::string(prefix) + " multipathd daemon not running"},
-        {"2.6.18-8.el5",
-         {0, {"4242"}},
-         true,
-         0,
-         true,
-         std::string(prefix) + " Calling Multipath Stale Device Path Flushing command [" + flush +
-             "]."},
-        {"2.4.21",
-         {0, {"4242"}},
-         true,
-         0,
-         true,
-         std::string(prefix) + " multipath unused/stale device maps"},
-        {"2.6.18-8.el5", {0, {"4242"}}, false, 0, false, ""},
-        {"3.10.0",
-         {0, {"4242"}},
-         true,
-         0,
-         false,
-         "INFO: OS not supported for FlushMultipathStaleDevices"},
     };
+    const std::string info = std::string(prefix) + " ";
+    // clang-format off
+    const Case cases[] = {
+        {"2.6.18-8.el5", {1, {"pid", "of"}}, true, 1, false, info + "- command  [" + pidof + "] failed  with output [pidof]"},
+        {"2.6.18-8.el5", {0, {}}, true, 0, false, info + "multipathd daemon not running"},
+        {"2.6.18-8.el5", {0, {"4242"}}, true, 0, true, info + "Calling Multipath Stale Device Path Flushing command [" + flush + "]."},
+        {"2.4.21", {0, {"4242"}}, true, 0, true, info + "multipath unused/stale device maps"},
+        {"2.6.18-8.el5", {0, {"4242"}}, false, 0, false, ""},
+        {"3.10.0", {0, {"4242"}}, true, 0, false, "INFO: OS not supported for FlushMultipathStaleDevices"},
+    };
+    // clang-format on
     for (const Case& c : cases) {
         TestHost fresh;
         simhost::SimHostInstall use(fresh);

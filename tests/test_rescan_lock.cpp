@@ -53,14 +53,12 @@ std::string hear(int fd, size_t expected, int ms)
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             end - std::chrono::steady_clock::now());
         struct pollfd p = {fd, POLLIN, 0};
-        if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) {
+        if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0)
             break;
-        }
         char buffer[64];
         ssize_t n = read(fd, buffer, sizeof buffer);
-        if (n <= 0) {
+        if (n <= 0)
             break;
-        }
         text.append(buffer, static_cast<size_t>(n));
     }
     return text;
@@ -84,9 +82,8 @@ std::function<void()> rescanner(int fd, const char* begin, const char* end)
 std::string concurrentRound()
 {
     int fds[2];
-    if (pipe(fds) != 0) {
+    if (pipe(fds) != 0)
         return "no pipe";
-    }
     pid_t first = runChild(rescanner(fds[1], "A", "a"));
     std::string order = hear(fds[0], 1, 10000);
     pid_t second = runChild(rescanner(fds[1], "B", "b"));
@@ -106,9 +103,8 @@ TEST(RescanLock, TwoProcessesRescanningAtOnceTakeTurns)
     // program on the host may remove it in the middle of a round; a round that was not
     // serialised is tried again, and two such rounds in a row are a fault.
     std::string order;
-    for (int round = 0; round < 3 && order != "AaBb"; ++round) {
+    for (int round = 0; round < 3 && order != "AaBb"; ++round)
         order = concurrentRound();
-    }
     EXPECT_EQ(order, "AaBb") << "the second rescan began before the first released the lock";
 }
 
@@ -134,9 +130,8 @@ TEST(RescanLock, AProcessKilledWhileHoldingTheLockDoesNotKeepIt)
         discovery.rescan(false, false, false);
     });
     std::string heard = hear(fds[0], 1, 10000);
-    if (heard.empty()) {
+    if (heard.empty())
         kill(next, SIGKILL);
-    }
     waitpid(next, nullptr, 0);
     close(fds[0]);
     close(fds[1]);

@@ -22,13 +22,11 @@ public:
     std::vector<CScsiDeviceData*> enumerateDevices() override
     {
         steps.push_back("enumerate");
-        if (throwInEnumeration) {
+        if (throwInEnumeration)
             throw 6;
-        }
         std::vector<CScsiDeviceData*> records;
-        for (const std::string& name : names) {
+        for (const std::string& name : names)
             records.push_back(new CScsiDeviceData(name, "", "h", 0, 0, 0, -1, "", "", "", 0));
-        }
         return records;
     }
     std::vector<CScsiDeviceData*> validateEnumerateDevices(std::string name) override
@@ -54,9 +52,8 @@ public:
 
 void deleteAll(std::vector<CScsiDeviceData*>& records)
 {
-    for (CScsiDeviceData* record : records) {
+    for (CScsiDeviceData* record : records)
         delete record;
-    }
     records.clear();
 }
 

@@ -10,13 +10,12 @@
 #include <vector>
 
 #include "WWPN_discovery.h"
+#include "page_builders.h"
 #include "scsitool.h"
 #include "simhost.h"
 #include "trace_capture.h"
 
 namespace {
-
-typedef std::vector<unsigned char> Bytes;
 
 // The simulated host, with a record of what only the system interface sees: open flags,
 // closed descriptors and the length words of every command buffer. With `zeroFd` the next
@@ -52,25 +51,10 @@ public:
     bool zeroFd = false;
 };
 
-// A standard INQUIRY of `size` bytes of a direct-access disk.
+// A standard INQUIRY of `size` bytes of a direct-access disk "ACME Disk", revision "01  ".
 Bytes inquiry(size_t size)
 {
-    Bytes b(size, 0);
-    b[4] = static_cast<unsigned char>(size - 5);
-    std::string text = "ACME    Disk            01  ";
-    for (size_t i = 0; i < text.size() && 8 + i < size; ++i)
-        b[8 + i] = text[i];
-    return b;
-}
-
-Bytes vpd(unsigned char code, const Bytes& body)
-{
-    Bytes b(4 + body.size(), 0);
-    b[1] = code;
-    b[3] = static_cast<unsigned char>(body.size());
-    for (size_t i = 0; i < body.size(); ++i)
-        b[4 + i] = body[i];
-    return b;
+    return inquiryPage("ACME", "Disk", size).text(32, "01  ").resize(size);
 }
 
 CScsiDeviceData record(const std::string& name, int lun = 0, int port = -1)
@@ -91,10 +75,10 @@ struct ScsiAccess : ::testing::Test {
         simhost::SimDevice d;
         d.name = name;
         d.inquiry = inquiry(36);
-        d.vpd[0x00] = vpd(0x00, {0x00, 0x80, 0x83});
-        d.vpd[0x80] = vpd(0x80, {'S', 'N', '1'});
-        d.vpd[0x83] = vpd(0x83, {1, 3, 0, 8, 0x60, 5, 0x0A, 0, 0, 0, 0, 1});
-        d.vpd[0xC0] = vpd(0xC0, {1});
+        d.vpd[0x00] = hexBytes("00 00 00 03 00 80 83");
+        d.vpd[0x80] = serialPage80("SN1");
+        d.vpd[0x83] = naaPage83("60 05 0A 00 00 00 00 01");
+        d.vpd[0xC0] = hexBytes("00 c0 00 01 01");
         simhost::SimDevice* known = host.findDevice(name);
         return known ? (*known = d) : host.addDevice(d);
     }
@@ -313,31 +297,27 @@ TEST_F(ScsiAccess, UpdateDeviceCachesTheListedPagesInFixedOrder)
 
 TEST_F(ScsiAccess, UpdateDeviceRefusesWhatIsNotADisk)
 {
-    const std::string size =
-        "WARNING: UpdateStdInquiryString invalid SCSI inq page size, device may have been "
-        "removed.";
-    const std::string call =
-        "WARNING: CScsiToolBase::UpdateDevice() call to UpdateStdInquiryString for device "
-        "/dev/sda";
+    // clang-format off
+    const std::string size = "WARNING: UpdateStdInquiryString invalid SCSI inq page size, device may have been removed.";
+    const std::string call = "WARNING: CScsiToolBase::UpdateDevice() call to UpdateStdInquiryString for device /dev/sda";
+    // clang-format on
     Bytes tape = inquiry(36);
     tape[0] = 0x01;
     struct Case {
         Bytes inquiry;
         simhost::DeviceState state;
         std::vector<std::string> warnings;
-    } cases[] = {
-        {tape,
-         simhost::DeviceState::Running,
-         {"WARNING: UpdateStdInquiryString SCSI check for disk device error, device may have "
-          "been removed.",
-          call}},
-        {inquiry(31), simhost::DeviceState::Running, {size, call}},
-        {inquiry(36),
-         simhost::DeviceState::Gone,
-         {"ERROR: CScsiDeviceHandle::openDevice() Invalid device handle [0xffffffff] for "
-          "[/dev/sda], errno [6] throwing",
-          "GetModePageInfo: Exception Ocurred", size, call}},
     };
+    const std::string gone =
+        "ERROR: CScsiDeviceHandle::openDevice() Invalid device handle [0xffffffff] for [/dev/sda], "
+        "errno [6] throwing";
+    // clang-format off
+    const Case cases[] = {
+        {tape, simhost::DeviceState::Running, {"WARNING: UpdateStdInquiryString SCSI check for disk device error, device may have been removed.", call}},
+        {inquiry(31), simhost::DeviceState::Running, {size, call}},
+        {inquiry(36), simhost::DeviceState::Gone, {gone, "GetModePageInfo: Exception Ocurred", size, call}},
+    };
+    // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(c.warnings[0]);
         trace.clear();

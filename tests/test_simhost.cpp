@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <scsi/sg.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
@@ -17,8 +18,8 @@
 
 #include "device_discovery.h"
 #include "device_scsi_data.h"
-#include "device_udid_generator.h"
-#include "scsitool.h"
+#include "page_builders.h"
+#include "sim_disks.h"
 #include "simhost.h"
 
 using simhost::Bytes;
@@ -32,36 +33,29 @@ namespace {
 
 const std::string kHosts = std::string(SCSITOOL_SOURCE_DIR) + "/examples/hosts/";
 
-Bytes bytes(std::initializer_list<int> values)
-{
-    return Bytes(values.begin(), values.end());
-}
-
 // A 40-byte standard INQUIRY answer: direct access, SPC-3, "ACME    Big Disk 2      0100".
 Bytes acmeInquiry()
 {
-    Bytes inquiry(40, 0);
-    inquiry[2] = 5;
-    inquiry[3] = 2;
-    inquiry[4] = 35;
-    memcpy(&inquiry[8], "ACME    Big Disk 2      0100", 28);
-    return inquiry;
+    return PageBuilder(40).hex(0, "00 00 05 02 23").text(8, "ACME    Big Disk 2      0100");
 }
 
 SimDevice disk(const std::string& name, int host, int channel, int id, int lun,
                DeviceState state = DeviceState::Running)
 {
-    SimDevice device;
-    device.name = name;
-    device.host = host;
-    device.channel = channel;
-    device.id = id;
-    device.lun = lun;
+    SimDevice device = simDisk(name, host, channel, id, lun, state);
     device.inquiry = acmeInquiry();
-    device.vpd[0x00] = bytes({0, 0, 0, 2, 0x00, 0x83});
-    device.vpd[0x83] = bytes({0, 0x83, 0, 8, 1, 3, 0, 4, 0xde, 0xad, 0xbe, 0xef});
-    device.state = state;
+    device.vpd[0x00] = hexBytes("00 00 00 02 00 83");
+    device.vpd[0x83] = hexBytes("00 83 00 08 01 03 00 04 de ad be ef");
     return device;
+}
+
+// An example host from the repository.
+std::unique_ptr<SimHost> load(const std::string& name)
+{
+    std::string error;
+    std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + name, error);
+    EXPECT_TRUE(host) << name << ": " << error;
+    return host;
 }
 
 // The SCSI_IOCTL_SEND_COMMAND buffer as the library fills it.
@@ -89,27 +83,32 @@ std::string text(SimHost& host, const std::string& path)
 bool writeFile(SimHost& host, const char* path, const char* data)
 {
     FILE* file = host.fopen(path, "a");
-    if (!file) {
+    if (!file)
         return false;
-    }
     fputs(data, file);
     fclose(file);
     return true;
 }
 
-std::vector<std::string> listing(SimHost& host, const char* path)
+// The names in a directory, blank-separated, directories marked "/" and block nodes "#"; or
+// "errno N" when it does not open.
+std::string listing(SimHost& host, const std::string& path)
 {
-    std::vector<std::string> names;
-    void* dir = host.opendir(path);
-    if (!dir) {
-        return {"<missing>"};
-    }
+    void* dir = host.opendir(path.c_str());
+    if (!dir)
+        return "errno " + std::to_string(errno);
+    std::string names;
     while (struct dirent* entry = host.readdir(dir)) {
-        names.push_back(entry->d_name);
+        names += std::string(names.empty() ? "" : " ") + entry->d_name +
+                 (entry->d_type == DT_DIR   ? "/"
+                  : entry->d_type == DT_BLK ? "#"
+                                            : "");
     }
     host.closedir(dir);
     return names;
 }
+
+const std::string kNoEntry = "errno " + std::to_string(ENOENT);
 
 class SimHostTest : public ::testing::Test {
 protected:
@@ -120,17 +119,9 @@ protected:
         host.addDevice(disk("sdd", 3, 0, 1, 0, DeviceState::Latent));
         host.addDevice(disk("sde", 4, 0, 0, 0, DeviceState::Latent));
         host.addDevice(disk("sdf", 3, 0, 2, 0, DeviceState::Unresponsive));
-        SimAdapter qla;
-        qla.host = 3;
-        qla.driver = "qla2xxx";
-        qla.procText = "scsi-qla0-adapter-port=21000024ff2c3d4e;\n";
-        qla.fcHost = true;
-        qla.portName = "0x21000024ff2c3d4e";
-        host.addAdapter(qla);
-        SimAdapter lpfc;
-        lpfc.host = 4;
-        lpfc.driver = "lpfc";
-        host.addAdapter(lpfc);
+        host.addAdapter({3, "qla2xxx", "scsi-qla0-adapter-port=21000024ff2c3d4e;\n", true,
+                         "0x21000024ff2c3d4e"});
+        host.addAdapter(simAdapter(4, "lpfc"));
     }
     SimHost host;
 };
@@ -143,19 +134,20 @@ TEST_F(SimHostTest, InquiryIsDecodedAndCutToTheSmallerOfAllocationAndOutputLengt
         uint32_t outputLength;
         int result;
         Bytes expected;
-    } cases[] = {
-        {"standard, whole", 0x00, 0, 252, 480, 0, acmeInquiry()},
-        {"standard, allocation 5", 0x00, 0, 5, 480, 0, bytes({0, 0, 5, 2, 35})},
-        {"standard, output 3", 0x00, 0, 252, 3, 0, bytes({0, 0, 5})},
-        {"page 83 with LUN bits", 0x41, 0x83, 252, 480, 0,
-         bytes({0, 0x83, 0, 8, 1, 3, 0, 4, 0xde, 0xad, 0xbe, 0xef})},
-        {"supported pages", 0x01, 0x00, 252, 480, 0, bytes({0, 0, 0, 2, 0x00, 0x83})},
-        // Rejected: CHECK CONDITION with ILLEGAL REQUEST / INVALID FIELD IN CDB sense data.
-        {"unsupported page", 0x01, 0x80, 252, 480, 2,
-         bytes({0x70, 0, 5, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0x24, 0, 0, 0, 0, 0})},
-        {"page without EVPD", 0x00, 0x83, 252, 480, 2,
-         bytes({0x70, 0, 5, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0x24, 0, 0, 0, 0, 0})},
     };
+    // Rejected: CHECK CONDITION with ILLEGAL REQUEST / INVALID FIELD IN CDB sense data.
+    const Bytes sense = hexBytes("70 00 05 00 00 00 00 0a 00 00 00 00 24 00 00 00 00 00");
+    // clang-format off
+    const Case cases[] = {
+        {"standard, whole", 0x00, 0, 252, 480, 0, acmeInquiry()},
+        {"standard, allocation 10", 0x00, 0, 10, 480, 0, hexBytes("00 00 05 02 23 00 00 00 41 43")},
+        {"standard, output 3", 0x00, 0, 252, 3, 0, hexBytes("00 00 05")},
+        {"page 83 with LUN bits", 0x41, 0x83, 252, 480, 0, hexBytes("00 83 00 08 01 03 00 04 de ad be ef")},
+        {"supported pages", 0x01, 0x00, 252, 480, 0, hexBytes("00 00 00 02 00 83")},
+        {"unsupported page", 0x01, 0x80, 252, 480, 2, sense},
+        {"page without EVPD", 0x00, 0x83, 252, 480, 2, sense},
+    };
+    // clang-format on
     int fd = host.open("/dev/sdb", O_RDWR | O_NONBLOCK);
     ASSERT_GE(fd, 0);
     for (const Case& c : cases) {
@@ -182,13 +174,18 @@ TEST_F(SimHostTest, InquiryIsDecodedAndCutToTheSmallerOfAllocationAndOutputLengt
     EXPECT_EQ(0, wide.buffer[8 + 256]);
     std::vector<Bytes> sent = host.cdbsSent("/dev/sdb");
     ASSERT_EQ(8u, sent.size());
-    EXPECT_EQ(bytes({0x12, 0x41, 0x83, 0, 252, 0}), sent[3]);
+    EXPECT_EQ(hexBytes("12 41 83 00 fc 00"), sent[3]);
     EXPECT_EQ(sent, host.cdbsSent("sdb"));
     host.close(fd);
 }
 
-TEST_F(SimHostTest, UnresponsiveDeviceOpensAndFailsEveryCommand)
+TEST_F(SimHostTest, IdLunPacksTheAddressAndAnUnresponsiveDeviceFailsEveryCommand)
 {
+    host.addDevice(disk("sdx", 3, 2, 5, 1));
+    uint32_t idlun[2] = {0, 0};
+    ASSERT_EQ(0, host.ioctl(host.open("/dev/sdx", O_RDWR), 0x5382, idlun));
+    EXPECT_EQ(0x03020105u, idlun[0]);
+
     int fd = host.open("/dev/sdf", O_RDWR);
     ASSERT_GE(fd, 0);
     Command command(0, 0, 252);
@@ -196,7 +193,6 @@ TEST_F(SimHostTest, UnresponsiveDeviceOpensAndFailsEveryCommand)
     EXPECT_EQ(-1, host.ioctl(fd, 1, command.buffer));
     EXPECT_EQ(EIO, errno);
     EXPECT_EQ(0xaa, command.buffer[8 + 6]);
-    uint32_t idlun[2];
     EXPECT_EQ(-1, host.ioctl(fd, 0x5382, idlun));
 }
 
@@ -206,11 +202,10 @@ TEST_F(SimHostTest, NodesOpenOnlyForDevicesTheKernelShows)
     struct Case {
         const char* path;
         int error;  // 0: opens
-    } cases[] = {{"/dev/sdb", 0},
-                 {"/dev/sdf", 0},
-                 {"/dev/sdd", ENOENT},
-                 {"/dev/sdg", ENXIO},
-                 {"/dev/sdz", ENOENT}};
+    };
+    // clang-format off
+    const Case cases[] = {{"/dev/sdb", 0}, {"/dev/sdf", 0}, {"/dev/sdd", ENOENT}, {"/dev/sdg", ENXIO}, {"/dev/sdz", ENOENT}};
+    // clang-format on
     for (const Case& c : cases) {
         errno = 0;
         int fd = host.open(c.path, O_RDWR);
@@ -220,15 +215,6 @@ TEST_F(SimHostTest, NodesOpenOnlyForDevicesTheKernelShows)
     EXPECT_EQ(5, host.openCalls());
 }
 
-TEST_F(SimHostTest, IdLunPacksTheAddress)
-{
-    host.addDevice(disk("sdx", 3, 2, 5, 1));
-    int fd = host.open("/dev/sdx", O_RDWR);
-    uint32_t idlun[2] = {0, 0};
-    ASSERT_EQ(0, host.ioctl(fd, 0x5382, idlun));
-    EXPECT_EQ(0x03020105u, idlun[0]);
-}
-
 TEST_F(SimHostTest, SgIoAnswersTheVendorCommandWithinTheCallersBuffer)
 {
     SimDevice* sdb = host.findDevice("sdb");
@@ -236,10 +222,8 @@ TEST_F(SimHostTest, SgIoAnswersTheVendorCommandWithinTheCallersBuffer)
     sdb->vendorCommand = Bytes(64, 0x5a);
     int fd = host.open("/dev/sdb", O_RDONLY | O_NONBLOCK);
     unsigned char cdb[10] = {0xC0, 0, 0, 0x0A, 0x98, 0x0A, 0x22, 0x10, 0, 0};
-    unsigned char data[48];
-    memset(data, 0, sizeof data);
-    sg_io_hdr_t header;
-    memset(&header, 0, sizeof header);
+    unsigned char data[48] = {0};
+    sg_io_hdr_t header{};
     header.interface_id = 'S';
     header.dxfer_direction = SG_DXFER_FROM_DEV;
     header.cmd_len = 10;
@@ -279,8 +263,7 @@ TEST_F(SimHostTest, PseudoDevicesAnswerLikeTheDeviceTheyFront)
 {
     host.addMultipathMap("mpatha", "sdc");
     host.addPowerPathDevice("emcpowera", "sdb");
-    EXPECT_EQ((std::vector<std::string>{".", "..", "control", "mpatha"}),
-              listing(host, "/dev/mapper/"));
+    EXPECT_EQ("./ ../ control mpatha#", listing(host, "/dev/mapper/"));
     for (const char* node : {"/dev/mapper/mpatha", "/dev/emcpowera"}) {
         int fd = host.open(node, O_RDWR);
         Command command(0, 0, 252);
@@ -364,47 +347,40 @@ TEST_F(SimHostTest, ControlFilesExistOnlyWhereTheKernelHasThem)
 
 TEST_F(SimHostTest, DirectoriesListDotEntriesFirst)
 {
-    EXPECT_EQ((std::vector<std::string>{".", "..", "host3", "host4"}),
-              listing(host, "/sys/class/scsi_host"));
-    EXPECT_EQ((std::vector<std::string>{".", "..", "host3"}), listing(host, "/sys/class/fc_host/"));
-    EXPECT_EQ((std::vector<std::string>{".", "..", "3:0:0:0", "3:0:0:2", "3:0:2:0"}),
-              listing(host, "/sys/class/scsi_device"));
-    EXPECT_EQ((std::vector<std::string>{".", "..", "qla2xxx", "scsi"}),
-              listing(host, "/proc/scsi"));
+    EXPECT_EQ("./ ../ host3/ host4/", listing(host, "/sys/class/scsi_host"));
+    EXPECT_EQ("./ ../ host3/", listing(host, "/sys/class/fc_host/"));
+    EXPECT_EQ("./ ../ 3:0:0:0/ 3:0:0:2/ 3:0:2:0/", listing(host, "/sys/class/scsi_device"));
+    EXPECT_EQ("./ ../ qla2xxx/ scsi", listing(host, "/proc/scsi"));
     EXPECT_EQ("0x21000024ff2c3d4e\n", text(host, "/sys/class/fc_host/host3/port_name"));
-    EXPECT_EQ(std::vector<std::string>{"<missing>"}, listing(host, "/dev/mapper"));
+    EXPECT_EQ(kNoEntry, listing(host, "/dev/mapper"));
 }
 
 TEST_F(SimHostTest, CommandsAreScriptedOrNotFoundAndEverythingIsRecorded)
 {
     host.addExecutable("/sbin/powermt");
     host.scriptCommand("/sbin/multipath -v0 ", {1, {"error", "more"}});
-    std::vector<std::string> output;
     int sysErrno = -1;
-    EXPECT_EQ(1, host.exec("/sbin/multipath -v0 ", output, 600, sysErrno));
-    EXPECT_EQ((std::vector<std::string>{"error", "more"}), output);
+    // "status|line|line..." of a command run through exec.
+    auto exec = [&](const char* command) {
+        std::vector<std::string> output;
+        std::string result = std::to_string(host.exec(command, output, 600, sysErrno));
+        for (const std::string& line : output)
+            result += "|" + line;
+        return result;
+    };
+    EXPECT_EQ("1|error|more", exec("/sbin/multipath -v0 "));
     EXPECT_EQ(0, sysErrno);
-    output.clear();
-    EXPECT_EQ(0, host.exec("/sbin/powermt save", output, 600, sysErrno));
-    EXPECT_TRUE(output.empty());
-    EXPECT_EQ(127, host.exec("/sbin/pidof -x multipathd", output, 600, sysErrno));
-    EXPECT_EQ(std::vector<std::string>{"sh: 1: /sbin/pidof: not found"}, output);
-    output.clear();
-    EXPECT_EQ(0, host.exec("/bin/ls /proc/scsi/qla2xxx/", output, 600, sysErrno));
-    EXPECT_EQ(std::vector<std::string>{"3"}, output);
-    output.clear();
-    EXPECT_EQ(2, host.exec("/bin/ls /proc/scsi/lpfc/", output, 600, sysErrno));
-    EXPECT_EQ(
-        std::vector<std::string>{
-            "/bin/ls: cannot access '/proc/scsi/lpfc/': No such file or directory"},
-        output);
+    EXPECT_EQ("0", exec("/sbin/powermt save"));
+    EXPECT_EQ("127|sh: 1: /sbin/pidof: not found", exec("/sbin/pidof -x multipathd"));
+    EXPECT_EQ("0|3", exec("/bin/ls /proc/scsi/qla2xxx/"));
+    EXPECT_EQ("2|/bin/ls: cannot access '/proc/scsi/lpfc/': No such file or directory",
+              exec("/bin/ls /proc/scsi/lpfc/"));
 
     const char* removal = "/bin/echo \"scsi remove-single-device 3 0 0 2\" >  /proc/scsi/scsi";
     EXPECT_EQ(0, host.system(removal));
     EXPECT_EQ(127 << 8, host.system("/sbin/nothing here"));
     host.scriptCommand("/bin/rescan-scsi-bus.sh", {kzfi_pdk_4_4::FI_EXEC_TIMED_OUT, {}});
-    EXPECT_EQ(kzfi_pdk_4_4::FI_EXEC_TIMED_OUT,
-              host.exec("/bin/rescan-scsi-bus.sh", output, 600, sysErrno));
+    EXPECT_EQ(std::to_string(kzfi_pdk_4_4::FI_EXEC_TIMED_OUT), exec("/bin/rescan-scsi-bus.sh"));
     EXPECT_EQ(ETIMEDOUT, sysErrno);
     host.scriptCommand("/bin/killed", {256 + 9, {}});
     EXPECT_EQ(9, host.system("/bin/killed"));
@@ -434,14 +410,11 @@ TEST_F(SimHostTest, NodesDirectoriesAndProgramsStatLikeTheirKind)
     host.addPowerPathDevice("emcpowera", "sdb");
     host.addExecutable("/sbin/powermt");
     host.addFile("/etc/iscsi/initiatorname.iscsi", "InitiatorName=iqn.x\n");
+    // Sizes, kinds and device numbers are pinned by the node tests; here what only programs,
+    // control files and snapshot files do.
     struct stat st;
     ASSERT_EQ(0, host.stat("/dev/sdc", &st));
     EXPECT_TRUE(S_ISBLK(st.st_mode));
-    EXPECT_EQ(makedev(8, 32), st.st_rdev);
-    ASSERT_EQ(0, host.stat("/dev/", &st));
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-    ASSERT_EQ(0, host.stat("/etc/iscsi/initiatorname.iscsi", &st));
-    EXPECT_EQ(20, st.st_size);
     EXPECT_EQ(0, host.access("/sbin/powermt", X_OK));
     EXPECT_EQ(-1, host.access("/etc/iscsi/initiatorname.iscsi", X_OK));
     EXPECT_EQ(-1, host.access("/bin/rescan-scsi-bus.sh", F_OK));
@@ -455,8 +428,7 @@ TEST_F(SimHostTest, NodesDirectoriesAndProgramsStatLikeTheirKind)
     host.setDeviceMapper(true);
     ASSERT_EQ(0, host.stat("/dev/mapper/control", &st));
     EXPECT_TRUE(S_ISCHR(st.st_mode));
-    EXPECT_EQ((std::vector<std::string>{".", "..", "emcpowera", "mapper", "sdb", "sdc", "sdf"}),
-              listing(host, "/dev"));
+    EXPECT_EQ("./ ../ emcpowera# mapper/ sdb# sdc# sdf#", listing(host, "/dev"));
 }
 
 TEST_F(SimHostTest, EchoIntoAMissingControlFileFailsLikeTheShell)
@@ -479,9 +451,8 @@ TEST_F(SimHostTest, InstalledHostAnswersTheSystemInterface)
 
 TEST(SimHostKernel24, OldKernelFormatsAndNoSysfs)
 {
-    std::string error;
-    std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + "host24.json", error);
-    ASSERT_TRUE(host) << error;
+    std::unique_ptr<SimHost> host = load("host24.json");
+    ASSERT_TRUE(host);
     std::string scsi = text(*host, "/proc/scsi/scsi");
     EXPECT_EQ(0u, scsi.find("Attached devices:\n"
                             "Host: scsi0 Channel: 00 Id: 00 Lun: 00\n"
@@ -490,14 +461,14 @@ TEST(SimHostKernel24, OldKernelFormatsAndNoSysfs)
         << scsi;
     EXPECT_NE(std::string::npos,
               text(*host, "/proc/partitions").find("   8     0   35843670 sda\n"));
-    EXPECT_EQ(std::vector<std::string>{"<missing>"}, listing(*host, "/sys/class/scsi_host"));
-    EXPECT_EQ((std::vector<std::string>{".", "..", "aic7xxx", "lpfc", "qla2300", "scsi"}),
-              listing(*host, "/proc/scsi"));
+    EXPECT_EQ(kNoEntry, listing(*host, "/sys/class/scsi_host"));
+    EXPECT_EQ("./ ../ aic7xxx/ lpfc/ qla2300/ scsi", listing(*host, "/proc/scsi"));
     // The probe's add-single-device finds the latent LUN behind the Emulex adapter.
     ASSERT_EQ(std::string::npos, scsi.find("Host: scsi3 Channel: 00 Id: 00 Lun: 01"));
     ASSERT_TRUE(writeFile(*host, "/proc/scsi/scsi", "scsi add-single-device 3 0 0 1\n"));
     EXPECT_NE(std::string::npos,
               text(*host, "/proc/scsi/scsi").find("Host: scsi3 Channel: 00 Id: 00 Lun: 01"));
+    std::string error;
     std::unique_ptr<SimHost> again = SimHost::fromJson(host->toJson(), error);
     ASSERT_TRUE(again) << error;
     EXPECT_EQ(DeviceState::Running, again->findDevice("sdg")->state);
@@ -506,9 +477,8 @@ TEST(SimHostKernel24, OldKernelFormatsAndNoSysfs)
 
 TEST(SimHostDatacenter, TypesOfEveryDeviceAndTheAdaptersFiles)
 {
-    std::string error;
-    std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + "datacenter.json", error);
-    ASSERT_TRUE(host) << error;
+    std::unique_ptr<SimHost> host = load("datacenter.json");
+    ASSERT_TRUE(host);
     std::string scsi = text(*host, "/proc/scsi/scsi");
     for (const char* line : {"  Type:   CD-ROM                           ANSI  SCSI revision: 05\n",
                              "  Type:   Sequential-Access                ANSI  SCSI revision: 03\n",
@@ -521,67 +491,6 @@ TEST(SimHostDatacenter, TypesOfEveryDeviceAndTheAdaptersFiles)
     EXPECT_EQ("0x10000000c9a1b2c3\n", text(*host, "/sys/class/fc_host/host4/port_name"));
     EXPECT_NE(std::string::npos,
               text(*host, "/proc/partitions").find(" 253        0   52428800 dm-0\n"));
-}
-
-// The first claiming generator's UDID of a node, or the message id it throws.
-std::string udidOf(const std::string& node)
-{
-    // Generators live for the process, as the factory keeps them.
-    static std::vector<CUdidGenerator*>* table =
-        new std::vector<CUdidGenerator*>(createUdidGeneratorTable());
-    CScsiDeviceData record(node, "", "dbhost01", 0, 0, 0, -1, "", "", "", 0);
-    CScsiTool tool;
-    if (tool.UpdateDevice(&record) != 0) {
-        return "not a disk";
-    }
-    for (CUdidGenerator* generator : *table) {
-        if (generator->claimDevice(&record)) {
-            try {
-                std::string body = generator->getUniqueDeviceID(&record);
-                return generator->getUniqueDeviceIDPrefix(&record) + body;
-            } catch (const CUdidGeneratorException& error) {
-                return error.m_messageId;
-            }
-        }
-    }
-    return "unclaimed";
-}
-
-TEST(SimHostDatacenter, EveryArrayFamilyGetsItsUdid)
-{
-    std::string error;
-    std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + "datacenter.json", error);
-    ASSERT_TRUE(host) << error;
-    simhost::SimHostInstall install(*host);
-    const std::pair<const char*, const char*> expected[] = {
-        {"/dev/sda",
-         "UDID##ATA##ST3500418AS##008300200201001c415441202020202053543335303034313841"
-         "532039564d5132414243"},
-        {"/dev/sr0", "not a disk"},
-        {"/dev/st0", "not a disk"},
-        {"/dev/sdb",
-         "UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3a:b1:1e:00:4c:8f:5e:59:72:c3:e0:11"},
-        {"/dev/sdc", "UDID##EMC##SYMMETRIX##000001879014##0A3F"},
-        {"/dev/sdd", "UDID##IBM##TOTALSTORAGE##IBM.2107-7512345##1a2b"},
-        {"/dev/sde", "UDID##HP##HSV##5000-1FE1-5005-ABCD##6005-08B4-0010-1234-0000-A000-0123-0000"},
-        {"/dev/sdf", "UDID##HP##XP##10057##1234"},
-        {"/dev/sdg", "UDID##HP##3PAR##1234567##50002AC000010ABC"},
-        {"/dev/sdh", "UDID##HITACHI##HDS##1234##18"},
-        {"/dev/sdi",
-         "UDID##ENGENIO##UNIVERSAL##600a0b8000112233000000004a5b6c7d##"
-         "600A0B8000112233000004D24A5B6C7D"},
-        {"/dev/sdj", "UDID##NETAPP##LUN##1234567890##50334f6f473457564c783452"},
-        {"/dev/sdk", "UDID##FUJITSU##ETERNUS##4321ABCD##600000E00D0000000001234500010000"},
-        {"/dev/sdl", "UDID##ACME##BIG_DISK_2##0083001401030010600123456789abcdef0123456789abcd"},
-        {"/dev/sdm", "MSG_UDID_ERROR_INVALID_SCSI_DEVICE_DATA"},
-        {"/dev/sdn", "not a disk"},  // unresponsive
-        {"/dev/mapper/mpatha",
-         "UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3a:b1:1e:00:4c:8f:5e:59:72:c3:e0:11"},
-        {"/dev/emcpowera", "UDID##EMC##SYMMETRIX##000001879014##0A3F"},
-    };
-    for (const auto& entry : expected) {
-        EXPECT_EQ(entry.second, udidOf(entry.first)) << entry.first;
-    }
 }
 
 // A rescan with bus rescanning replays each example host: latent LUNs are found by the 2.6
@@ -603,9 +512,8 @@ TEST(SimHostExamples, RescanFindsTheLatentLunsOfEachHost)
         {"modern.json", {"/dev/mapper/mpatha", "/dev/sda", "/dev/sdb"}},
     };
     for (const Case& c : cases) {
-        std::string error;
-        std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + c.file, error);
-        ASSERT_TRUE(host) << error;
+        std::unique_ptr<SimHost> host = load(c.file);
+        ASSERT_TRUE(host);
         simhost::SimHostInstall install(*host);
         CLinuxDeviceDiscovery discovery;
         std::vector<std::string> found;
@@ -634,9 +542,9 @@ TEST(SimHostIdentity, UnameAndHostname)
 TEST(SimHostSnapshot, ExampleHostsLoadAndSurviveARoundTrip)
 {
     for (const char* name : {"datacenter.json", "host24.json", "modern.json"}) {
+        std::unique_ptr<SimHost> host = load(name);
+        ASSERT_TRUE(host);
         std::string error;
-        std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + name, error);
-        ASSERT_TRUE(host) << error;
         std::unique_ptr<SimHost> again = SimHost::fromJson(host->toJson(), error);
         ASSERT_TRUE(again) << name << ": " << error;
         EXPECT_EQ(host->toJson(), again->toJson()) << name;
@@ -661,9 +569,8 @@ TEST(SimHostSnapshot, TheDocumentedExampleLoads)
 
 TEST(SimHostSnapshot, ModernHostHasNoProcScsi)
 {
-    std::string error;
-    std::unique_ptr<SimHost> host = SimHost::fromFile(kHosts + "modern.json", error);
-    ASSERT_TRUE(host) << error;
+    std::unique_ptr<SimHost> host = load("modern.json");
+    ASSERT_TRUE(host);
     errno = 0;
     EXPECT_EQ(nullptr, host->fopen("/proc/scsi/scsi", "r"));
     EXPECT_EQ(ENOENT, errno);
@@ -678,48 +585,33 @@ TEST(SimHostSnapshot, BadSnapshotsAreRejectedWithOneMessage)
     struct Case {
         std::string json;
         std::string message;
-    } cases[] = {
+    };
+    auto with = [&](const std::string& rest) { return "{" + head + ", " + rest + "}"; };
+    auto device = [&](const std::string& fields) {
+        return with(R"("devices": [{"name": "sdb", "address": [0, 0, 1, 0], )" + fields + "}]");
+    };
+    // clang-format off
+    const Case cases[] = {
         {"{", "not JSON: "},
         {"[]", "snapshot: expected a JSON object"},
         {R"({"format": 2})", "format: unsupported format 2 (expected 1)"},
-        {R"({"format": 1, "hostname": "h", "kernel_release": "r", "proc_scsi": true})",
-         "devices: missing"},
-        {"{" + head + R"(, "devices": [], "hostname2": 1})", "hostname2: unknown field"},
-        {R"({"format": 1, "hostname": 7, "kernel_release": "r", "proc_scsi": true, "devices": []})",
-         "hostname: expected a string or null"},
-        {"{" + head + R"(, "devices": [{"name": "sdb", "address": [0, 0, 1], "inquiry": ""}]})",
-         "devices[0].address: expected [host, channel, id, lun]"},
-        {"{" + head + R"(, "devices": [{"name": "sdb", "address": [0, 0, 1, 0]}]})",
-         "devices[0].inquiry: missing"},
-        {"{" + head +
-             R"(, "devices": [{"name": "sdb", "address": [0, 0, 1, 0], "inquiry": "0g"}]})",
-         "devices[0].inquiry: not hexadecimal"},
-        {"{" + head +
-             R"(, "devices": [{"name": "sdb", "address": [0, 0, 1, 0], "inquiry": "00", "vpd": {"83": "123"}}]})",
-         "devices[0].vpd.83: not hexadecimal"},
-        {"{" + head +
-             R"(, "devices": [{"name": "sdb", "address": [0, 0, 1, 0], "inquiry": "00", "state": "dead"}]})",
-         "devices[0].state: unknown state \"dead\" (expected running, latent, unresponsive, gone "
-         "or removed)"},
-        {"{" + head + ", \"devices\": [" + sdb + ", " + sdb + "]}",
-         "devices[1].name: duplicate device name sdb"},
-        {"{" + head + ", \"devices\": [" + sdb +
-             R"(, {"name": "sdc", "address": [0, 0, 1, 0], "inquiry": "00"}]})",
-         "devices[1].address: duplicate address 0:0:1:0"},
-        {"{" + head + ", \"devices\": [" + sdb +
-             R"(], "multipath_maps": [{"name": "mpatha", "device": "sdz"}]})",
-         "multipath_maps[0].device: unknown device sdz"},
-        {"{" + head +
-             R"(, "devices": [{"name": "sdb", "address": [0, 0, 1, 0], "inquiry": "00", "partitions": ["sdc1"]}]})",
-         "devices[0].partitions[0]: sdc1 is not a partition of sdb"},
-        {"{" + head + ", \"devices\": [" + sdb +
-             R"(], "powerpath": [{"name": "sdb", "device": "sdb"}]})",
-         "powerpath[0].name: node /dev/sdb is a device's node"},
-        {"{" + head + R"(, "devices": [], "adapters": [{"host": -1, "driver": "lpfc"}]})",
-         "adapters[0].host: expected an integer from 0 to 65535"},
-        {"{" + head + R"(, "devices": [], "commands": {"/bin/x": {"exit": "0"}}})",
-         "commands[\"/bin/x\"].exit: expected an integer from 0 to 1001"},
+        {R"({"format": 1, "hostname": "h", "kernel_release": "r", "proc_scsi": true})", "devices: missing"},
+        {with(R"("devices": [], "hostname2": 1)"), "hostname2: unknown field"},
+        {R"({"format": 1, "hostname": 7, "kernel_release": "r", "proc_scsi": true, "devices": []})", "hostname: expected a string or null"},
+        {with(R"("devices": [{"name": "sdb", "address": [0, 0, 1], "inquiry": ""}])"), "devices[0].address: expected [host, channel, id, lun]"},
+        {with(R"("devices": [{"name": "sdb", "address": [0, 0, 1, 0]}])"), "devices[0].inquiry: missing"},
+        {device(R"("inquiry": "0g")"), "devices[0].inquiry: not hexadecimal"},
+        {device(R"("inquiry": "00", "vpd": {"83": "123"})"), "devices[0].vpd.83: not hexadecimal"},
+        {device(R"("inquiry": "00", "state": "dead")"), "devices[0].state: unknown state \"dead\" (expected running, latent, unresponsive, gone or removed)"},
+        {with("\"devices\": [" + sdb + ", " + sdb + "]"), "devices[1].name: duplicate device name sdb"},
+        {with("\"devices\": [" + sdb + R"(, {"name": "sdc", "address": [0, 0, 1, 0], "inquiry": "00"}])"), "devices[1].address: duplicate address 0:0:1:0"},
+        {with("\"devices\": [" + sdb + R"(], "multipath_maps": [{"name": "mpatha", "device": "sdz"}])"), "multipath_maps[0].device: unknown device sdz"},
+        {device(R"("inquiry": "00", "partitions": ["sdc1"])"), "devices[0].partitions[0]: sdc1 is not a partition of sdb"},
+        {with("\"devices\": [" + sdb + R"(], "powerpath": [{"name": "sdb", "device": "sdb"}])"), "powerpath[0].name: node /dev/sdb is a device's node"},
+        {with(R"("devices": [], "adapters": [{"host": -1, "driver": "lpfc"}])"), "adapters[0].host: expected an integer from 0 to 65535"},
+        {with(R"("devices": [], "commands": {"/bin/x": {"exit": "0"}})"), "commands[\"/bin/x\"].exit: expected an integer from 0 to 1001"},
     };
+    // clang-format on
     for (const Case& c : cases) {
         std::string error;
         EXPECT_EQ(nullptr, SimHost::fromJson(c.json, error)) << c.json;
@@ -735,6 +627,166 @@ TEST(SimHostSnapshot, BadSnapshotsAreRejectedWithOneMessage)
     EXPECT_EQ("cannot read /nonexistent/host.json: No such file or directory", error);
     EXPECT_EQ(nullptr, SimHost::fromFile(kHosts, error));
     EXPECT_EQ("cannot read " + kHosts + ": Is a directory", error);
+}
+
+// ---- device nodes looked up by name, and changes made through held references
+
+SimDevice labelledDisk(const std::string& name, const std::string& vendor, int lun,
+                       DeviceState state = DeviceState::Running)
+{
+    SimDevice device = simDisk(name, 2, 0, 0, lun, state);
+    device.inquiry = inquiryPage(vendor, "", 36);
+    return device;
+}
+
+// What opening `path` gives: "errno N", or "major:minor vendor" with the vendor that the
+// standard INQUIRY on the node returns ("-" when the command fails).
+std::string probe(SimHost& host, const std::string& path)
+{
+    int fd = host.open(path.c_str(), O_RDWR | O_NONBLOCK);
+    if (fd < 0)
+        return "errno " + std::to_string(errno);
+    struct stat st;
+    std::string result = "?";
+    if (host.stat(path.c_str(), &st) == 0)
+        result = std::to_string(major(st.st_rdev)) + ":" + std::to_string(minor(st.st_rdev));
+    unsigned char buffer[8 + 96] = {0};
+    buffer[4] = 96;  // output length
+    buffer[8] = 0x12;
+    buffer[12] = 96;
+    if (host.ioctl(fd, 1, buffer) == 0) {
+        result += " " + std::string(reinterpret_cast<char*>(buffer) + 16, 8);
+    } else {
+        result += " -";
+    }
+    host.close(fd);
+    return result;
+}
+
+struct Case {
+    std::string path;
+    std::string expected;
+};
+
+void expectProbes(SimHost& host, const std::vector<Case>& cases)
+{
+    for (const Case& c : cases) {
+        EXPECT_EQ(c.expected, probe(host, c.path)) << c.path;
+    }
+}
+
+class SimHostNodes : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        SimDevice sda = labelledDisk("sda", "ALPHA", 0);
+        sda.partitions.push_back("sda1");
+        host.addDevice(sda);
+        host.addDevice(labelledDisk("sdb", "BRAVO", 1, DeviceState::Gone));
+        host.addDevice(labelledDisk("sdc", "CHARLIE", 2, DeviceState::Latent));
+        host.addDevice(labelledDisk("sdaa", "DELTA", 3));
+        host.addPowerPathDevice("emcpowera", "sdaa");
+        host.addMultipathMap("mpatha", "sda");
+        host.addMultipathMap("mpathb");
+    }
+    SimHost host;
+};
+
+TEST_F(SimHostNodes, EachNodeIsItsDeviceOrWhatItFronts)
+{
+    expectProbes(host, {
+                           {"/dev/sda", "8:0 ALPHA   "},
+                           {"/dev/sda1", "8:1 ALPHA   "},
+                           {"/dev//sda", "8:0 ALPHA   "},
+                           {"/dev/sdb", "errno " + std::to_string(ENXIO)},
+                           {"/dev/sdc", kNoEntry},
+                           {"/dev/sdaa", "65:160 DELTA   "},
+                           {"/dev/emcpowera", "120:0 DELTA   "},
+                           {"/dev/mapper/mpatha", "253:0 ALPHA   "},
+                           {"/dev/mapper/mpathb", "253:1 -"},
+                           {"/dev/mapper/control", "10:236 -"},
+                           {"/dev/mapper/.", kNoEntry},
+                           {"/dev/sdz", kNoEntry},
+                           {"/dev/mapper", "errno " + std::to_string(EISDIR)},
+                       });
+}
+
+TEST_F(SimHostNodes, ChangesThroughHeldReferencesAreSeenAfterEarlierLookups)
+{
+    probe(host, "/dev/sda");
+    SimDevice* sda = host.findDevice("sda");
+    ASSERT_NE(nullptr, sda);
+    sda->name = "sdq";
+    sda->partitions.assign(1, "sdq2");
+    host.findDevice("sdc")->state = DeviceState::Running;
+    host.findDevice("sdaa")->state = DeviceState::Gone;
+    expectProbes(host, {
+                           {"/dev/sda", kNoEntry},
+                           {"/dev/sda1", kNoEntry},
+                           {"/dev/sdq", "65:0 ALPHA   "},
+                           {"/dev/sdq2", "65:2 ALPHA   "},
+                           {"/dev/sdc", "8:32 CHARLIE "},
+                           {"/dev/sdaa", "errno " + std::to_string(ENXIO)},
+                           // The map still names sda, which no device is called any more.
+                           {"/dev/mapper/mpatha", "253:0 -"},
+                       });
+    host.addDevice(labelledDisk("sda", "ECHO", 4));
+    expectProbes(host, {{"/dev/sda", "8:0 ECHO    "}, {"/dev/mapper/mpatha", "253:0 ECHO    "}});
+}
+
+// A name the kernel gave again: the node is the listed device's, and commands reach the first
+// device of that name, as the walks over the devices have it.
+TEST_F(SimHostNodes, ReusedNamesKeepTheFirstDevicesAnswers)
+{
+    host.findDevice("sdb")->state = DeviceState::Removed;
+    host.addDevice(labelledDisk("sdb", "FOXTROT", 5));
+    expectProbes(host, {{"/dev/sdb", "8:16 -"}, {"/dev/sda", "8:0 ALPHA   "}});
+}
+
+std::string statOf(SimHost& host, const std::string& path)
+{
+    struct stat st;
+    if (host.stat(path.c_str(), &st) != 0)
+        return "errno " + std::to_string(errno);
+    return (S_ISDIR(st.st_mode)   ? "dir "
+            : S_ISREG(st.st_mode) ? "file "
+                                  : "node ") +
+           std::to_string(st.st_size);
+}
+
+TEST_F(SimHostNodes, ListingsAndStatsSeeTheWholeTree)
+{
+    host.addFile("/etc/iscsi/initiatorname.iscsi", "InitiatorName=iqn.x\n");
+    host.addExecutable("/sbin/multipath");
+    const std::vector<Case> listings = {
+        {"/", "./ ../ dev/ etc/ proc/ sbin/ sys/"},
+        {"/dev", "./ ../ emcpowera# mapper/ sda# sda1# sdaa# sdb#"},
+        {"/dev/", "./ ../ emcpowera# mapper/ sda# sda1# sdaa# sdb#"},
+        {"/dev/mapper", "./ ../ control mpatha# mpathb#"},
+        {"/sys/class/scsi_device", "./ ../ 2:0:0:0/ 2:0:0:1/ 2:0:0:3/"},
+        {"/proc", "./ ../ partitions scsi/"},
+        {"/dev/sda", "errno " + std::to_string(ENOTDIR)},
+        {"/dev/mapper/.", kNoEntry},
+    };
+    for (const Case& c : listings) {
+        EXPECT_EQ(c.expected, listing(host, c.path)) << c.path;
+    }
+    std::string partitions;
+    ASSERT_TRUE(host.fileText("/proc/partitions", partitions));
+    const std::vector<Case> stats = {
+        {"/", "dir 0"},
+        {"/dev/mapper", "dir 0"},
+        {"/sys/class/scsi_device/2:0:0:1/device", "dir 0"},
+        {"/sys/class/scsi_device/2:0:0:1/device/delete", "file 0"},
+        {"/etc/iscsi/initiatorname.iscsi", "file 20"},
+        {"/proc/partitions", "file " + std::to_string(partitions.size())},
+        {"/sbin/multipath", "file 0"},
+        {"/dev/sdaa", "node 0"},
+        {"/sys/class/scsi_device/2:0:0:2", kNoEntry},
+    };
+    for (const Case& c : stats) {
+        EXPECT_EQ(c.expected, statOf(host, c.path)) << c.path;
+    }
 }
 
 }  // namespace

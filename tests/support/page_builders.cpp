@@ -9,9 +9,8 @@ Bytes hexBytes(const std::string& digits)
     Bytes out;
     std::string pair;
     for (char c : digits) {
-        if (!isxdigit(static_cast<unsigned char>(c))) {
+        if (!isxdigit(static_cast<unsigned char>(c)))
             continue;
-        }
         pair += c;
         if (pair.size() == 2) {
             out.push_back(uint8_t(strtoul(pair.c_str(), nullptr, 16)));
@@ -25,9 +24,8 @@ PageBuilder::PageBuilder(size_t length) : m_bytes(length, 0) {}
 
 PageBuilder& PageBuilder::text(size_t offset, const std::string& text)
 {
-    if (m_bytes.size() < offset + text.size()) {
+    if (m_bytes.size() < offset + text.size())
         m_bytes.resize(offset + text.size(), 0);
-    }
     std::copy(text.begin(), text.end(), m_bytes.begin() + long(offset));
     return *this;
 }
@@ -82,9 +80,8 @@ std::unique_ptr<CScsiDeviceData> makeDevice(const std::string& vendor, const std
     for (const auto& page : pages) {
         CScsiModePage& cached = device->m_pageCache[page.first];
         cached.set(page.second.data(), unsigned(page.second.size()));
-        if (page.second.empty()) {
+        if (page.second.empty())
             cached.m_length = 512;
-        }
     }
     device->m_supportedPages = supported;
     return device;

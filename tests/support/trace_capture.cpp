@@ -23,18 +23,16 @@ std::vector<std::string> TraceCapture::at(int level) const
 std::vector<std::string> TraceCapture::all() const
 {
     std::vector<std::string> out;
-    for (const auto& line : m_sink->lines()) {
+    for (const auto& line : m_sink->lines())
         out.push_back(line.second);
-    }
     return out;
 }
 
 bool TraceCapture::has(int level, const std::string& message) const
 {
     for (const auto& line : m_sink->lines()) {
-        if (line.first == level && line.second == message) {
+        if (line.first == level && line.second == message)
             return true;
-        }
     }
     return false;
 }

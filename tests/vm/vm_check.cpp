@@ -4,6 +4,7 @@
 // passed, 1 when one failed and 77 when the guest could not run on this machine.
 //
 // Usage: vm_check WORK DISKS_CONF GROUP   (GROUP: boot, sg3, map, pages, capture, lock, rescan)
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <fstream>
@@ -191,17 +192,12 @@ std::vector<std::string> mapPaths()
 // What the UDID of a device must be, worked out from the raw answers the guest's sg3-utils read.
 // Only the families the guest's disks are built for are known here. The Clariion disk has no
 // page 0xC0, so its array serial comes from page 0x80.
-std::vector<std::string> expectedUdids(const std::string& dev, const std::string& host)
+std::string expectedUdid(const std::string& dev, const std::string& host)
 {
     Bytes inq = kept(bytes(dev + ".inquiry"), true);
     std::string vendor = field(inq, 8, 8), product = field(inq, 16, 16);
     std::vector<int> sup = supportedPages(dev);
-    auto listed = [&](int c) {
-        for (int s : sup)
-            if (s == c)
-                return true;
-        return false;
-    };
+    auto listed = [&](int c) { return std::find(sup.begin(), sup.end(), c) != sup.end(); };
     Bytes p80 = listed(0x80) ? page(dev, 0x80) : Bytes(),
           p83 = listed(0x83) ? page(dev, 0x83) : Bytes();
 
@@ -226,32 +222,16 @@ std::vector<std::string> expectedUdids(const std::string& dev, const std::string
 
     if (vendor == "3PARdata" && product == "VV" && p80.size() > 11 && p83.size() >= 16) {
         std::string serial = field(p80, 4, 8);
-        return {upper("UDID##HP##3PAR##" + serial + "##" + hex(p83, 8, 8, true))};
+        return upper("UDID##HP##3PAR##" + serial + "##" + hex(p83, 8, 8, true));
     }
     if (vendor == "DGC" && product.find("RAID") != std::string::npos && p83.size() > 22 &&
         p80.size() > 4 && p80[3] + 4u <= p80.size()) {
         std::string serial = field(p80, 4, 14);
         std::string wwn = hex(p83, 8, 16, false, ":");
         wwn.pop_back();
-        return {upper("UDID##DGC##CLARIION##" + serial + "##" + wwn)};
+        return upper("UDID##DGC##CLARIION##" + serial + "##" + wwn);
     }
-    return {def};
-}
-
-bool contains(const std::vector<std::string>& v, const std::string& s)
-{
-    for (const std::string& x : v)
-        if (x == s)
-            return true;
-    return false;
-}
-
-std::string join(const std::vector<std::string>& v)
-{
-    std::string s;
-    for (const std::string& x : v)
-        s += (s.empty() ? "" : " or ") + x;
-    return s;
+    return def;
 }
 
 bool parseJson(const std::string& name, nlohmann::json& j)
@@ -266,12 +246,11 @@ bool parseJson(const std::string& name, nlohmann::json& j)
     }
 }
 
-bool scsitoolRan()
+// The verdict on a run's exit code file `run`.rc, with its `errors` file as the detail.
+void exitVerdict(const std::string& name, const std::string& run, const std::string& errors)
 {
-    if (have("map.json"))
-        return true;
-    std::cout << "vm: SKIP: the guest ran without scsitool\n";
-    return false;
+    std::string rc = exitCode(run + ".rc");
+    verdict(name, rc == "0", "exit " + rc + " " + text(errors));
 }
 
 // ---- groups ----
@@ -328,10 +307,7 @@ void checkSg3(const std::vector<Disk>& disks)
 
 void checkMap()
 {
-    if (!scsitoolRan())
-        return;
-    verdict("map_exit", exitCode("map.rc") == "0",
-            "exit " + exitCode("map.rc") + " " + text("map.err"));
+    exitVerdict("map_exit", "map", "map.err");
     nlohmann::json map;
     if (!parseJson("map.json", map))
         return;
@@ -350,12 +326,11 @@ void checkMap()
         }
         const nlohmann::json& e = it->second;
         int level = dev == "mpatha" ? 16 : 2;
-        std::vector<std::string> udids = expectedUdids(dev, "vmguest");
-        std::string uid = e.value("Uid", "");
-        bool ok = e.value("dmpClaimLevel", -1) == level && contains(udids, uid) &&
+        std::string udid = expectedUdid(dev, "vmguest");
+        bool ok = e.value("dmpClaimLevel", -1) == level && e.value("Uid", "") == udid &&
                   e.value("NativePath", nlohmann::json::array()) == nlohmann::json::array();
         verdict("map_" + dev, ok,
-                e.dump() + " expected level " + std::to_string(level) + " and " + join(udids));
+                e.dump() + " expected level " + std::to_string(level) + " and " + udid);
     }
     // The map's pseudo-device is the same logical unit as each of its paths.
     std::vector<std::string> paths = mapPaths();
@@ -380,16 +355,13 @@ void checkMap()
 
 void checkPages()
 {
-    if (!scsitoolRan())
-        return;
     static const int fixed[] = {0x83, 0x80, 0xC0, 0xC8, 0x10, 0x11, 0xD0};
     std::vector<std::string> paths = mapPaths();
     for (const std::string& dev : guestDevices()) {
         std::string name = "pages_" + dev;
         nlohmann::json show;
         if (exitCode(dev + ".show.rc") != "0") {
-            verdict(name, false,
-                    "exit " + exitCode(dev + ".show.rc") + " " + text(dev + ".show.err"));
+            exitVerdict(name, dev + ".show", dev + ".show.err");
             continue;
         }
         if (!parseJson(dev + ".show.json", show))
@@ -463,12 +435,8 @@ void checkPages()
 
 void checkCapture()
 {
-    if (!scsitoolRan())
-        return;
-    verdict("capture_exit", exitCode("capture.rc") == "0",
-            "exit " + exitCode("capture.rc") + " " + text("capture.out"));
-    verdict("capture_replay_exit", exitCode("replay.rc") == "0",
-            "exit " + exitCode("replay.rc") + " " + text("replay.err"));
+    exitVerdict("capture_exit", "capture", "capture.out");
+    exitVerdict("capture_replay_exit", "replay", "replay.err");
     nlohmann::json guest, replay;
     if (!parseJson("map.json", guest) || !parseJson("replay.json", replay))
         return;
@@ -488,15 +456,11 @@ std::string stampOf(const std::string& trace, const std::string& what)
 
 void checkLock()
 {
-    if (!scsitoolRan())
-        return;
     nlohmann::json guest;
     if (!parseJson("map.json", guest))
         return;
     for (const char* run : {"lock1", "lock2"}) {
-        std::string rc = exitCode(std::string(run) + ".rc");
-        verdict(std::string(run) + "_exit", rc == "0",
-                "exit " + rc + " " + text(std::string(run) + ".err"));
+        exitVerdict(std::string(run) + "_exit", run, std::string(run) + ".err");
         nlohmann::json j;
         if (parseJson(std::string(run) + ".json", j))
             verdict(std::string(run) + "_same_map", j == guest, j.dump());
@@ -513,10 +477,7 @@ void checkLock()
 
 void checkRescan()
 {
-    if (!scsitoolRan())
-        return;
-    verdict("rescan_exit", exitCode("rescan.rc") == "0",
-            "exit " + exitCode("rescan.rc") + " " + text("rescan.err"));
+    exitVerdict("rescan_exit", "rescan", "rescan.err");
     std::string before, after = text("rescan.devices");
     for (const std::string& dev : guestDevices())
         if (dev != "mpatha")
@@ -576,6 +537,10 @@ int main(int argc, char** argv)
         std::cout << "vm: SKIP: the guest did not run (see the vm_guest test)\n";
         return skipped.rfind("77", 0) == 0 ? 77 : 1;
     }
+    if (group != "boot" && group != "sg3" && !have("map.json")) {
+        std::cout << "vm: SKIP: the guest ran without scsitool\n";
+        return 77;
+    }
     std::vector<Disk> disks = readDisks(argv[2]);
     if (group == "boot")
         checkBoot();
@@ -595,7 +560,5 @@ int main(int argc, char** argv)
         std::cerr << "vm_check: unknown group " << group << "\n";
         return 2;
     }
-    if (failures == 0 && group != "boot" && group != "sg3" && !have("map.json"))
-        return 77;
     return failures == 0 ? 0 : 1;
 }
