@@ -13,13 +13,7 @@ namespace {
 
 CUDIDFactory& factory()
 {
-    // Kept for the process, like the plug-in's own factory.
-    static CUDIDFactory* instance = [] {
-        CUDIDFactory* f = new CUDIDFactory();
-        f->registerTraceLog(fuzzinput::discardLog());
-        return f;
-    }();
-    return *instance;
+    return fuzzinput::sharedFactory();
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "device_udid_factory.h"
 #include "fi_trace.h"
 
 namespace fuzzinput {
@@ -68,6 +69,17 @@ inline const kzfi_pdk_4_4::CFiTraceLogPtr& discardLog()
         return ptr;
     }();
     return *log;
+}
+
+// One factory for every input, kept for the process like the plug-in's own.
+inline CUDIDFactory& sharedFactory()
+{
+    static CUDIDFactory* instance = [] {
+        CUDIDFactory* f = new CUDIDFactory();
+        f->registerTraceLog(discardLog());
+        return f;
+    }();
+    return *instance;
 }
 
 }  // namespace fuzzinput

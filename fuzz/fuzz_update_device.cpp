@@ -13,12 +13,7 @@ namespace {
 
 CUDIDFactory& factory()
 {
-    static CUDIDFactory* instance = [] {
-        CUDIDFactory* f = new CUDIDFactory();
-        f->registerTraceLog(fuzzinput::discardLog());
-        return f;
-    }();
-    return *instance;
+    return fuzzinput::sharedFactory();
 }
 
 const simhost::DeviceState kStates[] = {
