@@ -24,6 +24,9 @@ while [ $# -gt 0 ]; do
 done
 [ ${#targets[@]} -gt 0 ] || targets=("${FUZZ_TARGETS[@]}")
 bash fuzz/build.sh >/dev/null
+# Allocation stacks cost a tenth of every execution of the allocation-heavy targets; a crash found
+# here is replayed with the full report from its artifact.
+export ASAN_OPTIONS="${ASAN_OPTIONS:-malloc_context_size=0}"
 root=build/fuzz/campaign
 mkdir -p "$root"
 status=0

@@ -58,8 +58,7 @@ int SimHost::State::run(const std::string& command, std::vector<std::string>& ou
     const std::string& program = argv[0];
     if (program == "/bin/ls" || program == "ls") {
         // ls answered from the model's own directories: entries without "." and "..", sorted,
-        // one per line.
-        SimTree files = tree();
+        // one per line. Only the part of the tree under each path listed is built.
         int status = 0;
         std::vector<std::string> paths(argv.begin() + 1, argv.end());
         paths.erase(std::remove_if(paths.begin(), paths.end(),
@@ -70,6 +69,7 @@ int SimHost::State::run(const std::string& command, std::vector<std::string>& ou
         }
         for (const std::string& path : paths) {
             const std::string normal = normalizePath(path);
+            const SimTree files = tree(false, normal);
             auto found = files.find(normal);
             if (found == files.end()) {
                 output.push_back(program + ": cannot access '" + path +
