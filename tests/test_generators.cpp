@@ -10,7 +10,6 @@
 #include "device_udid_generator.h"
 #include "fi_system.h"
 #include "page_builders.h"
-#include "simhost.h"
 #include "trace_capture.h"
 
 using namespace kzfi_pdk_4_4;
@@ -377,30 +376,6 @@ TEST(NetAppGenerator, SendsTheIdentityCommandAndWalksItsRecords)
     auto shortPage = makeDevice("NETAPP", "LUN", {{0x83, PageBuilder(32)}}, {0x83});
     EXPECT_EQ(bodyOf(&generator, shortPage.get()),
               "MSG_UDID_ERROR_INVALID_SCSI_DEVICE_DATA [NETAPP] [LUN]");
-}
-
-TEST(NetAppGenerator, AsksTheFilerOnASimulatedHost)
-{
-    simhost::SimHost host;
-    simhost::SimDevice filer;
-    filer.name = "sdq";
-    filer.hasVendorCommand = true;
-    filer.vendorCommand =
-        PageBuilder(300).byte(8, 0x10).byte(11, 0x40).byte(72, 0x22).text(100, "FAS8200-A");
-    host.addDevice(filer);
-    filer.name = "sdr";
-    filer.state = simhost::DeviceState::Gone;
-    host.addDevice(filer);
-    simhost::SimHostInstall installed(host);
-
-    CNetAppUdidGenerator generator("NETAPP", "LUN");
-    const std::map<unsigned int, Bytes> pages = {
-        {0x83, PageBuilder(33).hex(21, "4e6574417070204c554e2031")}};
-    auto sdq = makeDevice("NETAPP", "LUN", pages, {0x83}, "/dev/sdq");
-    EXPECT_EQ(bodyOf(&generator, sdq.get()), "FAS8200-A##4e6574417070204c554e2031");
-    auto sdr = makeDevice("NETAPP", "LUN", pages, {0x83}, "/dev/sdr");
-    EXPECT_EQ(bodyOf(&generator, sdr.get()),
-              "MSG_UDID_ERROR_INVALID_SCSI_PAGE_DATA [NETAPP] [LUN]");
 }
 
 TEST(ClariionGenerator, ArraySerialSourcesAndTraces)
