@@ -275,20 +275,30 @@ TEST(CommandShow, WarningsOfTheQueryAreReported)
                                      "device."}));
 }
 
-TEST(CommandUdid, AcceptsAKernelNameOrANodeAndAnswersFromTheMap)
+TEST(CommandUdid, AnswersFromTheMapAndRescansForAMissingDeviceOnlyWhenAsked)
 {
-    nlohmann::json map = parseJson(run({"--host", kDatacenter, "map", "--json"}).out);
-    std::string sdc;
-    for (const nlohmann::json& entry : map) {
-        if (entry["DeviceName"] == "/dev/sdc")
-            sdc = entry["Uid"];
-    }
-    ASSERT_FALSE(sdc.empty());
-    for (const char* name : {"sdc", "/dev/sdc"}) {
-        Result result = run({"--host", kDatacenter, "udid", name});
-        EXPECT_EQ(result.status, 0) << name;
-        EXPECT_EQ(result.out, sdc + "\n") << name;
-        EXPECT_EQ(result.err, "") << name;
+    const std::string sdc = "UDID##EMC##SYMMETRIX##000001879014##0A3F\n";
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+        std::string out;
+    } cases[] = {
+        {{"sdc"}, 0, sdc},
+        {{"/dev/sdc"}, 0, sdc},
+        {{"sdo"}, 3, ""},  // latent: found by a bus rescan only
+        {{"sdo", "--rescan-if-missing"},
+         0,
+         "UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3A:B1:1E:00:4C:8F:5E:59:72:C3:E0:44\n"},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> args{"--host", kDatacenter, "udid"};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        Result result = run(args);
+        EXPECT_EQ(result.status, c.status) << describe(args) << "\n" << result.err;
+        EXPECT_EQ(result.out, c.out) << describe(args);
+        if (c.status == 0) {
+            EXPECT_EQ(result.err, "") << describe(args);
+        }
     }
 }
 
@@ -409,16 +419,6 @@ TEST(CommandMap, FlagsReachTheRescan)
         EXPECT_EQ(result.out.find("\n/dev/sdo ") != std::string::npos, c.latentAppears)
             << describe(args);
     }
-}
-
-TEST(CommandUdid, RescansForAMissingDeviceOnlyWhenAsked)
-{
-    EXPECT_EQ(run({"--host", kDatacenter, "udid", "sdo"}).status, 3);
-    Result found = run({"--host", kDatacenter, "udid", "sdo", "--rescan-if-missing"});
-    EXPECT_EQ(found.status, 0) << found.err;
-    EXPECT_EQ(found.out,
-              "UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3A:B1:1E:00:4C:8F:5E:59:72:C3:E0:"
-              "44\n");
 }
 
 TEST(CommandCapture, ARescanOfTheReplayFindsWhatTheHostWouldFind)

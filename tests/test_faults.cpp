@@ -2,9 +2,7 @@
 // commands that hang; garbage configuration; kernel files with overlong lines. Whatever one
 // device does, every other device keeps its record, its map entry and its UDID.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <set>
 #include <string>
@@ -16,8 +14,8 @@
 #include "fi_execpipe.h"
 #include "page_builders.h"
 #include "scsitool.h"
-#include "simhost.h"
-#include "simhost_state.h"
+#include "sim_disks.h"
+#include "temp_dir.h"
 #include "trace_capture.h"
 
 namespace {
@@ -51,7 +49,7 @@ simhost::SimDevice disk(int index)
 
 // A simulated host whose named nodes misbehave on request: a node vanishes (turns Gone) at its
 // n-th ioctl, or fails every ioctl of the listed kinds while still opening.
-class FaultyHost : public simhost::SimHost {
+class FaultyHost : public TestHost {
 public:
     int open(const char* path, int flags) override
     {
@@ -88,23 +86,12 @@ public:
         }
         return SimHost::exec(command, output, limit, sysErrno);
     }
-    // Files whose text wins over the host's own (the kernel's generated files included).
-    FILE* fopen(const char* path, const char* mode) override
-    {
-        auto found = texts.find(path);
-        if (found != texts.end() && mode[0] == 'r') {
-            return simhost::openTextStream(found->second);
-        }
-        return SimHost::fopen(path, mode);
-    }
-
     std::string vanishing;  // "/dev/sdX"
     int vanishAt = 0;       // at its n-th ioctl
     int vanishAtOpen = 0;   // at its n-th open
     std::string failing;
     unsigned long failRequest = 0;  // 0: every request
     std::string hanging;
-    std::map<std::string, std::string> texts;
 
 private:
     std::map<int, std::string> m_nodes;
@@ -261,52 +248,13 @@ TEST(Faults, NodeThatOpensButFailsItsIoctls)
     }
 }
 
-// A device whose INQUIRY answer is empty, or shorter than the 5-byte header: the answer's
-// length byte is read from the zeroed buffer, never from beyond what came back.
-TEST(Faults, EmptyOrTruncatedInquiryAnswers)
-{
-    for (size_t length : {0, 1, 4, 31}) {
-        simhost::SimHost host;
-        simhost::SimDevice d = disk(0);
-        d.inquiry.resize(length);
-        if (length > 4) {
-            d.inquiry[4] = static_cast<uint8_t>(length - 5);  // the answer tells its true size
-        }
-        host.addDevice(d);
-        simhost::SimHostInstall installed(host);
-        TraceCapture trace(2);
-        CScsiTool tool;
-        tool.registerTraceLog(trace.log());
-        CScsiDeviceData record("/dev/sda", "", "h", 0, 0, 0, -1, "", "", "", 0);
-        EXPECT_EQ(tool.UpdateDevice(&record), 6) << length;
-        EXPECT_TRUE(trace.has(2,
-                              "WARNING: UpdateStdInquiryString invalid SCSI inq page size, device "
-                              "may have been removed."))
-            << length;
-    }
-}
-
+// The QLogic listing hangs and is killed at its limit (the pipe itself is tested with a real
+// command in the framework tests), so the port names come from sysfs.
 TEST(Faults, HangingCommandIsKilledAtItsLimit)
 {
-    // The real pipe: a command that outlives its limit is killed with its process group.
-    kzfi_pdk_4_4::CFiExecPipePosix pipe(1);
-    std::vector<std::string> output;
-    auto start = std::chrono::steady_clock::now();
-    int result = pipe.Exec("echo started; sleep 30", output, "", 1, "", "", "");
-    auto seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    EXPECT_EQ(result, kzfi_pdk_4_4::FI_EXEC_TIMED_OUT);
-    EXPECT_LT(seconds, 5.0);
-    EXPECT_EQ(output, std::vector<std::string>{"started"});
-
-    // On a simulated host: the QLogic listing hangs, so the port names come from sysfs.
     FaultyHost host;
-    simhost::SimAdapter adapter;
-    adapter.host = 3;
-    adapter.driver = "qla2xxx";
-    adapter.procText = "scsi-qla0-adapter-port=21000024ff2c3d4e;\n";
-    adapter.fcHost = true;
-    adapter.portName = "0x21000024ff2c3d4e";
-    host.addAdapter(adapter);
+    host.addAdapter(
+        {3, "qla2xxx", "scsi-qla0-adapter-port=21000024ff2c3d4e;\n", true, "0x21000024ff2c3d4e"});
     host.hanging = "/bin/ls /proc/scsi/qla2xxx/";
     simhost::SimHostInstall installed(host);
     TraceCapture trace(1);
@@ -316,14 +264,22 @@ TEST(Faults, HangingCommandIsKilledAtItsLimit)
     EXPECT_TRUE(trace.has(1, "Error: command /bin/ls /proc/scsi/qla2xxx/ failed.\n"));
 }
 
+// Only the keys that are present and readable are imported; anything else keeps the defaults.
 TEST(Faults, GarbageConfigurationKeepsTheDefaults)
 {
-    const std::string path = "/tmp/test_faults." + std::to_string(getpid()) + ".ini";
+    TempDir dir;
+    const std::string path = dir.file("devicefi.ini");
+    const std::string attempts12 = "[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\n";
     struct Case {
         std::string text;
         unsigned int delay;
         unsigned int attempts;
     } cases[] = {
+        {"[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=5\nOPEN_DEVICE_RETRY_DELAY_IN_SEC=1\n", 1, 5},
+        {attempts12, 3, 12},
+        {"[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_DELAY_IN_SEC=4000000000\n", 4000000000u,
+         8},  // no bounds
+        {"[OTHER]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\n", 3, 8},
         {std::string("\x00\xff\x13[\n\x80\x81=\x00", 10), 3, 8},
         {"[TUNING_PARAMS\nOPEN_DEVICE_RETRY_ATTEMPTS=5\n", 3, 8},
         {"[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=abc\nOPEN_DEVICE_RETRY_DELAY_IN_SEC=-1\n", 3,
@@ -332,36 +288,29 @@ TEST(Faults, GarbageConfigurationKeepsTheDefaults)
         {"[TUNING_PARAMS]\n" + std::string(100000, '=') + "\n", 3, 8},
         {"=\n[[[]]]\n[]\n=x\n", 3, 8},
         {"", 3, 8},
-        {"[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\n", 3, 12},  // the file is read at all
         // A zero byte, a nameless value or a line over 4094 characters anywhere makes the whole
         // file no configuration.
-        {std::string("[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\n\0\n", 47), 3, 8},
-        {"[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\n \t=5\n", 3, 8},
-        {"[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\n;" + std::string(4094, 'x') + "\n", 3, 8},
-        {"[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\n;" + std::string(4093, 'x') + "\n", 3,
-         12},
-        {"[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\nOPEN_DEVICE_RETRY_DELAY_IN_SEC=\n", 3,
-         12},
+        {attempts12 + std::string(1, '\0'), 3, 8},
+        {attempts12 + " \t=5\n", 3, 8},
+        {attempts12 + ";" + std::string(4094, 'x') + "\n", 3, 8},
+        {attempts12 + ";" + std::string(4093, 'x') + "\n", 3, 12},
+        {attempts12 + "OPEN_DEVICE_RETRY_DELAY_IN_SEC=\n", 3, 12},
     };
     for (const Case& c : cases) {
-        FILE* file = fopen(path.c_str(), "w");
-        ASSERT_NE(file, nullptr);
-        fwrite(c.text.data(), 1, c.text.size(), file);
-        fclose(file);
+        writeFile(path, c.text);
         kzfi_pdk_4_4::CFiConfigurationPathTool::setConfigFile(path);
         CScsiTuningParams params{3, 8};
         EXPECT_EQ(CScsiConfiguration::importTuningSettings(params), 0);
         EXPECT_EQ(params.m_openDeviceRetryDelay, c.delay) << c.text.substr(0, 40);
         EXPECT_EQ(params.m_openDeviceRetryAttempts, c.attempts) << c.text.substr(0, 40);
     }
-    for (const std::string& missing : {std::string("/tmp"), path + ".none"}) {
+    for (const std::string& missing : {dir.path(), path + ".none"}) {
         kzfi_pdk_4_4::CFiConfigurationPathTool::setConfigFile(missing);
         CScsiTuningParams params{3, 8};
         EXPECT_EQ(CScsiConfiguration::importTuningSettings(params), 0);
         EXPECT_EQ(params.m_openDeviceRetryAttempts, 8u);
     }
     kzfi_pdk_4_4::CFiConfigurationPathTool::setConfigFile("");
-    unlink(path.c_str());
 }
 
 // Lines over 254 characters come back in pieces from the 255-byte reads. A long vendor line
@@ -393,25 +342,4 @@ TEST(Faults, ProcLinesOverTheLineLimitAreSplitNotOverrun)
     EXPECT_EQ(discovery.getDeviceCount(), 3);
     EXPECT_EQ(discovery.enumerateNativeDevicePaths(),
               (std::vector<std::string>{"/dev/sda", "/dev/sddveryl"}));
-}
-
-// A snapshot rejected inside a device leaves nothing behind (the sanitizer and memcheck runs
-// watch for leaks); each names its field.
-TEST(Faults, SnapshotRejectedInsideADeviceLeaksNothing)
-{
-    const std::string head = R"({"format": 1, "hostname": "h", "kernel_release": "2.6.18",
-        "proc_scsi": true, "devices": [{"name": "sda", "address": [0, 0, 0, 0],
-        "inquiry": "00 00 05 02", "vpd": {"83": "00 83 00 00"}, "partitions": ["sda1"], )";
-    const std::pair<std::string, std::string> cases[] = {
-        {R"("vdp": {}}]})", "devices[0].vdp: unknown field"},
-        {R"("state": "dead"}]})",
-         "devices[0].state: unknown state \"dead\" (expected running, latent, unresponsive, gone "
-         "or removed)"},
-        {R"("blocks": -1}]})", "devices[0].blocks: expected an integer from 0 to 1125899906842624"},
-    };
-    for (const auto& c : cases) {
-        std::string error;
-        EXPECT_EQ(simhost::SimHost::fromJson(head + c.first, error), nullptr);
-        EXPECT_EQ(error, c.second);
-    }
 }

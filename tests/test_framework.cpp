@@ -7,10 +7,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
 #include <thread>
 
-#include "device_scsi_data.h"
 #include "fi_configuration.h"
 #include "fi_error.h"
 #include "fi_execpipe.h"
@@ -42,9 +40,9 @@ TEST(MessageId, SubtractsTheBaseOnlyWhenTheCodeIsAbove)
 
 namespace {
 struct Traced : CFiTraceable {
-    void run(int line)
+    void run(int line, const char* file = "/src/a/device_discovery.cpp")
     {
-        CFiTraceLogFunction scope(m_traceLog, "rescan", line, "/src/a/device_discovery.cpp");
+        CFiTraceLogFunction scope(m_traceLog, "rescan", line, file);
         if (m_traceLog)
             m_traceLog->trace(3, "INFO: inside %d", 42);
     }
@@ -58,6 +56,7 @@ TEST(FunctionTracer, WritesEntryAndExitLinesWithTheFileBaseName)
     traced.registerTraceLog(capture.log());
     traced.run(17);
     traced.run(0);
+    traced.run(3, "plain.cpp");  // no slash: the fallback text
     std::vector<std::pair<int, std::string>> expected = {
         {6, "Entering Function rescan [17, device_discovery.cpp]"},
         {3, "INFO: inside 42"},
@@ -65,19 +64,11 @@ TEST(FunctionTracer, WritesEntryAndExitLinesWithTheFileBaseName)
         {6, "Entering Function rescan [0, device_discovery.cpp]"},
         {3, "INFO: inside 42"},
         {6, "Exiting Function rescan"},
+        {6, std::string("Entering Function rescan [3, ") + CFiTraceLogFunction::kUnknownFile + "]"},
+        {3, "INFO: inside 42"},
+        {6, std::string("Exiting Function rescan [3, ") + CFiTraceLogFunction::kUnknownFile + "]"},
     };
     EXPECT_EQ(capture.lines(), expected);
-}
-
-TEST(FunctionTracer, FileWithoutSlashGetsTheFallbackText)
-{
-    TraceCapture capture;
-    {
-        CFiTraceLogFunction scope(capture.log(), "f", 3, "plain.cpp");
-    }
-    ASSERT_EQ(capture.all().size(), 2u);
-    EXPECT_EQ(capture.all()[0],
-              std::string("Entering Function f [3, ") + CFiTraceLogFunction::kUnknownFile + "]");
 }
 
 TEST(TraceLog, FiltersByLevelAndWritesNothingWithoutALog)
@@ -207,52 +198,6 @@ TEST(FiStringTool, TokenizeTrimCompare)
     EXPECT_EQ(CFiStringTool::trim(" \n ", " \n"), "");
     EXPECT_TRUE(CFiStringTool::CompareNoCase("initiatorname", "InitiatorName"));
     EXPECT_FALSE(CFiStringTool::CompareNoCase("InitiatorName1", "InitiatorName"));
-}
-
-namespace {
-// Points the configuration reader at a file holding `text` (none when nullptr) while it lives.
-class ConfigFile {
-public:
-    explicit ConfigFile(const char* text)
-    {
-        if (text != nullptr)
-            writeFile(m_dir.file("devicefi.ini"), text);
-        CFiConfigurationPathTool::setConfigFile(m_dir.file("devicefi.ini"));
-    }
-    ~ConfigFile() { CFiConfigurationPathTool::setConfigFile(""); }
-
-private:
-    TempDir m_dir;
-};
-}  // namespace
-
-TEST(TuningSettings, ImportsOnlyTheKeysThatArePresent)
-{
-    struct Case {
-        const char* name;
-        const char* file;  // nullptr: no file at all
-        unsigned int delay;
-        unsigned int attempts;
-    } cases[] = {
-        {"both keys",
-         "[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=5\nOPEN_DEVICE_RETRY_DELAY_IN_SEC=1\n", 1, 5},
-        {"one key only", "[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\n", 3, 12},
-        {"no section", "[OTHER]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\n", 3, 8},
-        {"no file", nullptr, 3, 8},
-        {"garbage", "\x01\x02 this is = not [ an ini\n]]]\n", 3, 8},
-        {"not a number", "[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=many\n", 3, 8},
-        {"no bounds", "[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_DELAY_IN_SEC=4000000000\n", 4000000000u,
-         8},
-    };
-    for (const Case& c : cases) {
-        ConfigFile file(c.file);
-        CScsiTuningParams params;
-        params.m_openDeviceRetryDelay = 3;
-        params.m_openDeviceRetryAttempts = 8;
-        EXPECT_EQ(CScsiConfiguration::importTuningSettings(params), 0) << c.name;
-        EXPECT_EQ(params.m_openDeviceRetryDelay, c.delay) << c.name;
-        EXPECT_EQ(params.m_openDeviceRetryAttempts, c.attempts) << c.name;
-    }
 }
 
 TEST(TuningSettings, ConfigurationLocation)

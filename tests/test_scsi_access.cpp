@@ -314,12 +314,17 @@ TEST_F(ScsiAccess, UpdateDeviceRefusesWhatIsNotADisk)
     // clang-format off
     const Case cases[] = {
         {tape, simhost::DeviceState::Running, {"WARNING: UpdateStdInquiryString SCSI check for disk device error, device may have been removed.", call}},
+        // Answers shorter than a disk's, down to none at all: the length byte is never read from
+        // beyond what came back.
         {inquiry(31), simhost::DeviceState::Running, {size, call}},
+        {inquiry(4), simhost::DeviceState::Running, {size, call}},
+        {inquiry(1), simhost::DeviceState::Running, {size, call}},
+        {{}, simhost::DeviceState::Running, {size, call}},
         {inquiry(36), simhost::DeviceState::Gone, {gone, "GetModePageInfo: Exception Ocurred", size, call}},
     };
     // clang-format on
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.warnings[0]);
+        SCOPED_TRACE(c.warnings[0] + " " + std::to_string(c.inquiry.size()));
         trace.clear();
         simhost::SimDevice& d = disk();
         d.inquiry = c.inquiry;
