@@ -8,6 +8,7 @@
 #include <cctype>
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -30,37 +31,34 @@ void verdict(const std::string& name, bool pass, const std::string& detail)
         ++failures;
 }
 
-bool readFile(const std::string& path, std::string& text)
+// The file's bytes; `found` tells whether it could be read.
+std::string readFile(const std::string& path, bool* found = nullptr)
 {
     std::ifstream in(path, std::ios::binary);
-    if (!in)
-        return false;
+    if (found)
+        *found = bool(in);
     std::ostringstream s;
     s << in.rdbuf();
-    text = s.str();
-    return true;
+    return s.str();
 }
 
 std::string text(const std::string& name)
 {
-    std::string t;
-    readFile(outDir + "/" + name, t);
-    return t;
+    return readFile(outDir + "/" + name);
+}
+
+bool have(const std::string& name)
+{
+    bool found = false;
+    readFile(outDir + "/" + name, &found);
+    return found;
 }
 
 // An exit code file: its text without the line end.
 std::string exitCode(const std::string& name)
 {
     std::string t = text(name);
-    while (!t.empty() && std::isspace(static_cast<unsigned char>(t.back())))
-        t.pop_back();
-    return t;
-}
-
-bool have(const std::string& name)
-{
-    std::string t;
-    return readFile(outDir + "/" + name, t);
+    return t.erase(t.find_last_not_of(" \t\n\v\f\r") + 1);
 }
 
 Bytes bytes(const std::string& name)
@@ -88,20 +86,13 @@ std::string upper(std::string s)
     return s;
 }
 
-std::string rtrim(std::string s)
-{
-    while (!s.empty() && s.back() == ' ')
-        s.pop_back();
-    return s;
-}
-
 // An INQUIRY text field as the library reads it: up to the first null byte, trailing blanks off.
 std::string field(const Bytes& inq, size_t from, size_t count)
 {
     std::string s;
     for (size_t i = from; i < from + count && i < inq.size() && inq[i] != 0; ++i)
         s += char(inq[i]);
-    return rtrim(s);
+    return s.erase(s.find_last_not_of(' ') + 1);
 }
 
 // The bytes the library keeps of an answer: a VPD page to its page-length byte 3 plus the 4-byte
@@ -142,33 +133,6 @@ std::vector<std::string> split(const std::string& s, char sep)
     return parts;
 }
 
-struct Disk {
-    std::string generator, vendor, product, serial, wwn, portWwn, deviceId;
-    std::string dev;  // guest block name, found by its address 0:0:<index>:0
-};
-
-std::vector<Disk> readDisks(const std::string& conf)
-{
-    std::vector<Disk> disks;
-    std::string all;
-    readFile(conf, all);
-    std::istringstream in(all);
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.empty() || line[0] == '#')
-            continue;
-        std::vector<std::string> f = split(line, '|');
-        f.resize(7);
-        Disk d{f[0], f[1], f[2], f[3], f[4], f[5], f[6], ""};
-        std::string want = "0:0:" + std::to_string(disks.size()) + ":0";
-        for (const std::string& dev : split(text("devices"), ' '))
-            if (!dev.empty() && text(dev.substr(dev.rfind('/') + 1) + ".hctl") == want)
-                d.dev = dev.substr(dev.rfind('/') + 1);
-        disks.push_back(d);
-    }
-    return disks;
-}
-
 // The device names the guest listed: sdX and mpatha.
 std::vector<std::string> guestDevices()
 {
@@ -177,6 +141,31 @@ std::vector<std::string> guestDevices()
         if (!dev.empty())
             names.push_back(dev.substr(dev.rfind('/') + 1));
     return names;
+}
+
+struct Disk {
+    std::string generator, vendor, product, serial, wwn, portWwn, deviceId;
+    std::string dev;  // guest block name, found by its address 0:0:<index>:0
+};
+
+std::vector<Disk> readDisks(const std::string& conf)
+{
+    std::vector<Disk> disks;
+    std::istringstream in(readFile(conf));
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.empty() || line[0] == '#')
+            continue;
+        std::vector<std::string> f = split(line, '|');
+        f.resize(7);
+        Disk d{f[0], f[1], f[2], f[3], f[4], f[5], f[6], ""};
+        std::string want = "0:0:" + std::to_string(disks.size()) + ":0";
+        for (const std::string& dev : guestDevices())
+            if (text(dev + ".hctl") == want)
+                d.dev = dev;
+        disks.push_back(d);
+    }
+    return disks;
 }
 
 std::string nodeOf(const std::string& name)
@@ -370,21 +359,16 @@ void checkPages()
         std::vector<std::string> sources{dev};
         if (dev == "mpatha")
             sources.insert(sources.end(), paths.begin(), paths.end());
-        auto fromAny = [&](auto get, const std::string& have) {
-            for (const std::string& s : sources)
-                if (get(s) == have)
-                    return true;
-            return false;
+        auto fromAny = [&](const std::function<std::string(const std::string&)>& get,
+                           const std::string& have) {
+            return std::any_of(sources.begin(), sources.end(),
+                               [&](const std::string& s) { return get(s) == have; });
         };
-
+        auto inquiryHex = [](const std::string& s) {
+            return hex(kept(bytes(s + ".inquiry"), true), 0, 4096, false);
+        };
         std::string inq = show.value("inquiry", "");
-        verdict(name + "_inquiry",
-                fromAny(
-                    [](const std::string& s) {
-                        return hex(kept(bytes(s + ".inquiry"), true), 0, 4096, false);
-                    },
-                    inq),
-                inq);
+        verdict(name + "_inquiry", fromAny(inquiryHex, inq), inq);
         Bytes raw = kept(bytes(dev + ".inquiry"), true);
         verdict(
             name + "_strings",
@@ -409,12 +393,10 @@ void checkPages()
                     std::snprintf(key, sizeof key, "%02x", code);
                     want.insert(key);
                     std::string got = vpd.value(key, "");
-                    verdict(name + "_vpd_" + key,
-                            fromAny(
-                                [code](const std::string& s) {
-                                    return hex(page(s, code), 0, 4096, false);
-                                },
-                                got),
+                    auto pageHex = [code](const std::string& s) {
+                        return hex(page(s, code), 0, 4096, false);
+                    };
+                    verdict(name + "_vpd_" + key, fromAny(pageHex, got),
                             got.empty() ? "not cached" : got);
                 }
         std::string extra;
@@ -532,8 +514,9 @@ int main(int argc, char** argv)
     }
     std::string work = argv[1], group = argv[3];
     outDir = work + "/out";
-    std::string skipped;
-    if (readFile(work + "/status", skipped) || !have("guest-checks")) {
+    bool stopped = false;
+    std::string skipped = readFile(work + "/status", &stopped);
+    if (stopped || !have("guest-checks")) {
         std::cout << "vm: SKIP: the guest did not run (see the vm_guest test)\n";
         return skipped.rfind("77", 0) == 0 ? 77 : 1;
     }
@@ -542,23 +525,15 @@ int main(int argc, char** argv)
         return 77;
     }
     std::vector<Disk> disks = readDisks(argv[2]);
-    if (group == "boot")
-        checkBoot();
-    else if (group == "sg3")
-        checkSg3(disks);
-    else if (group == "map")
-        checkMap();
-    else if (group == "pages")
-        checkPages();
-    else if (group == "capture")
-        checkCapture();
-    else if (group == "lock")
-        checkLock();
-    else if (group == "rescan")
-        checkRescan();
-    else {
+    const std::map<std::string, std::function<void()>> groups = {
+        {"boot", checkBoot},    {"sg3", [&] { checkSg3(disks); }}, {"map", checkMap},
+        {"pages", checkPages},  {"capture", checkCapture},         {"lock", checkLock},
+        {"rescan", checkRescan}};
+    auto check = groups.find(group);
+    if (check == groups.end()) {
         std::cerr << "vm_check: unknown group " << group << "\n";
         return 2;
     }
+    check->second();
     return failures == 0 ? 0 : 1;
 }
