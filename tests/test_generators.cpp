@@ -148,16 +148,12 @@ TEST(GeneratorTable, MakesEachArrayUdid)
         std::map<unsigned int, Bytes> pages;
         std::string udid;
     };
+    // One row per body the example hosts do not show: each family's own UDID on the datacenter
+    // host is pinned by its golden map.
     // clang-format off
     const Case cases[] = {
-        {"DGC", "VRAID", {{0xC0, PageBuilder(64).byte(49, 14).text(50, "CK200083300123")}, {0x83, naaPage83(kWwn)}},
-         "UDID##DGC##CLARIION##CK200083300123##" + kWwnColons},
-        {"EMC", "SYMMETRIX", {{0, inquiryPage("EMC", "SYMMETRIX", 136).hex(124, "0001879014").text(132, "0A3F")}},
-         "UDID##EMC##SYMMETRIX##000001879014##0A3F"},
         {"EMC", "SYMMETRIX", {{0, PageBuilder(136).hex(124, "0001879014").text(38, "5A")}},
          "UDID##EMC##SYMMETRIX##000001879014##05A"},
-        {"IBM", "2107900", {{0, PageBuilder(96).text(36, "75123456")}, {0x83, naaPage83("6005076303ffc000 0000000000001a2b")}},
-         "UDID##IBM##TOTALSTORAGE##IBM.2107-7512345##1a2b"},
         {"IBM", "2107900", {{0x83, naaPage83("6005076303ffc000 0000000000001a2b")}}, "UDID##IBM##TOTALSTORAGE##1a2b"},
         {"IBM", "2145", {{0x80, serialPage80("0200A4X")}, {0x83, naaPage83("6005076801800000 0000000000000cd1")}},
          "UDID##IBM##TOTALSTORAGE##IBM.2145-0200A4X##0cd1"},
@@ -169,16 +165,10 @@ TEST(GeneratorTable, MakesEachArrayUdid)
          "UDID##IBM##DISKSYSTEM##IBM.1815-##" + kWwnColons},
         {"IBM", "1724-100", {{0, PageBuilder(96).text(36, "SQ4001234567AB")}, {0x83, naaPage83(kWwn)}},
          "UDID##IBM##DISKSYSTEM##IBM.1724-SQ4001234567AB##" + kWwnColons},
-        {"HP", "HSV210", {{0, PageBuilder(140).hex(130, "50001FE15005ABCD")}, {0x83, naaPage83("600508B400101234 0000A00001230000")}},
-         "UDID##HP##HSV##5000-1FE1-5005-ABCD##6005-08B4-0010-1234-0000-A000-0123-0000"},
         {"HP", "MSA2012fc", {{0, PageBuilder(120).text(96, "P0PSV8A9VVV01N")}, {0x83, PageBuilder(68).text(36, "600C0FF000D8E0A6C2D0D84901000000")}},
          "UDID##HP##MSA##P0PSV8A9VVV01N##600C0FF000D8E0A6C2D0D84901000000"},
-        {"HP", "OPEN-V", {{0, PageBuilder(64).text(36, "50 0274904D2")}}, "UDID##HP##XP##10057##1234"},
         {"HP", "OPEN-V", {{0, PageBuilder(64).text(36, "60 02749 4D2")}}, "UDID##HP##XP##0##1234"},
         {"HP", "OPEN-0V", {{0, PageBuilder(64).text(36, "50 02G4904X2")}}, "UDID##HP##XP##2##4"},
-        {"3PARdata", "VV", {{0x80, serialPage80("1234567 ")}, {0x83, naaPage83("50002AC000010ABC")}},
-         "UDID##HP##3PAR##1234567##50002AC000010ABC"},
-        {"HITACHI", "OPEN-V", {{0, PageBuilder(64).text(36, "50 004D20012")}}, "UDID##HITACHI##HDS##1234##18"},
         {"HITACHI", "DF600F", {{0, PageBuilder(64).text(36, "D6000FA1001A")}}, "UDID##HITACHI##HDS##4001##26"},
         {"HITACHI", "USP", {{0, PageBuilder(64).text(36, "730123450010")}}, "UDID##HITACHI##HDS##73012345##16"},
         {"HITACHI", "9970V", {{0, PageBuilder(64).text(36, "  0 00FF0002")}}, "UDID##HITACHI##HDS##255##2"},
@@ -186,8 +176,6 @@ TEST(GeneratorTable, MakesEachArrayUdid)
          "UDID##ENGENIO##UNIVERSAL##600a0b80002649a40000000049b8e1c2##600601603AB11E004C8F5E5972C3E011"},
         {"NETAPP", "LUN", {{0x83, PageBuilder(33).hex(21, "4e6574417070204c554e2031")}},
          "UDID##NETAPP##LUN##1234567890##4e6574417070204c554e2031"},
-        {"FUJITSU", "ETERNUS_DX80", {{0, PageBuilder(64).text(36, "4321ABCD")}, {0x83, naaPage83("600000E00D000000 0001234500010000")}},
-         "UDID##FUJITSU##ETERNUS##4321ABCD##600000E00D0000000001234500010000"},
         {"FUJITSU", "ETERNUS", {{0, PageBuilder(64).text(36, "43 1    ")}, {0x83, naaPage83(kWwn)}},
          "UDID##FUJITSU##ETERNUS##43 1##600601603AB11E004C8F5E5972C3E011"},
     };

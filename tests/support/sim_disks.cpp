@@ -58,21 +58,12 @@ simhost::SimAdapter simAdapter(int host, const std::string& driver, bool fcHost,
     return adapter;
 }
 
-SharedLogCapture::SharedLogCapture() : m_log(fiPluginTraceLog()), m_sink(new CFiMemoryTraceSink())
-{
-    m_log->setLevel(6);
-    m_log->setSink(std::unique_ptr<CFiTraceSink>(m_sink));
-}
+SharedLogCapture::SharedLogCapture() : TraceCapture(fiPluginTraceLog()) {}
 
 SharedLogCapture::~SharedLogCapture()
 {
-    m_log->setSink(nullptr);
-    m_log->setLevel(0);
-}
-
-std::vector<std::string> SharedLogCapture::at(int level) const
-{
-    return m_sink->messages(level);
+    log()->setSink(nullptr);
+    log()->setLevel(0);
 }
 
 std::vector<std::string> writtenTo(const simhost::SimHost& host, const std::string& path)

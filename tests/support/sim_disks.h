@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "fi_trace.h"
 #include "simhost.h"
+#include "trace_capture.h"
 
 // A simulated host some of whose files are overridden: a file of `texts` reads as the given text,
 // and appends to a file of `inertFiles` are kept (see inertWrites) without the host acting on them.
@@ -37,17 +37,10 @@ simhost::SimAdapter simAdapter(int host, const std::string& driver, bool fcHost 
                                const std::string& procText = "");
 
 // What the library writes to the plug-in's shared trace log while the object lives.
-class SharedLogCapture {
+class SharedLogCapture : public TraceCapture {
 public:
     SharedLogCapture();
     ~SharedLogCapture();
-    SharedLogCapture(const SharedLogCapture&) = delete;
-    SharedLogCapture& operator=(const SharedLogCapture&) = delete;
-    std::vector<std::string> at(int level) const;
-
-private:
-    kzfi_pdk_4_4::CFiTraceLogPtr m_log;
-    kzfi_pdk_4_4::CFiMemoryTraceSink* m_sink;
 };
 
 // The data of every write to `path`, in order.

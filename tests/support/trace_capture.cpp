@@ -10,6 +10,12 @@ TraceCapture::TraceCapture(int level) : m_log(new CFiTraceLog()), m_sink(new CFi
     m_log->setSink(std::unique_ptr<CFiTraceSink>(m_sink));
 }
 
+TraceCapture::TraceCapture(const CFiTraceLogPtr& log) : m_log(log), m_sink(new CFiMemoryTraceSink())
+{
+    m_log->setLevel(6);
+    m_log->setSink(std::unique_ptr<CFiTraceSink>(m_sink));
+}
+
 std::vector<std::pair<int, std::string>> TraceCapture::lines() const
 {
     return m_sink->lines();

@@ -11,6 +11,8 @@
 class TraceCapture {
 public:
     explicit TraceCapture(int level = 6);
+    // Captures `log` (at level 6) instead of a fresh log of its own.
+    explicit TraceCapture(const kzfi_pdk_4_4::CFiTraceLogPtr& log);
     const kzfi_pdk_4_4::CFiTraceLogPtr& log() const { return m_log; }
     // Every line as (level, message), in order.
     std::vector<std::pair<int, std::string>> lines() const;
