@@ -179,21 +179,13 @@ TEST_F(SimHostTest, InquiryIsDecodedAndCutToTheSmallerOfAllocationAndOutputLengt
     host.close(fd);
 }
 
-TEST_F(SimHostTest, IdLunPacksTheAddressAndAnUnresponsiveDeviceFailsEveryCommand)
+// The word the kernel packs: host, channel, LUN and id from the high byte down.
+TEST_F(SimHostTest, IdLunPacksTheAddress)
 {
     host.addDevice(disk("sdx", 3, 2, 5, 1));
     uint32_t idlun[2] = {0, 0};
     ASSERT_EQ(0, host.ioctl(host.open("/dev/sdx", O_RDWR), 0x5382, idlun));
     EXPECT_EQ(0x03020105u, idlun[0]);
-
-    int fd = host.open("/dev/sdf", O_RDWR);
-    ASSERT_GE(fd, 0);
-    Command command(0, 0, 252);
-    errno = 0;
-    EXPECT_EQ(-1, host.ioctl(fd, 1, command.buffer));
-    EXPECT_EQ(EIO, errno);
-    EXPECT_EQ(0xaa, command.buffer[8 + 6]);
-    EXPECT_EQ(-1, host.ioctl(fd, 0x5382, idlun));
 }
 
 TEST_F(SimHostTest, SgIoAnswersTheVendorCommandWithinTheCallersBuffer)
@@ -284,34 +276,7 @@ TEST_F(SimHostTest, ProcScsiAndPartitionsFollowAddRemoveScanLipAndQlascan)
     EXPECT_FALSE(shows("Id: 02"));
 }
 
-TEST_F(SimHostTest, ControlFilesExistOnlyWhereTheKernelHasThem)
-{
-    struct Case {
-        const char* path;
-        bool opens;
-    } cases[] = {
-        {"/sys/class/fc_host/host3/issue_lip", true},
-        {"/sys/class/fc_host/host4/issue_lip", false},
-        {"/sys/class/scsi_host/host4/issue_lip", true},
-        {"/sys/class/scsi_host/host3/issue_lip", false},
-        {"/sys/class/scsi_host/host9/scan", false},
-        {"/proc/scsi/lpfc/4", false},
-    };
-    for (const Case& c : cases) {
-        errno = 0;
-        FILE* file = host.fopen(c.path, "a");
-        EXPECT_EQ(c.opens, file != nullptr) << c.path;
-        if (file) {
-            fclose(file);
-        } else {
-            EXPECT_EQ(ENOENT, errno) << c.path;
-        }
-    }
-    host.setProcScsi(false);
-    EXPECT_EQ(nullptr, host.fopen("/proc/scsi/scsi", "a"));
-    EXPECT_EQ(nullptr, host.fopen("/proc/scsi/scsi", "r"));
-}
-
+// Sleeps, the event order and clearing the record are pinned by the rescan and multipath tests.
 TEST_F(SimHostTest, CommandsAreScriptedOrNotFoundAndEverythingIsRecorded)
 {
     host.addExecutable("/sbin/powermt");
@@ -329,7 +294,6 @@ TEST_F(SimHostTest, CommandsAreScriptedOrNotFoundAndEverythingIsRecorded)
     EXPECT_EQ(0, sysErrno);
     EXPECT_EQ("0", exec("/sbin/powermt save"));
     EXPECT_EQ("127|sh: 1: /sbin/pidof: not found", exec("/sbin/pidof -x multipathd"));
-    EXPECT_EQ("0|3", exec("/bin/ls /proc/scsi/qla2xxx/"));
     EXPECT_EQ("2|/bin/ls: cannot access '/proc/scsi/lpfc/': No such file or directory",
               exec("/bin/ls /proc/scsi/lpfc/"));
 
@@ -341,25 +305,16 @@ TEST_F(SimHostTest, CommandsAreScriptedOrNotFoundAndEverythingIsRecorded)
     EXPECT_EQ(ETIMEDOUT, sysErrno);
     host.scriptCommand("/bin/killed", {256 + 9, {}});
     EXPECT_EQ(9, host.system("/bin/killed"));
-    EXPECT_EQ(0u, host.sleep(5));
 
-    EXPECT_EQ((std::vector<std::string>{"/sbin/multipath -v0 ", "/sbin/powermt save",
-                                        "/sbin/pidof -x multipathd", "/bin/ls /proc/scsi/qla2xxx/",
-                                        "/bin/ls /proc/scsi/lpfc/", removal, "/sbin/nothing here",
-                                        "/bin/rescan-scsi-bus.sh", "/bin/killed"}),
-              host.commandsRun());
+    EXPECT_EQ(
+        (std::vector<std::string>{"/sbin/multipath -v0 ", "/sbin/powermt save",
+                                  "/sbin/pidof -x multipathd", "/bin/ls /proc/scsi/lpfc/", removal,
+                                  "/sbin/nothing here", "/bin/rescan-scsi-bus.sh", "/bin/killed"}),
+        host.commandsRun());
     std::vector<SimEvent> writes = host.writesTo("/proc/scsi/scsi");
     ASSERT_EQ(1u, writes.size());
     EXPECT_EQ("scsi remove-single-device 3 0 0 2\n", writes[0].data);
     EXPECT_EQ(std::string::npos, text(host, "/proc/scsi/scsi").find("Lun: 02"));
-    EXPECT_EQ(std::vector<unsigned int>{5}, host.sleeps());
-    const std::vector<SimEvent>& events = host.events();
-    ASSERT_EQ(11u, events.size());
-    EXPECT_EQ(SimEvent::System, events[5].kind);
-    EXPECT_EQ(SimEvent::Write, events[6].kind);
-    EXPECT_EQ(SimEvent::Sleep, events[10].kind);
-    host.clearEvents();
-    EXPECT_TRUE(host.events().empty());
 }
 
 TEST_F(SimHostTest, NodesDirectoriesAndProgramsStatLikeTheirKind)
@@ -421,6 +376,7 @@ TEST(SimHostKernel24, OldKernelFormatsAndNoSysfs)
     EXPECT_EQ(DeviceState::Latent, again->findDevice("sdh")->state);
 }
 
+// The QLogic port name is pinned by the command's initiator report of this host.
 TEST(SimHostDatacenter, TypesOfEveryDeviceAndTheAdaptersFiles)
 {
     std::unique_ptr<SimHost> host = load("datacenter.json");
@@ -431,9 +387,6 @@ TEST(SimHostDatacenter, TypesOfEveryDeviceAndTheAdaptersFiles)
                              "  Vendor: DGC      Model: RAID 5           Rev: 0326\n"}) {
         EXPECT_NE(std::string::npos, scsi.find(line)) << line;
     }
-    EXPECT_NE(
-        std::string::npos,
-        text(*host, "/proc/scsi/qla2xxx/3").find("scsi-qla0-adapter-port=21000024ff2c3d4e;\n"));
     EXPECT_EQ("0x10000000c9a1b2c3\n", text(*host, "/sys/class/fc_host/host4/port_name"));
     EXPECT_NE(std::string::npos,
               text(*host, "/proc/partitions").find(" 253        0   52428800 dm-0\n"));
