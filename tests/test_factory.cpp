@@ -57,9 +57,13 @@ protected:
 
 }  // namespace
 
-// The table's order is pinned by the generator tests; here every part shares the one log.
-TEST_F(FactoryTest, EveryGeneratorAndModuleSharesTheLog)
+// The table's order is pinned by the generator tests; here the factory holds that table and every
+// part shares the one log.
+TEST_F(FactoryTest, TableHasThirteenGeneratorsDefaultLastAndAllShareTheLog)
 {
+    ASSERT_EQ(factory.m_generators.size(), 13u);
+    EXPECT_EQ(factory.m_generators.front()->getGeneratorName(), "HP:MSA");
+    EXPECT_EQ(factory.m_generators.back()->getGeneratorName(), ":");
     for (CUdidGenerator* g : factory.m_generators) {
         EXPECT_EQ(g->getTraceLog().get(), capture.log().get()) << g->getGeneratorName();
     }
@@ -251,13 +255,9 @@ TEST_F(CachedLookupTest, UnknownDeviceDumpsTheMapOrRescansTheBuses)
     EXPECT_EQ(countPrefix(capture.at(2), "\t\t["), factory.m_deviceMap.size());
 }
 
-TEST(CachedLookupEmptyHost, ReEnumeratesOnEveryCall)
+TEST_F(CachedLookupTest, AnEmptyMapIsReEnumeratedOnEveryCall)
 {
-    simhost::SimHost host;
-    simhost::SimHostInstall install(host);
-    TraceCapture capture;
-    CUDIDFactory factory;
-    factory.registerTraceLog(capture.log());
+    host.findDevice("sda")->state = simhost::DeviceState::Removed;
     for (int call = 1; call <= 3; ++call) {
         EXPECT_EQ(factory.getCachedUniqueDeviceID("/dev/sda", false), "");
         EXPECT_EQ(countPrefix(capture.at(6),

@@ -287,6 +287,7 @@ TEST(Faults, GarbageConfigurationKeepsTheDefaults)
         {"[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=99999999999\n", 3, 8},
         {"[TUNING_PARAMS]\n" + std::string(100000, '=') + "\n", 3, 8},
         {"=\n[[[]]]\n[]\n=x\n", 3, 8},
+        {"\x01\x02 this is = not [ an ini\n]]]\n", 3, 8},
         {"", 3, 8},
         // A zero byte, a nameless value or a line over 4094 characters anywhere makes the whole
         // file no configuration.

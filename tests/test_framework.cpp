@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <thread>
 
 #include "fi_configuration.h"
@@ -165,7 +166,9 @@ TEST(ExecPipe, KillsTheWholeGroupAtTheLimit)
     CFiExecPipePosix pipe(1);
     std::vector<std::string> lines;
     // The background sleeper holds the pipe open too: only killing the group ends it.
+    auto start = std::chrono::steady_clock::now();
     int result = pipe.Exec("echo started; sleep 30 & sleep 30", lines, "", 1, "", "", "");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
     EXPECT_EQ(result, FI_EXEC_TIMED_OUT);
     EXPECT_EQ(pipe.getLastError().getErrno(), ETIMEDOUT);
     EXPECT_EQ(lines, std::vector<std::string>{"started"});
