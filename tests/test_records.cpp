@@ -60,22 +60,21 @@ TEST(StringTool, NumbersFromText)
     EXPECT_EQ(CStringTool::int2wstr(-3), L"-3");
 }
 
+// Hex dumps, blank trimming and upper case are pinned through the default generator's body, the
+// claim tests and the factory's UDIDs.
 TEST(StringTool, TextHelpers)
 {
     const unsigned char bytes[] = {0x60, 0x05, 0x0A, 0xFF};
-    EXPECT_EQ(CStringTool::binary2str(bytes, 4), "60050aff");
     EXPECT_EQ(CStringTool::binary2str(bytes, 0), "");
     EXPECT_EQ(CStringTool::binary2str(bytes, -1), "");
     EXPECT_EQ(CStringTool::trim("\tabc \n"), "\tabc \n");
     EXPECT_EQ(CStringTool::trim("  abc  "), "abc");
     EXPECT_EQ(CStringTool::trim("   "), "");
-    EXPECT_EQ(CStringTool::rtrim("HP      ", ' '), "HP");
     EXPECT_EQ(CStringTool::ltrim("000120", '0'), "120");
     EXPECT_FALSE(CStringTool::isalphaNumeric(""));
     EXPECT_TRUE(CStringTool::isalphaNumeric("ab1"));
     EXPECT_FALSE(CStringTool::isalphaNumeric("ab-1"));
     EXPECT_FALSE(CStringTool::isalphaNumeric("ab 1"));
-    EXPECT_EQ(CStringTool::tostrupper("udid##acme##big_disk 2##"), "UDID##ACME##BIG_DISK 2##");
     EXPECT_EQ(CStringTool::tostrlower("ABC-1"), "abc-1");
     EXPECT_EQ(CStringTool::tostrupper(std::wstring(L"ab1")), L"AB1");
     EXPECT_EQ(CStringTool::str2wstr("abc"), L"abc");
