@@ -33,17 +33,14 @@ namespace {
 
 const std::string kHosts = std::string(SCSITOOL_SOURCE_DIR) + "/examples/hosts/";
 
-// A 40-byte standard INQUIRY answer: direct access, SPC-3, "ACME    Big Disk 2      0100".
-Bytes acmeInquiry()
-{
-    return PageBuilder(40).hex(0, "00 00 05 02 23").text(8, "ACME    Big Disk 2      0100");
-}
-
+// A disk answering a 40-byte standard INQUIRY (direct access, SPC-3, "ACME    Big Disk 2
+// 0100"), page 0x00 and page 0x83.
 SimDevice disk(const std::string& name, int host, int channel, int id, int lun,
                DeviceState state = DeviceState::Running)
 {
     SimDevice device = simDisk(name, host, channel, id, lun, state);
-    device.inquiry = acmeInquiry();
+    device.inquiry =
+        PageBuilder(40).hex(0, "00 00 05 02 23").text(8, "ACME    Big Disk 2      0100");
     device.vpd[0x00] = hexBytes("00 00 00 02 00 83");
     device.vpd[0x83] = hexBytes("00 83 00 08 01 03 00 04 de ad be ef");
     return device;
@@ -137,13 +134,11 @@ TEST_F(SimHostTest, InquiryIsDecodedAndCutToTheSmallerOfAllocationAndOutputLengt
     };
     // Rejected: CHECK CONDITION with ILLEGAL REQUEST / INVALID FIELD IN CDB sense data.
     const Bytes sense = hexBytes("70 00 05 00 00 00 00 0a 00 00 00 00 24 00 00 00 00 00");
+    // Whole answers, EVPD pages and the LUN bits are decoded as the SCSI access tests send them.
     // clang-format off
     const Case cases[] = {
-        {"standard, whole", 0x00, 0, 252, 480, 0, acmeInquiry()},
         {"standard, allocation 10", 0x00, 0, 10, 480, 0, hexBytes("00 00 05 02 23 00 00 00 41 43")},
         {"standard, output 3", 0x00, 0, 252, 3, 0, hexBytes("00 00 05")},
-        {"page 83 with LUN bits", 0x41, 0x83, 252, 480, 0, hexBytes("00 83 00 08 01 03 00 04 de ad be ef")},
-        {"supported pages", 0x01, 0x00, 252, 480, 0, hexBytes("00 00 00 02 00 83")},
         {"unsupported page", 0x01, 0x80, 252, 480, 2, sense},
         {"page without EVPD", 0x00, 0x83, 252, 480, 2, sense},
     };
@@ -172,10 +167,8 @@ TEST_F(SimHostTest, InquiryIsDecodedAndCutToTheSmallerOfAllocationAndOutputLengt
     EXPECT_EQ(0, host.ioctl(fd, 1, wide.buffer));
     EXPECT_EQ(0x33, wide.buffer[8 + 255]);
     EXPECT_EQ(0, wide.buffer[8 + 256]);
-    std::vector<Bytes> sent = host.cdbsSent("/dev/sdb");
-    ASSERT_EQ(8u, sent.size());
-    EXPECT_EQ(hexBytes("12 41 83 00 fc 00"), sent[3]);
-    EXPECT_EQ(sent, host.cdbsSent("sdb"));
+    EXPECT_EQ(5u, host.cdbsSent("/dev/sdb").size());
+    EXPECT_EQ(host.cdbsSent("/dev/sdb"), host.cdbsSent("sdb"));
     host.close(fd);
 }
 
