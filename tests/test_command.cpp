@@ -220,9 +220,10 @@ TEST(CommandShow, ReportsWhatTheDeviceAnsweredAndTheMapsUdid)
         std::vector<std::string> keys;
         for (auto it = report.begin(); it != report.end(); ++it)
             keys.push_back(it.key());
-        EXPECT_EQ(keys, (std::vector<std::string>{"address", "device", "firmware", "generator",
-                                                  "inquiry", "product", "supported_pages", "udid",
-                                                  "vendor", "vpd", "warnings"}));
+        EXPECT_EQ(keys,
+                  (std::vector<std::string>{"address", "device", "failed_generators", "firmware",
+                                            "generator", "inquiry", "product", "supported_pages",
+                                            "udid", "vendor", "vpd", "warnings"}));
         EXPECT_EQ(report["device"], "/dev/" + name);
         EXPECT_EQ(report["address"], device["address"]) << name;
         EXPECT_EQ(report["inquiry"], withoutBlanks(device["inquiry"])) << name;
@@ -256,7 +257,8 @@ TEST(CommandShow, TableShowsIdentityAndHexDump)
 
 TEST(CommandShow, WarningsOfTheQueryAreReported)
 {
-    // A NetApp LUN that does not answer the filer identity command: its generator gives up.
+    // A NetApp LUN that does not answer the filer identity command: its generator gives up and
+    // the default generator makes the UDID.
     TempDir dir;
     writeFile(dir.file("h.json"), snapshotWith(R"({"name": "sda", "address": [0, 0, 0, 0],
         "inquiry": ")" + inquiryHex("NETAPP", "LUN") +
@@ -265,7 +267,11 @@ TEST(CommandShow, WarningsOfTheQueryAreReported)
     Result result = run({"--host", dir.file("h.json"), "show", "sda", "--json"});
     ASSERT_EQ(result.status, 0) << result.err;
     nlohmann::json report = parseJson(result.out);
-    EXPECT_EQ(report["generator"], "NETAPP:LUN");
+    EXPECT_EQ(report["generator"], ":");
+    EXPECT_EQ(report["failed_generators"], nlohmann::json::parse(R"([{"generator": "NETAPP:LUN",
+                  "exception": "MSG_UDID_ERROR_INVALID_SCSI_PAGE_DATA:NETAPP:LUN"}])"));
+    EXPECT_EQ(report["udid"],
+              "UDID##NETAPP##LUN##/DEV/SDA@TEST01");  // host-local: no page 0x00 listed
     EXPECT_EQ(report["supported_pages"], nlohmann::json::array({131}));
     EXPECT_EQ(report["vpd"], nlohmann::json({{"83", "0083000c01030008600a980000000001"}}));
     EXPECT_EQ(report["warnings"],

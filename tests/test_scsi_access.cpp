@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "WWPN_discovery.h"
+#include "device_udid_factory.h"
 #include "page_builders.h"
 #include "scsitool.h"
 #include "simhost.h"
@@ -185,20 +186,60 @@ TEST_F(ScsiAccess, InquiryCommandAndAnswerLength)
     }
 }
 
-TEST_F(ScsiAccess, LengthByteThatClaimsTooMuchIsCutToTheAllocationLength)
+TEST_F(ScsiAccess, AnswerSizeIsWhatTheAnswerAnnounces)
 {
-    disk().vpd[0x80] = {0, 0x80, 0, 0xFF, 'A', 'B'};
+    // The size comes from the answer's own length byte, up to 259 bytes of a VPD page and 260 of
+    // the standard data, although at most 252 arrived: the rest is the zero-filled buffer.
+    simhost::SimDevice& d = disk();
+    d.vpd[0x80] = {0, 0x80, 0, 0xFF, 'A', 'B'};
+    d.inquiry = inquiryPage("ACME", "Disk", 36).byte(4, 0xFF);
     CScsiDeviceData dev = record("/dev/sda");
     unsigned int length = 0;
     ScsiPagePtr page;
     ASSERT_EQ(0, query(dev, 0x80, 1, length, page));
-    ASSERT_EQ(252u, length);
+    ASSERT_EQ(259u, length);
     EXPECT_EQ('B', page->get()[5]);
-    EXPECT_EQ(0, page->get()[251]);  // never sent: the zeroed buffer
+    EXPECT_EQ(0, page->get()[258]);  // never sent
     // A second answer into the same holder releases the first page (the leak check sees it).
-    ASSERT_EQ(0, query(dev, 0x83, 1, length, page));
-    EXPECT_EQ(16u, length);
-    EXPECT_EQ(0x83, page->get()[1]);
+    ASSERT_EQ(0, query(dev, 0, 0, length, page));
+    EXPECT_EQ(260u, length);
+    EXPECT_EQ(0, page->get()[259]);
+}
+
+TEST_F(ScsiAccess, SupportedListThatAnnouncesMoreThanItHolds)
+{
+    // Page 0x00 says 255 codes and lists three: the zeroes behind them count as codes too, and
+    // the listed identity pages are read, so an array's own generator names the device.
+    struct Case {
+        const char* vendor;
+        const char* product;
+        std::map<int, Bytes> pages;
+        std::string udid;
+    };
+    // clang-format off
+    const Case cases[] = {
+        {"3PARdata", "VV", {{0x80, serialPage80("1234567 ")}, {0x83, naaPage83("50002AC000010ABC")}},
+         "UDID##HP##3PAR##1234567##50002AC000010ABC"},
+        {"IBM", "3542", {{0xC8, PageBuilder(106).byte(1, 0xC8).byte(3, 102).hex(90, "00a0b8000026d7ee 000000004a1b2c3d")},
+                         {0x83, naaPage83("600a0b800026d7ee 000000004a1b2c3d")}},
+         "UDID##IBM##TOTALSTORAGE##IBM.3542-00A0B8000026D7EE000000004A1B2C3D##2C3D"},
+    };
+    // clang-format on
+    CUDIDFactory factory;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.vendor);
+        simhost::SimDevice& d = disk();
+        d.inquiry = inquiryPage(c.vendor, c.product, 36);
+        d.vpd = c.pages;
+        d.vpd[0x00] = hexBytes("00 00 00 ff 00 80 83");
+        if (c.pages.count(0xC8))
+            d.vpd[0x00] = hexBytes("00 00 00 ff 00 83 c8");
+        CScsiDeviceData dev = record("/dev/sda");
+        ASSERT_EQ(0, tool.UpdateDevice(&dev));
+        ASSERT_EQ(255u, dev.m_supportedPages.size());
+        EXPECT_EQ(0u, dev.m_supportedPages[3]);
+        EXPECT_EQ(c.udid, factory.getUniqueDeviceID(&dev));
+    }
 }
 
 TEST_F(ScsiAccess, FailedInquiryReportsAndLeavesThePage)
@@ -373,7 +414,9 @@ TEST(HostIdentity, HostIqn)
         {true, "InitiatorName=iqn.x:host1\n", 0, "iqn.x:host1", ""},
         {true, "# comment\ninitiatorname = iqn.x   \n", 0, "iqn.x", ""},
         {true, "#InitiatorName=iqn.x\n", 0, "unchanged", ""},
-        {true, "InitiatorName=\nInitiatorName=iqn.y\n", 0, "iqn.y", ""},  // empty name skipped
+        // The first InitiatorName line ends the search, even with nothing after its "=".
+        {true, "InitiatorName=\nInitiatorName=iqn.later\n", 0, "", ""},
+        {true, "InitiatorName=", 0, "", ""},
         {true, nullptr, 26, "unchanged",
          "Error: failed to open file [/etc/iscsi/initiatorname.iscsi]"},
         {false, "InitiatorName=iqn.x\n", 6, "unchanged",

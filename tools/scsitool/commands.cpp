@@ -42,25 +42,6 @@ std::string runUdid(Session& session, const std::string& device, bool rescanIfMi
     return udid + "\n";
 }
 
-namespace {
-
-// The first generator of the table that claims the record: the one whose rule identified it.
-std::string claimingGenerator(CUDIDFactory& factory, CScsiDeviceData& record)
-{
-    for (CUdidGenerator* generator : factory.m_generators) {
-        try {
-            if (generator->claimDevice(&record)) {
-                return generator->getGeneratorName();
-            }
-        } catch (const CUdidGeneratorException&) {
-            // The factory goes on with the next generator too.
-        }
-    }
-    return "";
-}
-
-}  // namespace
-
 std::string runShow(Session& session, const std::string& device, bool json)
 {
     const std::string node = deviceNode(device);
@@ -76,8 +57,12 @@ std::string runShow(Session& session, const std::string& device, bool json)
     session.startCapture();
     int status = tool.UpdateDevice(&record);
     if (status == SCSI_STATUS_OK) {
-        report.generator = claimingGenerator(factory, record);
-        report.udid = factory.getUniqueDeviceID(&record);
+        SUdidOrigin origin;
+        report.udid = factory.getUniqueDeviceID(&record, origin);
+        report.generator = origin.generator;
+        for (const SUdidOrigin::Failure& failure : origin.failures) {
+            report.failedGenerators.push_back({failure.generator, failure.exception});
+        }
     }
     report.warnings = session.stopCapture();
     if (status != SCSI_STATUS_OK) {

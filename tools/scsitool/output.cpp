@@ -130,7 +130,7 @@ std::string formatDeviceTable(const DeviceReport& report)
     char address[64];
     std::snprintf(address, sizeof address, "%d:%d:%d:%d", report.host, report.channel, report.id,
                   report.lun);
-    const std::pair<const char*, std::string> fields[] = {
+    std::vector<std::pair<std::string, std::string>> fields = {
         {"device", report.device},
         {"vendor", report.vendor},
         {"product", report.product},
@@ -138,8 +138,13 @@ std::string formatDeviceTable(const DeviceReport& report)
         {"address", std::string(address) + " (host:channel:id:lun)"},
         {"pages", pages.empty() ? "-" : pages},
         {"generator", generatorLabel(report.generator)},
-        {"udid", report.udid.empty() ? "-" : report.udid},
     };
+    // Generators that claimed the device before the one that made the UDID, and what they threw.
+    for (size_t i = 0; i < report.failedGenerators.size(); ++i) {
+        const auto& failed = report.failedGenerators[i];
+        fields.push_back({i == 0 ? "failed" : "", failed.first + " (" + failed.second + ")"});
+    }
+    fields.push_back({"udid", report.udid.empty() ? "-" : report.udid});
     std::string text;
     for (const auto& field : fields) {
         text += padRight(field.first, 11) + field.second + "\n";
@@ -176,6 +181,11 @@ std::string formatDeviceJson(const DeviceReport& report)
     }
     object["vpd"] = vpd;
     object["generator"] = report.generator;
+    ordered_json failed = ordered_json::array();
+    for (const auto& generator : report.failedGenerators) {
+        failed.push_back({{"generator", generator.first}, {"exception", generator.second}});
+    }
+    object["failed_generators"] = failed;
     object["udid"] = report.udid;
     object["warnings"] = report.warnings;
     return jsonString(object);

@@ -25,7 +25,9 @@ struct DeviceReport {
     int lun = 0;
     std::vector<unsigned int> supportedPages;
     std::map<unsigned int, ByteString> pages;  // 0: the standard INQUIRY data
-    std::string generator;                     // "" when no generator claimed the device
+    std::string generator;                     // the one that made the UDID; "" when none did
+    // Generators that claimed the device before it and threw: name, then the exception.
+    std::vector<std::pair<std::string, std::string>> failedGenerators;
     std::string udid;
     std::vector<std::string> warnings;
 };

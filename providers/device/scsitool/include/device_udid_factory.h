@@ -13,6 +13,18 @@
 #include "dmp_discovery_manager.h"
 #include "fi_trace.h"
 
+// How getUniqueDeviceID came to a UDID: the generator that made it and, in table order, the
+// generators that claimed the device before it and threw.
+struct SUdidOrigin {
+    struct Failure {
+        std::string generator;  // getGeneratorName()
+        std::string exception;  // message id ":" vendor ":" product, as the warning shows it
+    };
+    bool fromOverride = false;  // the override map's entry, no generator asked
+    std::string generator;      // "" when no generator made it
+    std::vector<Failure> failures;
+};
+
 class CUDIDFactory : public virtual kzfi_pdk_4_4::CFiTraceable {
 public:
     // The same two separators the generators use.
@@ -30,6 +42,8 @@ public:
 
     // The UDID of one queried device record, upper case. Never throws CUdidGeneratorException.
     std::string getUniqueDeviceID(CScsiDeviceData* device);
+    // The same UDID, and in `origin` which generator made it and which failed before it.
+    std::string getUniqueDeviceID(CScsiDeviceData* device, SUdidOrigin& origin);
 
     // Rebuilds m_deviceMap from a discovery rescan and returns a copy of it.
     std::map<std::string, SDeviceInfo> enumerateDeviceMap(bool rescanBuses, bool busScanFlag,

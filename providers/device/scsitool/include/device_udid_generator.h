@@ -40,6 +40,18 @@ public:
     static const char* const MSG_INVALID_SCSI_PAGE_DATA;       // a page fails validation
     static const char* const MSG_INVALID_SCSI_ENCLOSURE_DATA;  // the array identity is unusable
 
+    // A cached page as the command buffer held it: the device's bytes up to the cached length,
+    // zero behind them (the buffer was zero-filled before the command). A length test may admit
+    // a page a byte shorter than a field it reads; that byte is then zero, and memory behind the
+    // cached copy is never touched.
+    struct CachedBytes {
+        const unsigned char* data = nullptr;
+        unsigned int length = 0;
+
+        explicit operator bool() const { return data != nullptr; }
+        unsigned char operator[](unsigned int i) const { return i < length ? data[i] : 0; }
+    };
+
     CUdidGenerator(std::string vendorId, std::string productId);
     ~CUdidGenerator() override;
 
@@ -65,17 +77,15 @@ protected:
     static const std::string& stripVendorId(CScsiDeviceData* device);
     static const std::string& stripProductId(CScsiDeviceData* device);
 
-    // The bytes of cached page `code` (0: standard INQUIRY) and their number in `length`, or
-    // nullptr (length 0) when the page is absent or holds no data.
-    static const unsigned char* findPageData(const CScsiDeviceData* device, unsigned int code,
-                                             unsigned int& length);
+    // Cached page `code` (0: standard INQUIRY); no data (length 0) when the page is absent or
+    // holds none.
+    static CachedBytes findPageData(const CScsiDeviceData* device, unsigned int code);
 
     // Bytes [offset, offset + count) as text, ending early at a zero byte.
-    static std::string textField(const unsigned char* data, unsigned int offset,
-                                 unsigned int count);
+    static std::string textField(const CachedBytes& page, unsigned int offset, unsigned int count);
     // Bytes [offset, offset + count) as two hexadecimal digits each; `separator` goes between
     // groups of `group` bytes.
-    static std::string hexField(const unsigned char* data, unsigned int offset, unsigned int count,
+    static std::string hexField(const CachedBytes& page, unsigned int offset, unsigned int count,
                                 bool upperCase, const char* separator = "", unsigned int group = 1);
     // strtol of `text` in `base` (blanks skipped, stops at the first non-digit, 0 without
     // digits), formatted with "%d".

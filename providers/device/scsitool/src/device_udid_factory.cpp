@@ -51,9 +51,17 @@ void CUDIDFactory::registerTraceLog(const CFiTraceLogPtr& log)
 
 std::string CUDIDFactory::getUniqueDeviceID(CScsiDeviceData* device)
 {
+    SUdidOrigin origin;
+    return getUniqueDeviceID(device, origin);
+}
+
+std::string CUDIDFactory::getUniqueDeviceID(CScsiDeviceData* device, SUdidOrigin& origin)
+{
+    origin = SUdidOrigin();
     if (!m_overrideDeviceMap.empty()) {
         auto it = m_overrideDeviceMap.find(device->m_deviceName);
         if (it != m_overrideDeviceMap.end()) {
+            origin.fromOverride = true;
             return CStringTool::tostrupper(it->second.Uid);
         }
     }
@@ -68,13 +76,16 @@ std::string CUDIDFactory::getUniqueDeviceID(CScsiDeviceData* device)
             udid = generator->getUniqueDeviceIDPrefix(device);
             udid += generator->getUniqueDeviceID(device);
             udid = CStringTool::tostrupper(udid);
+            origin.generator = generator->getGeneratorName();
             return udid;
         } catch (const CUdidGeneratorException& e) {
+            std::string joined = joinException(e);
             if (m_traceLog) {
                 m_traceLog->trace(
                     2, "WARNING: getUniqueDeviceID caught exception: [%s],skipping device.",
-                    joinException(e).c_str());
+                    joined.c_str());
             }
+            origin.failures.push_back({generator->getGeneratorName(), joined});
         }
     }
     return CStringTool::tostrupper(udid);

@@ -97,29 +97,29 @@ const std::string& CUdidGenerator::stripProductId(CScsiDeviceData* device)
     return device->m_productId;
 }
 
-const unsigned char* CUdidGenerator::findPageData(const CScsiDeviceData* device, unsigned int code,
-                                                  unsigned int& length)
+CUdidGenerator::CachedBytes CUdidGenerator::findPageData(const CScsiDeviceData* device,
+                                                         unsigned int code)
 {
-    length = 0;
+    CachedBytes bytes;
     const CScsiModePage* page = device->findPage(code);
-    if (page == nullptr || page->getData() == nullptr) {
-        return nullptr;
+    if (page != nullptr && page->getData() != nullptr) {
+        bytes.data = page->getData();
+        bytes.length = page->getLength();
     }
-    length = page->getLength();
-    return page->getData();
+    return bytes;
 }
 
-std::string CUdidGenerator::textField(const unsigned char* data, unsigned int offset,
+std::string CUdidGenerator::textField(const CachedBytes& page, unsigned int offset,
                                       unsigned int count)
 {
     std::string text;
-    for (unsigned int i = offset; i < offset + count && data[i] != 0; ++i) {
-        text += char(data[i]);
+    for (unsigned int i = offset; i < offset + count && page[i] != 0; ++i) {
+        text += char(page[i]);
     }
     return text;
 }
 
-std::string CUdidGenerator::hexField(const unsigned char* data, unsigned int offset,
+std::string CUdidGenerator::hexField(const CachedBytes& page, unsigned int offset,
                                      unsigned int count, bool upperCase, const char* separator,
                                      unsigned int group)
 {
@@ -129,7 +129,7 @@ std::string CUdidGenerator::hexField(const unsigned char* data, unsigned int off
         if (i != 0 && i % group == 0) {
             text += separator;
         }
-        snprintf(digits, sizeof(digits), upperCase ? "%02X" : "%02x", data[offset + i]);
+        snprintf(digits, sizeof(digits), upperCase ? "%02X" : "%02x", page[offset + i]);
         text += digits;
     }
     return text;
@@ -207,10 +207,9 @@ std::string CDefaultUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
     if (std::find(pages.begin(), pages.end(), 0x00u) != pages.end() &&
         !stripVendorId(device).empty()) {
         for (unsigned int code : {0x83u, 0x80u}) {
-            unsigned int length = 0;
-            const unsigned char* data = findPageData(device, code, length);
-            if (data != nullptr && length != 0) {
-                return pageBody(data, length);
+            CachedBytes page = findPageData(device, code);
+            if (page && page.length != 0) {
+                return pageBody(page.data, page.length);
             }
         }
     }

@@ -37,18 +37,16 @@ bool CEmcClariionUdidGenerator::checkForArraySerialNo(const unsigned char** page
     if (page == nullptr) {
         throw error(MSG_INVALID_SCSI_PAGE_DATA);
     }
-    const unsigned char* data = *page;
     // A page the device did not give holds no serial: it is rejected like a bad one and the
     // next source is tried, so the LUN name of page 0x83 still makes an id.
-    if (data != nullptr) {
-        // The length byte bounds the serial; a page that does not even hold it is too short.
-        if (unsigned(lengthIndex) >= pageLength ||
-            unsigned(data[lengthIndex]) + unsigned(serialOffset) > pageLength) {
+    if (*page != nullptr) {
+        CachedBytes bytes{*page, pageLength};
+        // The length byte only bounds this test; the copy takes up to 14 characters whatever it
+        // says (bytes behind the cached copy read as zero and end the text).
+        if (unsigned(bytes[unsigned(lengthIndex)]) + unsigned(serialOffset) > pageLength) {
             throw anonymousError(MSG_INVALID_SCSI_PAGE_SIZE);
         }
-        // Up to 14 characters whatever the length byte says, but never past the page.
-        unsigned int available = pageLength - unsigned(serialOffset);
-        enclosureId += textField(data, unsigned(serialOffset), available < 14 ? available : 14);
+        enclosureId += textField(bytes, unsigned(serialOffset), 14);
     }
 
     if (CStringTool::isalphaNumeric(enclosureId)) {
@@ -70,20 +68,19 @@ std::string CEmcClariionUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device
 {
     FI_TRACE_FUNCTION("CEmcClariionUdidGenerator::getUniqueDeviceID");
     std::string enclosureId;
-    unsigned int length = 0;
-    const unsigned char* pageC0 = findPageData(device, 0xC0, length);
-    if (!checkForArraySerialNo(&pageC0, length, 49, 50, enclosureId)) {
+    CachedBytes pageC0 = findPageData(device, 0xC0);
+    if (!checkForArraySerialNo(&pageC0.data, pageC0.length, 49, 50, enclosureId)) {
         enclosureId.clear();
-        const unsigned char* page80 = findPageData(device, 0x80, length);
-        if (!checkForArraySerialNo(&page80, length, 3, 4, enclosureId) && m_traceLog) {
+        CachedBytes page80 = findPageData(device, 0x80);
+        if (!checkForArraySerialNo(&page80.data, page80.length, 3, 4, enclosureId) && m_traceLog) {
             // Carries on with the rejected text and no separator.
             m_traceLog->trace(2, "Invalid EnclosureID %s found for Clariion", enclosureId.c_str());
         }
     }
 
-    // Byte 23 is read: a page of exactly 23 bytes is too short as well.
-    const unsigned char* page83 = findPageData(device, 0x83, length);
-    if (page83 == nullptr || length <= 23) {
+    // A page of 23 bytes passes: its missing byte 23 is the zero the command buffer held.
+    CachedBytes page83 = findPageData(device, 0x83);
+    if (!page83 || page83.length <= 22) {
         throw error(MSG_INVALID_SCSI_DEVICE_DATA);
     }
     std::string body = enclosureId + hexField(page83, 8, 16, false, ":") + ":";
@@ -108,24 +105,13 @@ CEmcSymmetrixUdidGenerator::CEmcSymmetrixUdidGenerator(std::string vendorId, std
 std::string CEmcSymmetrixUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
     FI_TRACE_FUNCTION("CEmcSymmetrixUdidGenerator::getUniqueDeviceID");
-    unsigned int length = 0;
-    const unsigned char* inquiry = findPageData(device, 0, length);
-    if (inquiry == nullptr || length < 132) {
+    CachedBytes inquiry = findPageData(device, 0);
+    if (!inquiry || inquiry.length < 132) {
         throw error(MSG_INVALID_SCSI_PAGE_DATA);
     }
-    std::string body = "00" + CStringTool::binary2str(inquiry + 124, 5) + udid_separator;
+    std::string body = "00" + hexField(inquiry, 124, 5, false) + udid_separator;
 
-    // The field is read from bytes the data must hold: a buffer that ends before them is as
-    // short as one under 132 bytes.
-    if (length == 132) {
-        throw error(MSG_INVALID_SCSI_PAGE_DATA);
-    }
-    unsigned char field[4] = {'0', inquiry[38], inquiry[39], inquiry[40]};
-    if (inquiry[132] != 0) {
-        if (length < 136) {
-            throw error(MSG_INVALID_SCSI_PAGE_DATA);
-        }
-        std::copy(inquiry + 132, inquiry + 136, field);
-    }
-    return body + textField(field, 0, 4);
+    // Data of 132 to 135 bytes passes: the bytes it lacks read as zero.
+    return body +
+           (inquiry[132] != 0 ? textField(inquiry, 132, 4) : "0" + textField(inquiry, 38, 3));
 }

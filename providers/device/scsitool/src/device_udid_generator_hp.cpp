@@ -30,16 +30,15 @@ bool CHpMsaUdidGenerator::claimDevice(CScsiDeviceData* device)
 std::string CHpMsaUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
     FI_TRACE_FUNCTION("CHpMsaUdidGenerator::getUniqueDeviceID");
-    unsigned int length = 0;
-    const unsigned char* inquiry = findPageData(device, 0, length);
-    if (inquiry == nullptr || length < 120) {
+    CachedBytes inquiry = findPageData(device, 0);
+    if (!inquiry || inquiry.length < 120) {
         throw error(MSG_INVALID_SCSI_DEVICE_DATA);
     }
     std::string body = textField(inquiry, 96, 14) + udid_separator;
 
     // A page 0x83 too short for its text field fails like a missing one.
-    const unsigned char* page83 = findPageData(device, 0x83, length);
-    if (page83 == nullptr || length < 68) {
+    CachedBytes page83 = findPageData(device, 0x83);
+    if (!page83 || page83.length < 68) {
         throw error(MSG_INVALID_SCSI_DEVICE_DATA);
     }
     return body + textField(page83, 36, 32);
@@ -65,24 +64,21 @@ bool CHpEvaUdidGenerator::claimDevice(CScsiDeviceData* device)
 std::string CHpEvaUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
     FI_TRACE_FUNCTION("CHpEvaUdidGenerator::getUniqueDeviceID");
-    unsigned int length = 0;
-    const unsigned char* inquiry = findPageData(device, 0, length);
-    // Byte 137 is read: a buffer of exactly 137 bytes is too short as well.
-    if (inquiry == nullptr || length <= 137) {
+    // Data of 137 bytes passes: its missing byte 137 reads as zero.
+    CachedBytes inquiry = findPageData(device, 0);
+    if (!inquiry || inquiry.length <= 136) {
         throw anonymousError(MSG_INVALID_SCSI_ENCLOSURE_DATA);
     }
     std::string body = hexField(inquiry, 130, 8, true, "-", 2) + udid_separator;
 
-    const unsigned char* page83 = findPageData(device, 0x83, length);
-    if (page83 == nullptr || length < 4) {
+    // A page 0x83 too short for its header and name fails like a missing one; one of 23 bytes
+    // passes, its missing byte 23 reading as zero.
+    CachedBytes page83 = findPageData(device, 0x83);
+    if (!page83 || page83.length <= 22) {
         throw error(MSG_INVALID_SCSI_PAGE_DATA);
     }
     if (page83[2] * 256 + page83[3] <= 19) {
         throw error(MSG_INVALID_SCSI_DEVICE_DATA);
-    }
-    // A page whose header promises a name it does not hold fails like a missing page.
-    if (length < 24) {
-        throw error(MSG_INVALID_SCSI_PAGE_DATA);
     }
     return body + hexField(page83, 8, 16, true, "-", 2);
 }
@@ -105,17 +101,16 @@ bool CHpXpUdidGenerator::claimDevice(CScsiDeviceData* device)
 std::string CHpXpUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
     FI_TRACE_FUNCTION("CHpXpUdidGenerator::getUniqueDeviceID");
-    unsigned int length = 0;
-    const unsigned char* inquiry = findPageData(device, 0, length);
-    if (inquiry == nullptr || length <= 55) {
+    CachedBytes inquiry = findPageData(device, 0);
+    if (!inquiry || inquiry.length <= 55) {
         throw error(MSG_INVALID_SCSI_PAGE_DATA);
     }
-    const unsigned char* work = inquiry + 36;
+    // The work field is INQUIRY bytes 36 to 55.
     std::string serial;
-    if (work[0] == '5' && work[1] == '0' && work[2] == ' ') {
-        serial = textField(work, 3, 5);
+    if (inquiry[36] == '5' && inquiry[37] == '0' && inquiry[38] == ' ') {
+        serial = textField(inquiry, 39, 5);
     }
-    return decimalOf(serial, 16) + udid_separator + decimalOf(textField(work, 8, 4), 16);
+    return decimalOf(serial, 16) + udid_separator + decimalOf(textField(inquiry, 44, 4), 16);
 }
 
 // --- 3PAR ------------------------------------------------------------------------------------
@@ -136,16 +131,15 @@ bool CHp3parUdidGenerator::claimDevice(CScsiDeviceData* device)
 std::string CHp3parUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
     FI_TRACE_FUNCTION("CHp3parUdidGenerator::getUniqueDeviceID");
-    unsigned int length = 0;
-    const unsigned char* page80 = findPageData(device, 0x80, length);
-    if (page80 == nullptr || length <= 11) {
+    CachedBytes page80 = findPageData(device, 0x80);
+    if (!page80 || page80.length <= 11) {
         throw anonymousError(MSG_INVALID_SCSI_ENCLOSURE_DATA);
     }
     std::string body = CStringTool::trim(textField(page80, 4, 8)) + udid_separator;
 
     // A page 0x83 too short for the name fails like a missing one.
-    const unsigned char* page83 = findPageData(device, 0x83, length);
-    if (page83 == nullptr || length <= 15) {
+    CachedBytes page83 = findPageData(device, 0x83);
+    if (!page83 || page83.length <= 15) {
         throw error(MSG_INVALID_SCSI_PAGE_DATA);
     }
     return body + hexField(page83, 8, 8, true);

@@ -13,21 +13,18 @@ const char* const kIbmFasttModels[] = {"3552", "3542", nullptr};
 const char* const kIbmDsModels[] = {"1722", "1724", "1742", "1815", "1814", nullptr};
 
 // The ESS gate: page 0x80 must be there and hold the serial its length byte announces;
-// `missing` or `tooShort` is thrown otherwise. Returns the page, its cached length in `length`.
-const unsigned char* essSerialPage(const CScsiDeviceData* device, unsigned int& length,
-                                   const CUdidGeneratorException& missing,
-                                   const CUdidGeneratorException& tooShort)
+// `missing` or `tooShort` is thrown otherwise.
+CUdidGenerator::CachedBytes essSerialPage(const CUdidGenerator::CachedBytes& page80,
+                                          const CUdidGeneratorException& missing,
+                                          const CUdidGeneratorException& tooShort)
 {
-    const CScsiModePage* page = device->findPage(0x80);
-    if (page == nullptr || page->getData() == nullptr) {
+    if (!page80) {
         throw missing;
     }
-    length = page->getLength();
-    // A page without its length byte is too short as well.
-    if (length < 4 || page->getData()[3] > length) {
+    if (page80[3] > page80.length) {
         throw tooShort;
     }
-    return page->getData();
+    return page80;
 }
 
 }  // namespace
@@ -64,38 +61,35 @@ std::string CIbmUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
     FI_TRACE_FUNCTION("CIbmUdidGenerator::getUniqueDeviceID");
     std::string body;
-    unsigned int length = 0;
     const std::string product = stripProductId(device);
     if (product.find("2107") != std::string::npos) {
         // Without INQUIRY data the id is the LUN part alone.
-        const unsigned char* inquiry = findPageData(device, 0, length);
-        if (inquiry != nullptr) {
-            if (length < 43) {
+        CachedBytes inquiry = findPageData(device, 0);
+        if (inquiry) {
+            if (inquiry.length < 43) {
                 throw anonymousError(MSG_INVALID_SCSI_PAGE_SIZE);
             }
             body += "IBM.2107-" + textField(inquiry, 36, 7) + udid_separator;
         }
     } else if (isESS(stripProductId(device))) {
-        const unsigned char* page80 =
-            essSerialPage(device, length, error(MSG_INVALID_SCSI_PAGE_DATA),
+        CachedBytes page80 =
+            essSerialPage(findPageData(device, 0x80), error(MSG_INVALID_SCSI_PAGE_DATA),
                           anonymousError(MSG_INVALID_SCSI_PAGE_SIZE));
-        unsigned int serialLength = length - 4 < 7 ? length - 4 : 7;
-        body += "IBM." + product.substr(0, 4) + "-" + textField(page80, 4, serialLength) +
-                udid_separator;
+        body += "IBM." + product.substr(0, 4) + "-" + textField(page80, 4, 7) + udid_separator;
     } else if (isFASTT(stripProductId(device))) {
-        const unsigned char* pageC8 = findPageData(device, 0xC8, length);
-        if (pageC8 == nullptr || length < 106) {
+        CachedBytes pageC8 = findPageData(device, 0xC8);
+        if (!pageC8 || pageC8.length < 106) {
             throw error(MSG_INVALID_SCSI_PAGE_DATA);
         }
-        body += "IBM." + product.substr(0, 4) + "-" + CStringTool::binary2str(pageC8 + 90, 16) +
-                udid_separator;
+        body +=
+            "IBM." + product.substr(0, 4) + "-" + hexField(pageC8, 90, 16, false) + udid_separator;
     } else {
         throw anonymousError(MSG_INVALID_SCSI_ENCLOSURE_DATA);
     }
 
-    // Bytes 22 and 23 are read: a page of exactly 23 bytes is too short as well.
-    const unsigned char* page83 = findPageData(device, 0x83, length);
-    if (page83 == nullptr || length <= 23) {
+    // A page of 23 bytes passes: its missing byte 23 reads as zero.
+    CachedBytes page83 = findPageData(device, 0x83);
+    if (!page83 || page83.length <= 22) {
         throw error(MSG_INVALID_SCSI_PAGE_DATA);
     }
     return body + hexField(page83, 22, 2, false);
@@ -135,31 +129,31 @@ std::string CIbmDsUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
     FI_TRACE_FUNCTION("CIbmDsUdidGenerator::getUniqueDeviceID");
     std::string body;
-    unsigned int length = 0;
     const std::string product = stripProductId(device);
 
-    // Page 0xD0 bytes 8 to 23 as hex, or nothing when the page can't give them.
+    // Page 0xD0 bytes 8 to 23 as hex, or nothing when the page can't give them; a page of 23
+    // bytes gives them, its missing byte 23 reading as zero.
     auto arrayId = [&]() -> std::string {
-        unsigned int lengthD0 = 0;
-        const unsigned char* pageD0 = findPageData(device, 0xD0, lengthD0);
-        return pageD0 != nullptr && lengthD0 > 23 ? CStringTool::binary2str(pageD0 + 8, 16) : "";
+        CachedBytes pageD0 = findPageData(device, 0xD0);
+        return pageD0 && pageD0.length > 22 ? hexField(pageD0, 8, 16, false) : "";
     };
 
     if (product.find("1724") != std::string::npos) {
-        // Without usable INQUIRY data the id is the LUN part alone.
-        const unsigned char* inquiry = findPageData(device, 0, length);
-        if (inquiry != nullptr && length >= 43) {
-            unsigned int textLength = length - 36 < 511 ? length - 36 : 511;
-            body += "IBM.1724-" + textField(inquiry, 36, textLength) + udid_separator;
+        // Without usable INQUIRY data the id is the LUN part alone. The text runs to its first
+        // zero byte, at most 511 characters.
+        CachedBytes inquiry = findPageData(device, 0);
+        if (inquiry && inquiry.length >= 43) {
+            body += "IBM.1724-" + textField(inquiry, 36, 511) + udid_separator;
         }
     } else if (isESS(stripProductId(device))) {
         // Page 0x80 only has to be there: its serial does not enter the id.
-        essSerialPage(device, length, error(MSG_INVALID_SCSI_PAGE_DATA),
+        essSerialPage(findPageData(device, 0x80), error(MSG_INVALID_SCSI_PAGE_DATA),
                       anonymousError(MSG_INVALID_SCSI_PAGE_SIZE));
         body += "IBM." + product.substr(0, 4) + "-" + arrayId() + udid_separator;
     } else if (isFASTT(stripProductId(device))) {
         // Page 0xC8 only has to be there: its contents do not enter the id.
-        if (findPageData(device, 0xC8, length) == nullptr || length < 106) {
+        CachedBytes pageC8 = findPageData(device, 0xC8);
+        if (!pageC8 || pageC8.length < 106) {
             throw error(MSG_INVALID_SCSI_PAGE_DATA);
         }
         body += "IBM." + product.substr(0, 4) + "-" + arrayId() + udid_separator;
@@ -167,9 +161,9 @@ std::string CIbmDsUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
         throw anonymousError(MSG_INVALID_SCSI_ENCLOSURE_DATA);
     }
 
-    // Byte 23 is read: a page of exactly 23 bytes is too short as well.
-    const unsigned char* page83 = findPageData(device, 0x83, length);
-    if (page83 == nullptr || length <= 23) {
+    // A page of 23 bytes passes: its missing byte 23 reads as zero.
+    CachedBytes page83 = findPageData(device, 0x83);
+    if (!page83 || page83.length <= 22) {
         throw error(MSG_INVALID_SCSI_PAGE_DATA);
     }
     return body + hexField(page83, 8, 16, false, ":");

@@ -36,24 +36,24 @@ bool CHitachiUdidGenerator::claimDevice(CScsiDeviceData* device)
 std::string CHitachiUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
     FI_TRACE_FUNCTION("CHitachiUdidGenerator::getUniqueDeviceID");
-    unsigned int length = 0;
-    const unsigned char* inquiry = findPageData(device, 0, length);
-    // Byte 56 is read: a buffer of exactly 56 bytes is too short as well.
-    if (inquiry == nullptr || length <= 56) {
+    // Data of 56 bytes passes: the work field's last byte (56) is then the buffer's zero, and the
+    // numbers end before it anyway.
+    CachedBytes inquiry = findPageData(device, 0);
+    if (!inquiry || inquiry.length <= 55) {
         throw error(MSG_INVALID_SCSI_PAGE_DATA);
     }
-    const unsigned char* work = inquiry + 36;
+    // The work field is INQUIRY bytes 36 to 56.
     std::string serial;
-    if (work[0] == 'D' && work[1] == '6') {
-        serial = decimalOf(textField(work, 4, 4), 16);
-    } else if (work[0] == '7') {
-        serial = decimalOf(textField(work, 0, 8), 10);
-    } else if (work[0] == '5' && work[1] == '0' && work[2] == ' ') {
-        serial = decimalOf(textField(work, 3, 5), 16);
+    if (inquiry[36] == 'D' && inquiry[37] == '6') {
+        serial = decimalOf(textField(inquiry, 40, 4), 16);
+    } else if (inquiry[36] == '7') {
+        serial = decimalOf(textField(inquiry, 36, 8), 10);
+    } else if (inquiry[36] == '5' && inquiry[37] == '0' && inquiry[38] == ' ') {
+        serial = decimalOf(textField(inquiry, 39, 5), 16);
     } else {
-        serial = decimalOf(textField(work, 4, 4), 16);
+        serial = decimalOf(textField(inquiry, 40, 4), 16);
     }
-    return serial + udid_separator + decimalOf(textField(work, 8, 4), 16);
+    return serial + udid_separator + decimalOf(textField(inquiry, 44, 4), 16);
 }
 
 // --- LSI / Engenio ---------------------------------------------------------------------------
@@ -78,23 +78,19 @@ bool CLsiUdidGenerator::claimDevice(CScsiDeviceData* device)
 std::string CLsiUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
     FI_TRACE_FUNCTION("CLsiUdidGenerator::getUniqueDeviceID");
-    unsigned int length = 0;
-    const unsigned char* pageC8 = findPageData(device, 0xC8, length);
-    if (pageC8 == nullptr || length <= 105) {
+    CachedBytes pageC8 = findPageData(device, 0xC8);
+    if (!pageC8 || pageC8.length <= 105) {
         throw anonymousError(MSG_INVALID_SCSI_ENCLOSURE_DATA);
     }
-    std::string body = CStringTool::binary2str(pageC8 + 90, 16) + udid_separator;
+    std::string body = hexField(pageC8, 90, 16, false) + udid_separator;
 
-    const unsigned char* page83 = findPageData(device, 0x83, length);
-    if (page83 == nullptr || length <= 22) {
+    // A page of 23 bytes passes: its missing byte 23 reads as zero.
+    CachedBytes page83 = findPageData(device, 0x83);
+    if (!page83 || page83.length <= 22) {
         throw error(MSG_INVALID_SCSI_PAGE_DATA);
     }
     if (page83[2] * 256 + page83[3] <= 19) {
         throw error(MSG_INVALID_SCSI_DEVICE_DATA);
-    }
-    // Byte 23 is read: a page of exactly 23 bytes is too short as well.
-    if (length == 23) {
-        throw error(MSG_INVALID_SCSI_PAGE_DATA);
     }
     return body + hexField(page83, 8, 16, true);
 }
@@ -155,11 +151,12 @@ std::string CNetAppUdidGenerator::getEnclosureID(CScsiDeviceData* device)
 
     // Record lengths are two signed bytes; a zero or negative one ends the walk. Every record
     // start is at most byte 256, so the text read from it stays inside the buffer.
+    const CachedBytes answer{response, sizeof(response)};
     int start = 8;
     while (start <= kLastRecordStart) {
         const unsigned char* record = response + start;
         if (record[0] == 0x22) {
-            return textField(record, kTextOffset, kTextLimit);
+            return textField(answer, unsigned(start) + kTextOffset, kTextLimit);
         }
         int length = int(int8_t(record[2])) * 256 + int(int8_t(record[3]));
         if (length <= 0) {
@@ -185,9 +182,8 @@ std::string CNetAppUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
         // This one site names the missing page in place of the product.
         throw CUdidGeneratorException(MSG_INVALID_SCSI_PAGE_DATA, m_vendorId, "0x83");
     }
-    unsigned int length = 0;
-    const unsigned char* page83 = findPageData(device, 0x83, length);
-    if (page83 == nullptr || length < 33) {
+    CachedBytes page83 = findPageData(device, 0x83);
+    if (!page83 || page83.length < 33) {
         throw error(MSG_INVALID_SCSI_DEVICE_DATA);
     }
     return body + hexField(page83, 21, 12, false);
@@ -215,15 +211,14 @@ bool CFujitsuEternusUdidGenerator::claimDevice(CScsiDeviceData* device)
 std::string CFujitsuEternusUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
     FI_TRACE_FUNCTION("CFujitsuEternusUdidGenerator::getUniqueDeviceID");
-    unsigned int length = 0;
-    const unsigned char* inquiry = findPageData(device, 0, length);
-    if (inquiry == nullptr || length < 44) {
+    CachedBytes inquiry = findPageData(device, 0);
+    if (!inquiry || inquiry.length < 44) {
         throw anonymousError(MSG_INVALID_SCSI_ENCLOSURE_DATA);
     }
     std::string body = CStringTool::trim(textField(inquiry, 36, 8)) + udid_separator;
 
-    const unsigned char* page83 = findPageData(device, 0x83, length);
-    if (page83 == nullptr || length < 24) {
+    CachedBytes page83 = findPageData(device, 0x83);
+    if (!page83 || page83.length < 24) {
         throw error(MSG_INVALID_SCSI_PAGE_DATA);
     }
     return body + hexField(page83, 8, 16, true);

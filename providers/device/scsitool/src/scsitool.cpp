@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -16,6 +15,11 @@ using kzfi_pdk_4_4::fiSystem;
 namespace {
 
 const unsigned char kInquiry = 0x12;
+
+// The largest answer a one-byte length can announce (255 + the 5-byte INQUIRY header) fits in the
+// buffer behind the CDB.
+static_assert(CScsiTool::kAnswerOffset + 255 + 5 <= CScsiTool::kCommandBufferSize,
+              "an announced answer must lie inside the command buffer");
 
 void putLittleEndian32(unsigned char* at, unsigned int value)
 {
@@ -64,12 +68,11 @@ int CScsiTool::GetModePageInfo(CScsiDeviceHandle& handle, CScsiDeviceData& devic
         }
 
         const unsigned char* answer = buffer + kAnswerOffset;
+        // The answer says its own size: a VPD page's length byte plus its 4-byte header, the
+        // standard data's additional length plus its 5-byte header. Up to 260 bytes are copied
+        // out of the 512-byte buffer, so what a device announces but did not send (more than the
+        // 252 bytes of the allocation length, or a short transfer) is the buffer's zeroes.
         unsigned int size = evpd ? answer[3] + 4u : answer[4] + 5u;
-        // The device cannot have sent more than the allocation length of the CDB: a length byte
-        // that claims more is cut to the 252 bytes that may really have arrived (the buffer is
-        // zeroed, so a shorter transfer leaves zeroes, never stale bytes).
-        size = std::min(size, static_cast<unsigned int>(kAllocationLength));
-
         unsigned char* bytes = new unsigned char[size];
         std::memcpy(bytes, answer, size);
         // A fresh holder replaces the caller's; an older page in it is released, not leaked.
@@ -187,13 +190,8 @@ int CScsiTool::GetHostIQN(std::string& iqn)
                                                             "InitiatorName")) {
             continue;
         }
-        // "InitiatorName=" with nothing after it names no initiator: a later line may still.
-        std::string name =
-            tokens.size() < 2 ? std::string() : CFiStringTool::trim(tokens[1], kBlanks);
-        if (name.empty()) {
-            continue;
-        }
-        iqn = name;
+        // The first InitiatorName line names the initiator, even when its value is empty.
+        iqn = tokens.size() < 2 ? std::string() : CFiStringTool::trim(tokens[1], kBlanks);
         break;
     }
     std::fclose(file);
