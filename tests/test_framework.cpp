@@ -1,6 +1,7 @@
 // The framework kit: trace log and tracer, reference counts, message ids, the command pipe and the
 // configuration reader behind the tuning settings.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -8,6 +9,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <fstream>
 #include <thread>
 
 #include "fi_configuration.h"
@@ -130,6 +132,55 @@ TEST(SmartPtr, CountsReferencesAcrossCopiesAndThreads)
     EXPECT_EQ(raw->refCount(), 1);
 }
 
+namespace {
+// A sink that tells a pipe every line it receives and, with "released", that its log is gone.
+struct ReportingSink : CFiTraceSink {
+    explicit ReportingSink(int fd) : m_fd(fd) {}
+    ~ReportingSink() override { say("released\n"); }
+    void write(int, const std::string& message) override { say(message + "\n"); }
+    void say(const std::string& text)
+    {
+        EXPECT_EQ(::write(m_fd, text.data(), text.size()), ssize_t(text.size()));
+    }
+    int m_fd;
+};
+
+struct ReleaseFlagSink : CFiTraceSink {
+    explicit ReleaseFlagSink(bool& released) : m_released(released) {}
+    ~ReleaseFlagSink() override { m_released = true; }
+    void write(int, const std::string&) override {}
+    bool& m_released;
+};
+
+std::string readAll(int fd)
+{
+    std::string text;
+    char buffer[256];
+    ssize_t got;
+    while ((got = read(fd, buffer, sizeof buffer)) > 0)
+        text.append(buffer, size_t(got));
+    return text;
+}
+}  // namespace
+
+TEST(SmartPtr, TakingThePointerItHoldsKeepsTheObject)
+{
+    for (int others : {0, 1}) {
+        bool released = false;
+        CFiTraceLogPtr held(new CFiTraceLog());
+        held->setSink(std::unique_ptr<CFiTraceSink>(new ReleaseFlagSink(released)));
+        CFiTraceLogPtr other;
+        if (others != 0)
+            other = held;
+        held.acquire(held.get());
+        ASSERT_FALSE(released) << others;
+        EXPECT_EQ(held->refCount(), 1 + others);
+        other.release();
+        held.release();
+        EXPECT_TRUE(released) << others;
+    }
+}
+
 TEST(Singleton, OneLogPerPluginUntilDestroyed)
 {
     CFiTraceLogPtr a = (CFiContextSingleton<CFiTraceLog, FI_PLUGIN_NAME>::instance(false));
@@ -138,6 +189,33 @@ TEST(Singleton, OneLogPerPluginUntilDestroyed)
     EXPECT_EQ(a.get(), b.get());
     EXPECT_FALSE((CFiContextSingleton<CFiTraceLog, FI_PLUGIN_NAME>::instance(true)));
     EXPECT_NE(fiPluginTraceLog().get(), nullptr);
+}
+
+TEST(Singleton, ReleasedWhenTheKitIsUnloadedAfterTracingAtExit)
+{
+    // The process exits as at unload: an exit handler still traces through the plug-in's log,
+    // then the kit drops the singleton's reference and the log with its sink goes.
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        close(fds[0]);
+        {
+            CFiTraceLogPtr log = fiPluginTraceLog();
+            log->setLevel(2);
+            log->setSink(std::unique_ptr<CFiTraceSink>(new ReportingSink(fds[1])));
+        }
+        atexit([] { fiPluginTraceLog()->trace(2, "WARNING: traced at exit"); });
+        exit(0);
+    }
+    close(fds[1]);
+    const std::string report = readAll(fds[0]);
+    close(fds[0]);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(report, "WARNING: traced at exit\nreleased\n");
 }
 
 TEST(ExecPipe, CapturesLinesAndStatus)
@@ -149,9 +227,14 @@ TEST(ExecPipe, CapturesLinesAndStatus)
     } cases[] = {
         {"printf 'a\\nb\\n'; echo err >&2; exit 3", 3, {"a", "b", "err"}},
         {"printf 'no newline'", 0, {"no newline"}},
+        {"printf 'x\\n\\ny\\n'", 0, {"x", "", "y"}},
         {"true", 0, {}},
         {"/nonexistent/tool -x", 127, {"sh: 1: /nonexistent/tool: not found"}},
         {"kill -9 $$", 256 + 9, {}},
+        // Whole lines of each stream stay apart: a partial line waits for the rest of its own
+        // stream, and what is left at the end comes standard output first.
+        {"printf c; echo err >&2", 0, {"err", "c"}},
+        {"printf c; printf err >&2", 0, {"c", "err"}},
     };
     for (const Case& c : cases) {
         CFiExecPipePosix pipe(1);
@@ -161,19 +244,108 @@ TEST(ExecPipe, CapturesLinesAndStatus)
     }
 }
 
-TEST(ExecPipe, KillsTheWholeGroupAtTheLimit)
+namespace {
+// Whether process `pid` has gone (or is only a zombie left for its new parent to reap).
+bool gone(pid_t pid)
 {
-    CFiExecPipePosix pipe(1);
-    std::vector<std::string> lines;
-    // The background sleeper holds the pipe open too: only killing the group ends it.
-    auto start = std::chrono::steady_clock::now();
-    int result = pipe.Exec("echo started; sleep 30 & sleep 30", lines, "", 1, "", "", "");
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-    EXPECT_EQ(result, FI_EXEC_TIMED_OUT);
-    EXPECT_EQ(pipe.getLastError().getErrno(), ETIMEDOUT);
-    EXPECT_EQ(lines, std::vector<std::string>{"started"});
-    // No zombie is left behind: the child was reaped.
-    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    std::getline(stat, text);
+    size_t paren = text.rfind(')');
+    return !stat || paren == std::string::npos || text.compare(paren, 4, ") Z ") == 0;
+}
+}  // namespace
+
+TEST(ExecPipe, KeepsTheLimitForTheWholeRunAndReturnsWhenTheCommandExits)
+{
+    using std::chrono::milliseconds;
+    struct Case {
+        const char* command;
+        int result;
+        std::vector<std::string> lines;
+        long atLeastMs;
+        long atMostMs;
+    } cases[] = {
+        // Nothing holds the pipe any more, yet the command goes on: the limit still ends it.
+        {"exec >/dev/null 2>&1; sleep 3", FI_EXEC_TIMED_OUT, {}, 1000, 1500},
+        // The background sleeper holds the pipe open too: only killing the group ends it.
+        {"sleep 30 & echo $!; sleep 30", FI_EXEC_TIMED_OUT, {"*"}, 1000, 1500},
+        // The command is done although a child it left behind still holds an output stream.
+        {"echo done; sleep 2 &", 0, {"done"}, 0, 500},
+        {"echo failed >&2; sleep 2 >&2 & exit 4", 4, {"failed"}, 0, 500},
+    };
+    for (const Case& c : cases) {
+        CFiExecPipePosix pipe(1);
+        std::vector<std::string> lines;
+        auto start = std::chrono::steady_clock::now();
+        int result = pipe.Exec(c.command, lines, "", 1, "", "", "");
+        const long took =
+            long(std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - start)
+                     .count());
+        EXPECT_GE(took, c.atLeastMs) << c.command;
+        EXPECT_LE(took, c.atMostMs) << c.command;
+        EXPECT_EQ(result, c.result) << c.command;
+        EXPECT_EQ(pipe.getLastError().getErrno(), c.result == FI_EXEC_TIMED_OUT ? ETIMEDOUT : 0)
+            << c.command;
+        if (c.lines == std::vector<std::string>{"*"}) {
+            // The shell told the background sleeper's pid: it was killed with the group.
+            ASSERT_EQ(lines.size(), 1u) << c.command;
+            const pid_t sleeper = pid_t(std::stol(lines[0]));
+            auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+            while (!gone(sleeper) && std::chrono::steady_clock::now() < until)
+                std::this_thread::sleep_for(milliseconds(10));
+            EXPECT_TRUE(gone(sleeper)) << c.command;
+        } else {
+            EXPECT_EQ(lines, c.lines) << c.command;
+        }
+        // No zombie is left behind: the command was reaped.
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << c.command;
+    }
+}
+
+namespace {
+// Sets SIGCHLD to be ignored, as a host process may, for the life of the object.
+struct IgnoredChildSignal {
+    IgnoredChildSignal()
+    {
+        struct sigaction ignore = {};
+        ignore.sa_handler = SIG_IGN;
+        sigaction(SIGCHLD, &ignore, &m_saved);
+    }
+    ~IgnoredChildSignal() { sigaction(SIGCHLD, &m_saved, nullptr); }
+    struct sigaction m_saved = {};
+};
+}  // namespace
+
+TEST(ExecPipe, ReportsAStatusItCannotLearnAsAFailure)
+{
+    // With SIGCHLD ignored the kernel reaps the command itself and its status is lost.
+    struct Case {
+        const char* command;
+        unsigned long limit;
+        int result;
+        int sysErrno;
+        const char* text;
+        std::vector<std::string> lines;
+    } cases[] = {
+        {"echo 'ls: cannot access'; exit 2",
+         600,
+         FI_EXEC_NOT_STARTED,
+         ECHILD,
+         "exit status unknown",
+         {"ls: cannot access"}},
+        {"true", 600, FI_EXEC_NOT_STARTED, ECHILD, "exit status unknown", {}},
+        {"echo slow; sleep 3", 1, FI_EXEC_TIMED_OUT, ETIMEDOUT, "timed out", {"slow"}},
+    };
+    IgnoredChildSignal ignored;
+    for (const Case& c : cases) {
+        CFiExecPipePosix pipe(1);
+        std::vector<std::string> lines;
+        EXPECT_EQ(pipe.Exec(c.command, lines, "", c.limit, "", "", ""), c.result) << c.command;
+        EXPECT_EQ(pipe.getLastError().getErrno(), c.sysErrno) << c.command;
+        EXPECT_EQ(pipe.getLastError().getText(), c.text) << c.command;
+        EXPECT_EQ(lines, c.lines) << c.command;
+    }
 }
 
 TEST(ExecPipe, ReportsACommandThatCannotStart)

@@ -17,9 +17,11 @@ public:
     ~CFiExecPipeBase() override;
 
     // Runs `command` through /bin/sh -c. `output` is cleared, then receives standard output and
-    // error, one element per line. `limit` is in seconds; a command still running then is killed
-    // with its whole process group. Returns 0 on success, otherwise the exit status (1 to 255),
-    // 256 + signal number, FI_EXEC_TIMED_OUT or FI_EXEC_NOT_STARTED (errno in getLastError()).
+    // error, one element per line, each line whole (see CFiSystem::exec). `limit` is in seconds
+    // and covers the whole run; a command still running then is killed with its whole process
+    // group. Returns 0 on success, otherwise the exit status (1 to 255), 256 + signal number,
+    // FI_EXEC_TIMED_OUT or FI_EXEC_NOT_STARTED (errno in getLastError(); ECHILD with the text
+    // "exit status unknown" when the command ran but its status could not be learnt).
     // The four further strings are accepted for the framework's signature and not used.
     virtual int Exec(std::string command, std::vector<std::string>& output, std::string input,
                      unsigned long limit, std::string user, std::string directory,

@@ -18,7 +18,8 @@ namespace kzfi_pdk_4_4 {
 // status (1 to 255) and 256 + signal number for a command killed by a signal.
 enum : int {
     FI_EXEC_TIMED_OUT = 1000,   // the limit passed; the whole process group was killed
-    FI_EXEC_NOT_STARTED = 1001  // pipe, fork or exec failed; errno is kept in the last-error record
+    FI_EXEC_NOT_STARTED = 1001  // pipe or fork failed, or the exit status could not be learnt
+                                // (SIGCHLD ignored: ECHILD); errno is kept in the last-error record
 };
 
 class CFiSystem {
@@ -46,8 +47,12 @@ public:
     virtual int system(const char* command);
 
     // Runs `command` through /bin/sh -c with standard output and error captured one element per
-    // line (without the newline). Returns 0 on success, the exit status, 256 + signal,
-    // FI_EXEC_TIMED_OUT or FI_EXEC_NOT_STARTED; sysErrno receives errno for the last two.
+    // line (without the newline). Lines of the two streams are kept whole and apart, in the order
+    // they were completed; a last line without a newline ends its stream, standard output's first.
+    // The limit covers reading and reaping; the command returns as soon as it has exited, even
+    // when a child it left behind still holds its output. Returns 0 on success, the exit status,
+    // 256 + signal, FI_EXEC_TIMED_OUT or FI_EXEC_NOT_STARTED; sysErrno receives errno for the
+    // last two.
     virtual int exec(const std::string& command, std::vector<std::string>& output,
                      unsigned long limitSeconds, int& sysErrno);
 };

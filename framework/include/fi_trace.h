@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -114,15 +115,14 @@ public:
     }
     ~CFiSmartPtr() { release(); }
 
-    // Takes a reference to `p` (after dropping any held one); nullptr leaves the pointer empty.
+    // Takes a reference to `p` and then drops any held one, so that taking the pointer already
+    // held never frees it; nullptr leaves the pointer empty.
     void acquire(T* p)
     {
-        if (m_ptr != nullptr) {
-            release();
-        }
         if (p != nullptr) {
             p->addRef();
         }
+        release();
         m_ptr = p;
     }
     void release()
@@ -148,35 +148,36 @@ private:
 
 using CFiTraceLogPtr = CFiSmartPtr<CFiTraceLog, CFiContextSingletonAllocator<CFiTraceLog>>;
 
-// One instance per plug-in tag, created on first use.
+// One instance per plug-in tag, created on first use. The pointer and the mutex are plain static
+// storage: nothing is allocated for them and they stay usable while static objects are destroyed
+// at exit. The kit drops the singleton's reference to its trace log when it is unloaded.
 template <class T, const char* TAG>
 class CFiContextSingleton {
 public:
     static CFiSmartPtr<T, CFiContextSingletonAllocator<T>> instance(bool destroy)
     {
-        std::lock_guard<std::mutex> lock(mutex());
-        CFiSmartPtr<T, CFiContextSingletonAllocator<T>>& held = holder();
+        std::lock_guard<std::mutex> lock(s_mutex);
         if (destroy) {
-            held.release();
+            T* held = s_held;
+            s_held = nullptr;
+            if (held != nullptr) {
+                held->releaseRef();
+            }
             return CFiSmartPtr<T, CFiContextSingletonAllocator<T>>();
         }
-        if (held.isNull()) {
-            held.acquire(CFiContextSingletonAllocator<T>::create());
+        if (s_held == nullptr) {
+            T* created = CFiContextSingletonAllocator<T>::create();
+            created->addRef();  // the singleton's own reference
+            s_held = created;
         }
-        return held;
+        return CFiSmartPtr<T, CFiContextSingletonAllocator<T>>(s_held);
     }
 
 private:
-    static std::mutex& mutex()
-    {
-        static std::mutex* m = new std::mutex();  // lives until unload
-        return *m;
-    }
-    static CFiSmartPtr<T, CFiContextSingletonAllocator<T>>& holder()
-    {
-        static auto* h = new CFiSmartPtr<T, CFiContextSingletonAllocator<T>>();
-        return *h;
-    }
+    static_assert(std::is_trivially_destructible<std::mutex>::value,
+                  "the singleton's mutex must outlive every static destructor");
+    static inline std::mutex s_mutex;
+    static inline T* s_held = nullptr;
 };
 
 // The plug-in's shared trace log.

@@ -1,5 +1,7 @@
 #include "fi_execpipe.h"
 
+#include <cerrno>
+
 namespace kzfi_pdk_4_4 {
 
 CFiExecPipeBase::CFiExecPipeBase() = default;
@@ -16,7 +18,7 @@ int CFiExecPipeBase::Exec(std::string command, std::vector<std::string>& output,
     if (result == FI_EXEC_TIMED_OUT) {
         m_lastError.set(sysErrno, "timed out");
     } else if (result == FI_EXEC_NOT_STARTED) {
-        m_lastError.set(sysErrno, "could not start");
+        m_lastError.set(sysErrno, sysErrno == ECHILD ? "exit status unknown" : "could not start");
     }
     return result;
 }

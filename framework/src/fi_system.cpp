@@ -25,18 +25,66 @@ long long nowMillis()
     return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-void splitLines(const std::string& text, std::vector<std::string>& output)
+// One output stream of a running command: the read end of its pipe and the part of a line that
+// has not ended yet. Standard output and error have a pipe each so that a partial line of one is
+// never continued by text of the other.
+struct CommandStream {
+    int fd = -1;
+    std::string partial;
+};
+
+// Reads at most `budget` bytes of what `stream` holds now and moves every line they end to
+// `output`. Closes the stream when every writer has closed it (or reading fails).
+void readStream(CommandStream& stream, size_t budget, std::vector<std::string>& output)
 {
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) {
-            output.push_back(text.substr(start));
-            break;
+    char buffer[16384];
+    while (stream.fd >= 0 && budget > 0) {
+        ssize_t got = ::read(stream.fd, buffer, budget < sizeof buffer ? budget : sizeof buffer);
+        if (got < 0 && errno == EINTR) {
+            continue;
         }
-        output.push_back(text.substr(start, end - start));
-        start = end + 1;
+        if (got < 0 && errno == EAGAIN) {
+            return;
+        }
+        if (got <= 0) {
+            ::close(stream.fd);
+            stream.fd = -1;
+            return;
+        }
+        budget -= static_cast<size_t>(got);
+        stream.partial.append(buffer, static_cast<size_t>(got));
+        size_t start = 0;
+        for (size_t end; (end = stream.partial.find('\n', start)) != std::string::npos;
+             start = end + 1) {
+            output.push_back(stream.partial.substr(start, end - start));
+        }
+        stream.partial.erase(0, start);
     }
+}
+
+// Reads what the streams hold at this moment: all a finished command wrote, but never an endless
+// supply from a child it left behind. A line the stream never ended is kept as it stands.
+void readRemainder(CommandStream (&streams)[2], std::vector<std::string>& output)
+{
+    for (CommandStream& stream : streams) {
+        int pending = 0;
+        if (stream.fd >= 0 && ::ioctl(stream.fd, FIONREAD, &pending) == 0 && pending > 0) {
+            readStream(stream, static_cast<size_t>(pending), output);
+        }
+        if (stream.fd >= 0) {
+            ::close(stream.fd);
+            stream.fd = -1;
+        }
+        if (!stream.partial.empty()) {
+            output.push_back(stream.partial);
+            stream.partial.clear();
+        }
+    }
+}
+
+void pauseMillis(long long millis)
+{
+    ::poll(nullptr, 0, static_cast<int>(millis));
 }
 
 }  // namespace
@@ -112,16 +160,25 @@ int CFiSystem::exec(const std::string& command, std::vector<std::string>& output
                     unsigned long limitSeconds, int& sysErrno)
 {
     sysErrno = 0;
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) {
+    const long long deadline = nowMillis() + static_cast<long long>(limitSeconds) * 1000;
+    int outFds[2];
+    int errFds[2];
+    if (::pipe2(outFds, O_CLOEXEC) != 0) {
         sysErrno = errno;
+        return FI_EXEC_NOT_STARTED;
+    }
+    if (::pipe2(errFds, O_CLOEXEC) != 0) {
+        sysErrno = errno;
+        ::close(outFds[0]);
+        ::close(outFds[1]);
         return FI_EXEC_NOT_STARTED;
     }
     pid_t pid = ::fork();
     if (pid < 0) {
         sysErrno = errno;
-        ::close(fds[0]);
-        ::close(fds[1]);
+        for (int fd : {outFds[0], outFds[1], errFds[0], errFds[1]}) {
+            ::close(fd);
+        }
         return FI_EXEC_NOT_STARTED;
     }
     if (pid == 0) {
@@ -131,55 +188,86 @@ int CFiSystem::exec(const std::string& command, std::vector<std::string>& output
         if (devnull >= 0) {
             ::dup2(devnull, 0);
         }
-        ::dup2(fds[1], 1);
-        ::dup2(fds[1], 2);
+        ::dup2(outFds[1], 1);
+        ::dup2(errFds[1], 2);
         ::execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
         ::_exit(127);
     }
     ::setpgid(pid, pid);
-    ::close(fds[1]);
+    ::close(outFds[1]);
+    ::close(errFds[1]);
+    CommandStream streams[2];
+    streams[0].fd = outFds[0];
+    streams[1].fd = errFds[0];
+    for (const CommandStream& stream : streams) {
+        ::fcntl(stream.fd, F_SETFL, ::fcntl(stream.fd, F_GETFL) | O_NONBLOCK);
+    }
 
-    std::string text;
+    // The command is asked whether it has finished between short waits on its streams: a child it
+    // left behind may hold them open long after it exited, and it may go on long after closing
+    // them. The waits grow to 50 ms and start again from 1 ms whenever a stream ends.
+    int status = 0;
+    int waitErrno = 0;
     bool timedOut = false;
-    const long long deadline = nowMillis() + static_cast<long long>(limitSeconds) * 1000;
-    char buffer[4096];
+    long long pause = 1;
     for (;;) {
-        long long left = deadline - nowMillis();
+        pid_t reaped = ::waitpid(pid, &status, WNOHANG);
+        if (reaped == pid) {
+            break;
+        }
+        if (reaped < 0 && errno != EINTR) {
+            // ECHILD: SIGCHLD is ignored, so the kernel reaped the command and its status is lost.
+            waitErrno = errno;
+            break;
+        }
+        const long long left = deadline - nowMillis();
         if (left <= 0) {
             timedOut = true;
             break;
         }
-        struct pollfd pfd = {fds[0], POLLIN, 0};
-        int ready = ::poll(&pfd, 1, left > 1000 ? 1000 : static_cast<int>(left));
-        if (ready < 0) {
-            if (errno == EINTR) {
-                continue;
+        const long long wait = left < pause ? left : pause;
+        pause = pause * 2 > 50 ? 50 : pause * 2;
+        struct pollfd watched[2];
+        CommandStream* owners[2];
+        nfds_t count = 0;
+        for (CommandStream& stream : streams) {
+            if (stream.fd >= 0) {
+                watched[count] = {stream.fd, POLLIN, 0};
+                owners[count++] = &stream;
             }
-            break;
         }
-        if (ready == 0) {
+        if (count == 0) {
+            pauseMillis(wait);
             continue;
         }
-        ssize_t got = ::read(fds[0], buffer, sizeof buffer);
-        if (got < 0 && errno == EINTR) {
+        if (::poll(watched, count, static_cast<int>(wait)) <= 0) {
             continue;
         }
-        if (got <= 0) {
-            break;  // every writer has closed the pipe
+        for (nfds_t i = 0; i < count; ++i) {
+            if (watched[i].revents != 0) {
+                readStream(*owners[i], 65536, output);
+                if (owners[i]->fd < 0) {
+                    pause = 1;
+                }
+            }
         }
-        text.append(buffer, static_cast<size_t>(got));
     }
     if (timedOut) {
         ::kill(-pid, SIGKILL);
+        // A process stuck in the kernel outlives SIGKILL; it is not waited for past a short grace.
+        const long long graceEnd = nowMillis() + 200;
+        while (::waitpid(pid, &status, WNOHANG) == 0 && nowMillis() < graceEnd) {
+            pauseMillis(1);
+        }
     }
-    ::close(fds[0]);
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    splitLines(text, output);
+    readRemainder(streams, output);
     if (timedOut) {
         sysErrno = ETIMEDOUT;
         return FI_EXEC_TIMED_OUT;
+    }
+    if (waitErrno != 0) {
+        sysErrno = waitErrno;
+        return FI_EXEC_NOT_STARTED;
     }
     if (WIFEXITED(status)) {
         return WEXITSTATUS(status);

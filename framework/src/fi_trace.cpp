@@ -184,6 +184,18 @@ CFiTraceLogPtr fiPluginTraceLog()
     return CFiContextSingleton<CFiTraceLog, FI_PLUGIN_NAME>::instance(false);
 }
 
+namespace {
+
+// Runs when the kit is unloaded (dlclose) or the process exits, after the static destructors and
+// exit handlers of the plug-ins above it, which may still trace: the singleton's reference to the
+// trace log is dropped, and the log with its sink goes once no one else holds it.
+__attribute__((destructor)) void releasePluginTraceLog()
+{
+    CFiContextSingleton<CFiTraceLog, FI_PLUGIN_NAME>::instance(true);
+}
+
+}  // namespace
+
 CFiTraceable::~CFiTraceable() = default;
 
 void CFiTraceable::registerTraceLog(const CFiTraceLogPtr& log)
