@@ -77,6 +77,8 @@ TEST(FunctionTracer, WritesEntryAndExitLinesWithTheFileBaseName)
 TEST(TraceLog, FiltersByLevelAndWritesNothingWithoutALog)
 {
     TraceCapture capture(3);
+    EXPECT_TRUE(capture.log()->isEnabled(3));
+    EXPECT_FALSE(capture.log()->isEnabled(4));
     capture.log()->trace(4, "hidden %s", "x");
     capture.log()->trace(3, "shown %s", "y");
     capture.log()->trace(1, "%s", std::string(2000, 'z').c_str());

@@ -49,10 +49,11 @@ public:
     // Runs `command` through /bin/sh -c with standard output and error captured one element per
     // line (without the newline). Lines of the two streams are kept whole and apart, in the order
     // they were completed; a last line without a newline ends its stream, standard output's first.
-    // The limit covers reading and reaping; the command returns as soon as it has exited, even
-    // when a child it left behind still holds its output. Returns 0 on success, the exit status,
-    // 256 + signal, FI_EXEC_TIMED_OUT or FI_EXEC_NOT_STARTED; sysErrno receives errno for the
-    // last two.
+    // The limit covers reading and reaping, and at the limit the command's whole process group is
+    // killed. A command that exits returns at once, even when a child it left running in the
+    // background still holds its output; that child is left alone and loses what it writes later.
+    // Returns 0 on success, the exit status, 256 + signal, FI_EXEC_TIMED_OUT or
+    // FI_EXEC_NOT_STARTED; sysErrno receives errno for the last two.
     virtual int exec(const std::string& command, std::vector<std::string>& output,
                      unsigned long limitSeconds, int& sysErrno);
 };

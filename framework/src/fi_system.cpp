@@ -184,7 +184,7 @@ int CFiSystem::exec(const std::string& command, std::vector<std::string>& output
     if (pid == 0) {
         // The child leads its own process group so that a limit kills everything it started.
         ::setpgid(0, 0);
-        int devnull = ::open("/dev/null", O_RDONLY);
+        int devnull = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
         if (devnull >= 0) {
             ::dup2(devnull, 0);
         }
