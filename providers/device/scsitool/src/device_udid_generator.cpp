@@ -8,6 +8,7 @@
 
 #include "fi_system.h"
 #include "stringtool.h"
+#include "trace_call.h"
 
 using kzfi_pdk_4_4::fiSystem;
 
@@ -222,9 +223,7 @@ std::string CDefaultUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
     } else {
         body += "UNKNOWN";
     }
-    if (m_traceLog) {
-        m_traceLog->trace(3, "INFO: %s has no identity page, using the host-local id %s",
-                          device->m_deviceName.c_str(), body.c_str());
-    }
+    traceTo(m_traceLog, 3, "INFO: %s has no identity page, using the host-local id %s",
+            device->m_deviceName.c_str(), body.c_str());
     return body;
 }

@@ -10,6 +10,7 @@
 #include "device_udid_generator.h"
 #include "fi_system.h"
 #include "stringtool.h"
+#include "trace_call.h"
 
 using kzfi_pdk_4_4::fiSystem;
 
@@ -116,9 +117,7 @@ std::string CNetAppUdidGenerator::getEnclosureID(CScsiDeviceData* device)
     };
     int fd = fiSystem().open(device->m_deviceName.c_str(), O_RDONLY | O_NONBLOCK);
     if (fd < 0) {
-        if (m_traceLog) {
-            m_traceLog->trace(2, "getEnclosureID: cannot open %s", device->m_deviceName.c_str());
-        }
+        traceTo(m_traceLog, 2, "getEnclosureID: cannot open %s", device->m_deviceName.c_str());
         return "";
     }
 
@@ -142,10 +141,8 @@ std::string CNetAppUdidGenerator::getEnclosureID(CScsiDeviceData* device)
     int rc = fiSystem().ioctl(fd, SG_IO, &request);
     fiSystem().close(fd);
     if (rc < 0) {
-        if (m_traceLog) {
-            m_traceLog->trace(2, "getEnclosureID: identity command failed on %s",
-                              device->m_deviceName.c_str());
-        }
+        traceTo(m_traceLog, 2, "getEnclosureID: identity command failed on %s",
+                device->m_deviceName.c_str());
         return "";
     }
 
