@@ -1,6 +1,5 @@
 // The generators of the remaining arrays: Hitachi, LSI/Engenio, NetApp and Fujitsu Eternus.
 #include <fcntl.h>
-#include <scsi/sg.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -8,6 +7,7 @@
 #include <string>
 
 #include "device_udid_generator.h"
+#include "fi_scsi_ioctl.h"
 #include "fi_system.h"
 #include "stringtool.h"
 #include "trace_call.h"
