@@ -13,17 +13,6 @@ CEmcClariionUdidGenerator::CEmcClariionUdidGenerator(std::string vendorId, std::
 {
 }
 
-// Vendor DGC and a product naming a RAID group, a disk, a VNX or a CX, case-sensitive; other
-// DGC products (LUNZ) are left to the generators behind this one.
-bool CEmcClariionUdidGenerator::claimDevice(CScsiDeviceData* device)
-{
-    static const char* const products[] = {"RAID", "DISK", "VNX", "CX", nullptr};
-    if (stripVendorId(device) != m_vendorId) {
-        return false;
-    }
-    return containsOneOf(stripProductId(device), products);
-}
-
 std::string CEmcClariionUdidGenerator::getUniqueDeviceIDPrefix(CScsiDeviceData* /*device*/)
 {
     std::string prefix = udid_prefix;

@@ -21,17 +21,6 @@ CHitachiUdidGenerator::CHitachiUdidGenerator(std::string vendorId, std::string p
 {
 }
 
-bool CHitachiUdidGenerator::claimDevice(CScsiDeviceData* device)
-{
-    static const char* const models[] = {"9200",    "9500V", "DF600F", "DF600F-V", "OPEN-V",
-                                         "OPEN-0V", "9900",  "9910",   "9980V",    "9970V",
-                                         "9960",    "USP",   nullptr};
-    if (stripVendorId(device) != "HITACHI") {
-        return false;
-    }
-    return beginsWithOneOf(stripProductId(device), models);
-}
-
 // Two decimal numbers from the hex or decimal texts of INQUIRY bytes 36 to 47: the array serial
 // and the LUN.
 std::string CHitachiUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
@@ -62,16 +51,6 @@ std::string CHitachiUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 CLsiUdidGenerator::CLsiUdidGenerator(std::string vendorId, std::string productId)
     : CUdidGenerator(std::move(vendorId), std::move(productId))
 {
-}
-
-// The one claim test that ignores case: vendor LSI, product INF..., UNIVERSAL... or
-// MPP_VIRTUAL_DISK... The record keeps its own case.
-bool CLsiUdidGenerator::claimDevice(CScsiDeviceData* device)
-{
-    static const char* const products[] = {"INF", "UNIVERSAL", "MPP_VIRTUAL_DISK", nullptr};
-    std::string vendor = CStringTool::tostrupper(stripVendorId(device));
-    std::string product = CStringTool::tostrupper(stripProductId(device));
-    return vendor == "LSI" && beginsWithOneOf(product, products);
 }
 
 // The array id of page 0xC8 bytes 90 to 105 in lower-case hex, "##", and the LUN name of page
@@ -192,15 +171,6 @@ CFujitsuEternusUdidGenerator::CFujitsuEternusUdidGenerator(std::string vendorId,
                                                            std::string productId)
     : CUdidGenerator(std::move(vendorId), std::move(productId))
 {
-}
-
-bool CFujitsuEternusUdidGenerator::claimDevice(CScsiDeviceData* device)
-{
-    static const char* const products[] = {"ETERNUS", nullptr};
-    if (stripVendorId(device) != "FUJITSU") {
-        return false;
-    }
-    return beginsWithOneOf(stripProductId(device), products);
 }
 
 // The array serial of INQUIRY bytes 36 to 43 (blanks trimmed), "##", and the LUN name of page
