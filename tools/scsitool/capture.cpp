@@ -2,7 +2,6 @@
 // replays. Everything is read through the system interface, so a capture made while a snapshot
 // is replayed reproduces that snapshot.
 #include <fcntl.h>
-#include <scsi/sg.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,6 +17,7 @@
 #include "device_discovery.h"
 #include "errors.h"
 #include "fi_system.h"
+#include "kernel_files.h"
 #include "progress.h"
 #include "scsitool.h"
 #include "simhost.h"
@@ -91,33 +91,17 @@ struct PartitionEntry {
 std::map<std::string, PartitionEntry> readPartitions()
 {
     std::map<std::string, PartitionEntry> disks;
-    std::string text;
-    if (!readText("/proc/partitions", text)) {
-        return disks;
-    }
-    std::vector<std::pair<std::string, unsigned long long>> rows;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        std::string line = text.substr(start, end == std::string::npos ? end : end - start);
-        start = end == std::string::npos ? text.size() : end + 1;
-        unsigned int major, minor;
-        unsigned long long blocks;
-        char name[256];
-        if (std::sscanf(line.c_str(), "%u %u %llu %255s", &major, &minor, &blocks, name) == 4) {
-            rows.emplace_back(name, blocks);
-        }
-    }
-    for (const auto& row : rows) {
-        disks[row.first].blocks = row.second;
+    std::vector<SPartitionRow> rows = readProcPartitions();
+    for (const SPartitionRow& row : rows) {
+        disks[row.name].blocks = row.blocks;
     }
     // A partition is a disk's name followed by its number.
-    for (const auto& row : rows) {
+    for (const SPartitionRow& row : rows) {
         for (auto& disk : disks) {
             const std::string& name = disk.first;
-            if (row.first.size() > name.size() && row.first.compare(0, name.size(), name) == 0 &&
-                isNumber(row.first.substr(name.size()))) {
-                disk.second.partitions.push_back(row.first);
+            if (row.name.size() > name.size() && row.name.compare(0, name.size(), name) == 0 &&
+                isNumber(row.name.substr(name.size()))) {
+                disk.second.partitions.push_back(row.name);
             }
         }
     }
@@ -154,27 +138,9 @@ bool readPage(CScsiTool& tool, CScsiDeviceHandle& handle, CScsiDeviceData& recor
 // bytes left out.
 bool readNetAppIdentity(const std::string& node, Bytes& answer)
 {
-    int fd = fiSystem().open(node.c_str(), O_RDONLY | O_NONBLOCK);
-    if (fd < 0) {
-        return false;
-    }
-    unsigned char cdb[10] = {0xC0, 0x00, 0x00, 0x0A, 0x98, 0x0A, 0x22, 0x10, 0x00, 0x00};
-    unsigned char sense[64] = {0};
-    std::vector<unsigned char> buffer(4096, 0);
-    sg_io_hdr_t header;
-    std::memset(&header, 0, sizeof header);
-    header.interface_id = 'S';
-    header.dxfer_direction = SG_DXFER_FROM_DEV;
-    header.cmd_len = sizeof cdb;
-    header.mx_sb_len = sizeof sense;
-    header.dxfer_len = buffer.size();
-    header.dxferp = buffer.data();
-    header.cmdp = cdb;
-    header.sbp = sense;
-    header.timeout = 10;
-    int result = fiSystem().ioctl(fd, SG_IO, &header);
-    fiSystem().close(fd);
-    if (result != 0) {
+    std::vector<unsigned char> buffer;
+    int result = 0;
+    if (!sendNetAppIdentityCommand(node, buffer, result) || result != 0) {
         return false;
     }
     size_t used = buffer.size();
@@ -236,63 +202,6 @@ simhost::SimDevice captureDevice(Session& session, const std::string& node, bool
 
 typedef std::vector<int> Address;  // host, channel, id, LUN
 
-// A direct-access device as "/proc/scsi/scsi" shows it.
-struct ListedDisk {
-    Address address;
-    Bytes inquiry;  // rebuilt from the vendor, model, revision and ANSI version shown
-};
-
-std::string fieldAfter(const std::string& line, const std::string& label, size_t width)
-{
-    size_t at = line.find(label);
-    if (at == std::string::npos) {
-        return std::string(width, ' ');
-    }
-    std::string field = line.substr(at + label.size(), width);
-    return field + std::string(width - field.size(), ' ');
-}
-
-// The direct-access devices of "/proc/scsi/scsi", in the kernel's order.
-std::vector<ListedDisk> listedDisks()
-{
-    std::vector<ListedDisk> disks;
-    std::string text;
-    if (!readText("/proc/scsi/scsi", text)) {
-        return disks;
-    }
-    ListedDisk pending;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        std::string line = text.substr(start, end == std::string::npos ? end : end - start);
-        start = end == std::string::npos ? text.size() : end + 1;
-        int host, channel, id, lun, revision;
-        if (std::sscanf(line.c_str(), "Host: scsi%d Channel: %d Id: %d Lun: %d", &host, &channel,
-                        &id, &lun) == 4) {
-            pending = ListedDisk();
-            pending.address = {host, channel, id, lun};
-        } else if (!pending.address.empty() && line.find("Vendor:") != std::string::npos) {
-            std::string text = fieldAfter(line, "Vendor: ", 8) + fieldAfter(line, "Model: ", 16) +
-                               fieldAfter(line, "Rev: ", 4);
-            pending.inquiry.assign(36, 0);
-            std::copy(text.begin(), text.end(), pending.inquiry.begin() + 8);
-        } else if (!pending.address.empty() && line.find("Type:") != std::string::npos) {
-            if (line.find("Direct-Access ") != std::string::npos && !pending.inquiry.empty()) {
-                size_t at = line.find("revision:");
-                if (at != std::string::npos &&
-                    std::sscanf(line.c_str() + at, "revision: %x", &revision) == 1) {
-                    pending.inquiry[2] = static_cast<uint8_t>(revision);
-                }
-                pending.inquiry[3] = 2;
-                pending.inquiry[4] = 31;
-                disks.push_back(pending);
-            }
-            pending = ListedDisk();
-        }
-    }
-    return disks;
-}
-
 bool isWholeDisk(const std::string& name)
 {
     if (name.size() < 3 || name.compare(0, 2, "sd") != 0) {
@@ -318,9 +227,10 @@ void placeDisks(std::vector<simhost::SimDevice>& disks, const std::vector<bool>&
             used.insert({disks[i].host, disks[i].channel, disks[i].id, disks[i].lun});
         }
     }
-    std::vector<ListedDisk> free;
-    for (const ListedDisk& listed : listedDisks()) {
-        if (!used.count(listed.address)) {
+    std::vector<SListedScsiDisk> free;
+    for (const SListedScsiDisk& listed : readProcScsiDisks()) {
+        const SLinuxScsiDevice& at = listed.address;
+        if (!used.count({at.host, at.channel, at.id, at.lun})) {
             free.push_back(listed);
         }
     }
@@ -332,7 +242,8 @@ void placeDisks(std::vector<simhost::SimDevice>& disks, const std::vector<bool>&
         }
         Address address;
         if (next < free.size()) {
-            address = free[next].address;
+            const SLinuxScsiDevice& at = free[next].address;
+            address = {at.host, at.channel, at.id, at.lun};
             disks[i].inquiry = free[next++].inquiry;
         } else {
             while (used.count({0, 0, 0, lun})) {

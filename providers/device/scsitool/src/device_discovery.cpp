@@ -7,6 +7,7 @@
 
 #include "discovery_common.h"
 #include "fi_system.h"
+#include "kernel_files.h"
 #include "trace_call.h"
 
 using scsitool_discovery::parseAddressLine;
@@ -173,17 +174,11 @@ std::vector<std::string> CLinuxDeviceDiscovery::enumerateNativeDevicePaths()
         }
         traceTo(m_traceLog, 3, "INFO: reading /proc/partitions\n");
         for (const std::string& line : readLines(file)) {
-            if (line.find("sd") == std::string::npos) {
-                continue;
-            }
-            char name[10];
-            std::memset(name, 0, sizeof name);
-            int major = 0;
-            int minor = 0;
-            int blocks = 0;
-            if (std::sscanf(line.c_str(), " %d %d %d %8s", &major, &minor, &blocks, name) == 4 &&
-                IsValidDeviceName(name)) {
-                paths.push_back(std::string("/dev/") + name);
+            // Names are taken to eight characters, as the kernels of the time wrote them.
+            SPartitionRow row;
+            if (line.find("sd") != std::string::npos && parsePartitionLine(line, row) &&
+                IsValidDeviceName(row.name.substr(0, 8))) {
+                paths.push_back("/dev/" + row.name.substr(0, 8));
             }
         }
     } catch (...) {
