@@ -67,20 +67,23 @@ struct SClaimRule {
 // no pattern: their vendor prefix and the model lists they share stay in their own claimDevice.
 // clang-format off
 const SClaimRule kClaimRules[] = {
-    // claim strings       vendors           match      products                      match      no case
-    {"HP",      "MSA",       {"COMPAQ", "HP"}, kContains, {"MSA"},                      kContains, false},
-    {"HP",      "HSV",       {"COMPAQ", "HP"}, kExact,    {"HSV"},                      kPrefix,   false},
-    {"HP",      "XP",        {"HP"},           kExact,    {"OPEN-V", "OPEN-0V"},        kPrefix,   false},
-    {"DGC",     "",          {"DGC"},          kExact,    {"RAID", "DISK", "VNX", "CX"}, kContains, false},
-    {"EMC",     "SYMMETRIX", {"EMC"},          kExact,    {"SYMMETRIX"},                kExact,    false},
-    {"HITACHI", "HDS",       {"HITACHI"},      kExact,    {"9200", "9500V", "DF600F", "DF600F-V",
-                                                           "OPEN-V", "OPEN-0V", "9900", "9910", "9980V",
-                                                           "9970V", "9960", "USP"},     kPrefix,   false},
-    {"ENGENIO", "UNIVERSAL", {"LSI"},          kExact,    {"INF", "UNIVERSAL",
-                                                           "MPP_VIRTUAL_DISK"},         kPrefix,   true},
-    {"NETAPP",  "LUN",       {"NETAPP"},       kExact,    {"LUN"},                      kExact,    false},
-    {"HP",      "3PAR",      {"3PARdata"},     kExact,    {"VV"},                       kExact,    false},
-    {"FUJITSU", "ETERNUS",   {"FUJITSU"},      kExact,    {"ETERNUS"},                  kPrefix,   false},
+    // claim strings       vendors           match      products                match      no case
+    {"HP", "MSA",          {"COMPAQ", "HP"}, kContains, {"MSA"},                kContains, false},
+    {"HP", "HSV",          {"COMPAQ", "HP"}, kExact,    {"HSV"},                kPrefix,   false},
+    {"HP", "XP",           {"HP"},           kExact,    {"OPEN-V", "OPEN-0V"},  kPrefix,   false},
+    {"DGC", "",            {"DGC"},          kExact,    {"RAID", "DISK", "VNX",
+                                                         "CX"},                 kContains, false},
+    {"EMC", "SYMMETRIX",   {"EMC"},          kExact,    {"SYMMETRIX"},          kExact,    false},
+    {"HITACHI", "HDS",     {"HITACHI"},      kExact,    {"9200", "9500V", "DF600F",
+                                                         "DF600F-V", "OPEN-V",
+                                                         "OPEN-0V", "9900", "9910",
+                                                         "9980V", "9970V", "9960",
+                                                         "USP"},                kPrefix,   false},
+    {"ENGENIO", "UNIVERSAL", {"LSI"},        kExact,    {"INF", "UNIVERSAL",
+                                                         "MPP_VIRTUAL_DISK"},   kPrefix,   true},
+    {"NETAPP", "LUN",      {"NETAPP"},       kExact,    {"LUN"},                kExact,    false},
+    {"HP", "3PAR",         {"3PARdata"},     kExact,    {"VV"},                 kExact,    false},
+    {"FUJITSU", "ETERNUS", {"FUJITSU"},      kExact,    {"ETERNUS"},            kPrefix,   false},
 };
 // clang-format on
 
