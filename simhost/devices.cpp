@@ -1,8 +1,8 @@
 // Device nodes: open and close, and the SCSI commands a device answers through ioctl.
 #include <errno.h>
-#include <scsi/sg.h>
 #include <string.h>
 
+#include "fi_scsi_ioctl.h"
 #include "simhost.h"
 #include "simhost_state.h"
 
@@ -10,9 +10,6 @@ namespace simhost {
 
 namespace {
 
-const unsigned long kSendCommand = 1;    // SCSI_IOCTL_SEND_COMMAND
-const unsigned long kGetIdLun = 0x5382;  // SCSI_IOCTL_GET_IDLUN
-const unsigned long kSgIo = 0x2285;      // SG_IO
 const uint8_t kInquiry = 0x12;
 const uint8_t kVendorIdentity = 0xC0;  // the NetApp identity command
 const int kCheckCondition = 0x02;      // SCSI status byte
@@ -198,7 +195,7 @@ int SimHost::ioctl(int fd, unsigned long request, void* arg)
     SimDevice* device = state.find(open->second.device);
     std::vector<Bytes>& sent = state.cdbs[open->second.node];
 
-    if (request == kSendCommand) {
+    if (request == SCSI_IOCTL_SEND_COMMAND) {
         // Buffer: input length, output length (both little-endian), then the CDB; the answer
         // (or the sense data of a failed command) is written from offset 8.
         uint8_t* buffer = static_cast<uint8_t*>(arg);
@@ -226,7 +223,7 @@ int SimHost::ioctl(int fd, unsigned long request, void* arg)
         return outcome.kind == Outcome::Good ? 0 : kCheckCondition;
     }
 
-    if (request == kGetIdLun) {
+    if (request == SCSI_IOCTL_GET_IDLUN) {
         if (!device || device->state != DeviceState::Running) {
             errno = EIO;
             return -1;
@@ -241,7 +238,7 @@ int SimHost::ioctl(int fd, unsigned long request, void* arg)
         return 0;
     }
 
-    if (request == kSgIo) {
+    if (request == SG_IO) {
         return state.sgIo(device, arg, sent);
     }
 

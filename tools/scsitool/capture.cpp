@@ -1,39 +1,25 @@
 // `scsitool capture`: this host's SCSI view written as a snapshot that the simulated host
 // replays. Everything is read through the system interface, so a capture made while a snapshot
 // is replayed reproduces that snapshot.
-#include <fcntl.h>
-#include <scsi/sg.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <map>
-#include <set>
 
+#include "capture_parts.h"
 #include "commands.h"
-#include "device_discovery.h"
 #include "errors.h"
 #include "fi_system.h"
 #include "progress.h"
-#include "scsitool.h"
 #include "simhost.h"
-#include "stringtool.h"
 
 namespace scsitool_cli {
 
-namespace {
+namespace capture {
 
 using kzfi_pdk_4_4::fiSystem;
-using simhost::Bytes;
-
-// Executables whose presence changes what the library does.
-const char* const kExecutables[] = {"/sbin/iscsiadm", "/sbin/powermt", "/bin/rescan-scsi-bus.sh",
-                                    "/sbin/multipath", "/sbin/pidof"};
-const char* const kInitiatorFile = "/etc/iscsi/initiatorname.iscsi";
 
 bool readText(const std::string& path, std::string& text)
 {
@@ -82,357 +68,16 @@ bool isNumber(const std::string& text)
     return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
 }
 
-struct PartitionEntry {
-    unsigned long long blocks = 0;
-    std::vector<std::string> partitions;
-};
+}  // namespace capture
 
-// "/proc/partitions": the size of each disk and the partitions listed after it.
-std::map<std::string, PartitionEntry> readPartitions()
-{
-    std::map<std::string, PartitionEntry> disks;
-    std::string text;
-    if (!readText("/proc/partitions", text)) {
-        return disks;
-    }
-    std::vector<std::pair<std::string, unsigned long long>> rows;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        std::string line = text.substr(start, end == std::string::npos ? end : end - start);
-        start = end == std::string::npos ? text.size() : end + 1;
-        unsigned int major, minor;
-        unsigned long long blocks;
-        char name[256];
-        if (std::sscanf(line.c_str(), "%u %u %llu %255s", &major, &minor, &blocks, name) == 4) {
-            rows.emplace_back(name, blocks);
-        }
-    }
-    for (const auto& row : rows) {
-        disks[row.first].blocks = row.second;
-    }
-    // A partition is a disk's name followed by its number.
-    for (const auto& row : rows) {
-        for (auto& disk : disks) {
-            const std::string& name = disk.first;
-            if (row.first.size() > name.size() && row.first.compare(0, name.size(), name) == 0 &&
-                isNumber(row.first.substr(name.size()))) {
-                disk.second.partitions.push_back(row.first);
-            }
-        }
-    }
-    return disks;
-}
+namespace {
 
-Bytes toBytes(const ScsiPagePtr& page, unsigned int length)
-{
-    if (!page || page->get() == nullptr) {
-        return Bytes();
-    }
-    return Bytes(page->get(), page->get() + length);
-}
+using namespace capture;
 
-// One answer of the device: the standard INQUIRY data (evpd false, code 0) or a VPD page.
-bool readPage(CScsiTool& tool, CScsiDeviceHandle& handle, CScsiDeviceData& record,
-              unsigned int code, bool evpd, Bytes& bytes)
-{
-    unsigned int length = 0;
-    ScsiPagePtr page;
-    try {
-        if (tool.GetModePageInfo(handle, record, code, length, evpd ? 1 : 0, page) != 0 ||
-            length == 0) {
-            return false;
-        }
-    } catch (...) {
-        return false;
-    }
-    bytes = toBytes(page, length);
-    return !bytes.empty();
-}
-
-// The filer identity command that the NetApp generator sends; its raw answer, trailing zero
-// bytes left out.
-bool readNetAppIdentity(const std::string& node, Bytes& answer)
-{
-    int fd = fiSystem().open(node.c_str(), O_RDONLY | O_NONBLOCK);
-    if (fd < 0) {
-        return false;
-    }
-    unsigned char cdb[10] = {0xC0, 0x00, 0x00, 0x0A, 0x98, 0x0A, 0x22, 0x10, 0x00, 0x00};
-    unsigned char sense[64] = {0};
-    std::vector<unsigned char> buffer(4096, 0);
-    sg_io_hdr_t header;
-    std::memset(&header, 0, sizeof header);
-    header.interface_id = 'S';
-    header.dxfer_direction = SG_DXFER_FROM_DEV;
-    header.cmd_len = sizeof cdb;
-    header.mx_sb_len = sizeof sense;
-    header.dxfer_len = buffer.size();
-    header.dxferp = buffer.data();
-    header.cmdp = cdb;
-    header.sbp = sense;
-    header.timeout = 10;
-    int result = fiSystem().ioctl(fd, SG_IO, &header);
-    fiSystem().close(fd);
-    if (result != 0) {
-        return false;
-    }
-    size_t used = buffer.size();
-    while (used > 0 && buffer[used - 1] == 0) {
-        --used;
-    }
-    answer.assign(buffer.begin(), buffer.begin() + used);
-    return true;
-}
-
-// A disk node's address, INQUIRY data and every page its page 0x00 lists, as a device of the
-// snapshot. A node that opens but does not answer is kept as an unresponsive device; `placed`
-// tells whether its address could be read.
-simhost::SimDevice captureDevice(Session& session, const std::string& node, bool& placed)
-{
-    simhost::SimDevice device;
-    device.name = node.substr(node.rfind('/') + 1);
-    CScsiDeviceData record(node, "", "", 0, 0, 0, -1, "", "", "", 0);
-    CScsiTool tool;
-    tool.registerTraceLog(session.log());
-    CScsiDeviceHandle handle(session.log());
-    placed = false;
-    try {
-        tool.GetTargetLunPortInfo(handle, record);
-        device.host = record.m_port;
-        device.channel = static_cast<int>(record.m_bus);
-        device.id = record.m_target;
-        device.lun = record.m_lun;
-        placed = true;
-    } catch (...) {
-        device.state = simhost::DeviceState::Unresponsive;
-        return device;
-    }
-    if (!readPage(tool, handle, record, 0, false, device.inquiry)) {
-        device.state = simhost::DeviceState::Unresponsive;
-        return device;
-    }
-    Bytes supported;
-    if (readPage(tool, handle, record, 0, true, supported)) {
-        device.vpd[0] = supported;
-        size_t count = supported.size() > 3 ? supported[3] : 0;
-        for (size_t i = 4; i < 4 + count && i < supported.size(); ++i) {
-            Bytes page;
-            if (supported[i] != 0 && readPage(tool, handle, record, supported[i], true, page)) {
-                device.vpd[supported[i]] = page;
-            }
-        }
-    }
-    if (device.inquiry.size() >= 32) {
-        std::string vendor(device.inquiry.begin() + 8, device.inquiry.begin() + 16);
-        std::string product(device.inquiry.begin() + 16, device.inquiry.begin() + 32);
-        if (CStringTool::rtrim(vendor, ' ') == "NETAPP" &&
-            CStringTool::rtrim(product, ' ') == "LUN") {
-            device.hasVendorCommand = readNetAppIdentity(node, device.vendorCommand);
-        }
-    }
-    return device;
-}
-
-typedef std::vector<int> Address;  // host, channel, id, LUN
-
-// A direct-access device as "/proc/scsi/scsi" shows it.
-struct ListedDisk {
-    Address address;
-    Bytes inquiry;  // rebuilt from the vendor, model, revision and ANSI version shown
-};
-
-std::string fieldAfter(const std::string& line, const std::string& label, size_t width)
-{
-    size_t at = line.find(label);
-    if (at == std::string::npos) {
-        return std::string(width, ' ');
-    }
-    std::string field = line.substr(at + label.size(), width);
-    return field + std::string(width - field.size(), ' ');
-}
-
-// The direct-access devices of "/proc/scsi/scsi", in the kernel's order.
-std::vector<ListedDisk> listedDisks()
-{
-    std::vector<ListedDisk> disks;
-    std::string text;
-    if (!readText("/proc/scsi/scsi", text)) {
-        return disks;
-    }
-    ListedDisk pending;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        std::string line = text.substr(start, end == std::string::npos ? end : end - start);
-        start = end == std::string::npos ? text.size() : end + 1;
-        int host, channel, id, lun, revision;
-        if (std::sscanf(line.c_str(), "Host: scsi%d Channel: %d Id: %d Lun: %d", &host, &channel,
-                        &id, &lun) == 4) {
-            pending = ListedDisk();
-            pending.address = {host, channel, id, lun};
-        } else if (!pending.address.empty() && line.find("Vendor:") != std::string::npos) {
-            std::string text = fieldAfter(line, "Vendor: ", 8) + fieldAfter(line, "Model: ", 16) +
-                               fieldAfter(line, "Rev: ", 4);
-            pending.inquiry.assign(36, 0);
-            std::copy(text.begin(), text.end(), pending.inquiry.begin() + 8);
-        } else if (!pending.address.empty() && line.find("Type:") != std::string::npos) {
-            if (line.find("Direct-Access ") != std::string::npos && !pending.inquiry.empty()) {
-                size_t at = line.find("revision:");
-                if (at != std::string::npos &&
-                    std::sscanf(line.c_str() + at, "revision: %x", &revision) == 1) {
-                    pending.inquiry[2] = static_cast<uint8_t>(revision);
-                }
-                pending.inquiry[3] = 2;
-                pending.inquiry[4] = 31;
-                disks.push_back(pending);
-            }
-            pending = ListedDisk();
-        }
-    }
-    return disks;
-}
-
-bool isWholeDisk(const std::string& name)
-{
-    if (name.size() < 3 || name.compare(0, 2, "sd") != 0) {
-        return false;
-    }
-    for (size_t i = 2; i < name.size(); ++i) {
-        if (!std::islower(static_cast<unsigned char>(name[i]))) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// Disks whose address could not be read (they do not answer) take the disks of
-// "/proc/scsi/scsi" that no answering disk holds, in order, with the identity the kernel still
-// shows for them; past those, free LUNs of 0:0:0. The kernel does not say which node sits at
-// which address, so this is the best guess the system interface allows.
-void placeDisks(std::vector<simhost::SimDevice>& disks, const std::vector<bool>& placed)
-{
-    std::set<Address> used;
-    for (size_t i = 0; i < disks.size(); ++i) {
-        if (placed[i]) {
-            used.insert({disks[i].host, disks[i].channel, disks[i].id, disks[i].lun});
-        }
-    }
-    std::vector<ListedDisk> free;
-    for (const ListedDisk& listed : listedDisks()) {
-        if (!used.count(listed.address)) {
-            free.push_back(listed);
-        }
-    }
-    size_t next = 0;
-    int lun = 0;
-    for (size_t i = 0; i < disks.size(); ++i) {
-        if (placed[i]) {
-            continue;
-        }
-        Address address;
-        if (next < free.size()) {
-            address = free[next].address;
-            disks[i].inquiry = free[next++].inquiry;
-        } else {
-            while (used.count({0, 0, 0, lun})) {
-                ++lun;
-            }
-            address = {0, 0, 0, lun};
-        }
-        used.insert(address);
-        disks[i].host = address[0];
-        disks[i].channel = address[1];
-        disks[i].id = address[2];
-        disks[i].lun = address[3];
-    }
-}
-
-// The identity a pseudo-device shows: its INQUIRY data and its identification pages. A map or
-// PowerPath node answers like the disk behind it, so equal identities pair them.
-Bytes identity(Session& session, const std::string& node)
-{
-    CScsiDeviceData record(node, "", "", 0, 0, 0, -1, "", "", "", 0);
-    CScsiTool tool;
-    tool.registerTraceLog(session.log());
-    CScsiDeviceHandle handle(session.log());
-    Bytes key;
-    for (unsigned int code : {0x83u, 0x80u}) {
-        Bytes page;
-        if (readPage(tool, handle, record, code, true, page)) {
-            key.insert(key.end(), page.begin(), page.end());
-        }
-    }
-    if (key.empty()) {
-        return key;
-    }
-    Bytes inquiry;
-    readPage(tool, handle, record, 0, false, inquiry);
-    key.insert(key.end(), inquiry.begin(), inquiry.end());
-    return key;
-}
-
-std::string behind(Session& session, const std::string& node,
-                   const std::vector<std::pair<Bytes, std::string>>& identities)
-{
-    Bytes key = identity(session, node);
-    if (!key.empty()) {
-        for (const auto& known : identities) {
-            if (known.first == key) {
-                return known.second;
-            }
-        }
-    }
-    return "";
-}
-
-// The adapter of a sysfs entry "hostN", made when first seen; nullptr for other names.
-simhost::SimAdapter* adapterOf(std::map<int, simhost::SimAdapter>& adapters,
-                               const std::string& name)
-{
-    if (name.compare(0, 4, "host") != 0 || !isNumber(name.substr(4))) {
-        return nullptr;
-    }
-    int number = std::stoi(name.substr(4));
-    simhost::SimAdapter& adapter = adapters[number];
-    adapter.host = number;
-    return &adapter;
-}
-
-void captureAdapters(simhost::SimHost& snapshot)
-{
-    std::map<int, simhost::SimAdapter> adapters;
-    for (const std::string& driver : listDirectory("/proc/scsi/")) {
-        for (const std::string& entry : listDirectory("/proc/scsi/" + driver + "/")) {
-            if (!isNumber(entry)) {
-                continue;
-            }
-            simhost::SimAdapter& adapter = adapters[std::stoi(entry)];
-            adapter.host = std::stoi(entry);
-            adapter.driver = driver;
-            readText("/proc/scsi/" + driver + "/" + entry, adapter.procText);
-        }
-    }
-    std::string text;
-    for (const std::string& name : listDirectory("/sys/class/scsi_host/")) {
-        simhost::SimAdapter* adapter = adapterOf(adapters, name);
-        if (adapter && adapter->driver.empty() &&
-            readText("/sys/class/scsi_host/" + name + "/proc_name", text)) {
-            adapter->driver = firstLine(text);
-        }
-    }
-    for (const std::string& name : listDirectory("/sys/class/fc_host/")) {
-        if (simhost::SimAdapter* adapter = adapterOf(adapters, name)) {
-            adapter->fcHost = true;
-            if (readText("/sys/class/fc_host/" + name + "/port_name", text)) {
-                adapter->portName = firstLine(text);
-            }
-        }
-    }
-    for (const auto& adapter : adapters) {
-        snapshot.addAdapter(adapter.second);
-    }
-}
+// Executables whose presence changes what the library does.
+const char* const kExecutables[] = {"/sbin/iscsiadm", "/sbin/powermt", "/bin/rescan-scsi-bus.sh",
+                                    "/sbin/multipath", "/sbin/pidof"};
+const char* const kInitiatorFile = "/etc/iscsi/initiatorname.iscsi";
 
 void captureHost(Session& session, simhost::SimHost& snapshot)
 {
@@ -449,67 +94,8 @@ void captureHost(Session& session, simhost::SimHost& snapshot)
     struct stat st;
     snapshot.setProcScsi(fiSystem().stat("/proc/scsi/scsi", &st) == 0);
 
-    // The disks discovery finds; multipath nodes are taken from their directories below.
-    CLinuxDeviceDiscovery discovery;
-    discovery.registerTraceLog(session.log());
-    std::vector<CScsiDeviceData*> records = discovery.enumerateDevices();
-    std::vector<std::string> opened;
-    for (CScsiDeviceData* record : records) {
-        if (record->m_deviceName.compare(0, 5, "/dev/") == 0 &&
-            isWholeDisk(record->m_deviceName.substr(5))) {
-            opened.push_back(record->m_deviceName.substr(5));
-        }
-        delete record;
-    }
-    std::vector<simhost::SimDevice> disks;
-    std::vector<bool> placed;
-    std::vector<std::pair<Bytes, std::string>> identities;
-    for (const std::string& name : opened) {
-        bool known = false;
-        disks.push_back(captureDevice(session, "/dev/" + name, known));
-        placed.push_back(known);
-        Bytes key = identity(session, "/dev/" + name);
-        if (!key.empty()) {
-            identities.emplace_back(key, name);
-        }
-    }
-    // Disks the kernel lists whose node does not open.
-    std::map<std::string, PartitionEntry> partitions = readPartitions();
-    for (const auto& listed : partitions) {
-        if (isWholeDisk(listed.first) &&
-            std::find(opened.begin(), opened.end(), listed.first) == opened.end()) {
-            simhost::SimDevice gone;
-            gone.name = listed.first;
-            gone.state = simhost::DeviceState::Gone;
-            disks.push_back(gone);
-            placed.push_back(false);
-        }
-    }
-    placeDisks(disks, placed);
-    for (simhost::SimDevice& disk : disks) {
-        auto listed = partitions.find(disk.name);
-        if (listed != partitions.end()) {
-            disk.blocks = listed->second.blocks;
-            disk.partitions = listed->second.partitions;
-        }
-        snapshot.addDevice(disk);
-    }
-
-    if (void* mapper = fiSystem().opendir("/dev/mapper/")) {
-        fiSystem().closedir(mapper);
-        snapshot.setDeviceMapper(true);
-    }
-    for (const std::string& map : listDirectory("/dev/mapper/")) {
-        // The device-mapper control node is no map; a replayed host makes its own.
-        if (map != "control") {
-            snapshot.addMultipathMap(map, behind(session, "/dev/mapper/" + map, identities));
-        }
-    }
-    for (const std::string& node : listDirectory("/dev/")) {
-        if (node.compare(0, 8, "emcpower") == 0) {
-            snapshot.addPowerPathDevice(node, behind(session, "/dev/" + node, identities));
-        }
-    }
+    Identities identities = captureDisks(session, snapshot);
+    capturePseudoDevices(session, snapshot, identities);
     captureAdapters(snapshot);
     std::string initiator;
     if (readText(kInitiatorFile, initiator)) {

@@ -57,6 +57,15 @@ public:
     void RemoveDevice(int host, int channel, int id, int lun);
 
 private:
+    // When the "/proc/scsi" entry `directory` names `driver`, lists its hosts into `adapters`
+    // under `driver`.
+    void listDriverHosts(const char* driver, const std::string& directory,
+                         std::map<std::string, std::vector<int>>& adapters);
+    // Probes the ids and LUNs of one channel; gives the channel up as the 2.4 scan does.
+    void probeChannel(int host, int channel, int lunLimit, int maxId, int maxChannel,
+                      const std::vector<SLinuxScsiDevice>& existing);
+    // Writes "scsi add-single-device" for one address; false when the file did not open.
+    bool addSingleDevice(int host, int channel, int id, int lun);
     // A record of `deviceName` opened once to check it can be, or nullptr when it cannot.
     CScsiDeviceData* makeOpenedRecord(const std::string& deviceName, const std::string& hostName,
                                       int claimLevel, bool setClaimLevel);

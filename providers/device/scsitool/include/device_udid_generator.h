@@ -58,7 +58,8 @@ public:
     // "vendor:product" of the claim strings.
     virtual std::string getGeneratorName();
     // Strips trailing blanks from the record's vendor id and (when the vendor matched) product
-    // id in place, and claims exactly the claim strings, case-sensitive.
+    // id in place, and claims by the row of the claim table that carries this generator's claim
+    // strings; without a row, exactly the claim strings, case-sensitive.
     virtual bool claimDevice(CScsiDeviceData* device);
     // "UDID##<vendor>##<product>##" from the claim strings, upper case.
     virtual std::string getUniqueDeviceIDPrefix(CScsiDeviceData* device);
@@ -105,28 +106,24 @@ std::vector<CUdidGenerator*> createUdidGeneratorTable();
 class CHpMsaUdidGenerator : public CUdidGenerator {
 public:
     CHpMsaUdidGenerator(std::string vendorId, std::string productId);
-    bool claimDevice(CScsiDeviceData* device) override;
     std::string getUniqueDeviceID(CScsiDeviceData* device) override;
 };
 
 class CHpEvaUdidGenerator : public CUdidGenerator {
 public:
     CHpEvaUdidGenerator(std::string vendorId, std::string productId);
-    bool claimDevice(CScsiDeviceData* device) override;
     std::string getUniqueDeviceID(CScsiDeviceData* device) override;
 };
 
 class CHpXpUdidGenerator : public CUdidGenerator {
 public:
     CHpXpUdidGenerator(std::string vendorId, std::string productId);
-    bool claimDevice(CScsiDeviceData* device) override;
     std::string getUniqueDeviceID(CScsiDeviceData* device) override;
 };
 
 class CHp3parUdidGenerator : public CUdidGenerator {
 public:
     CHp3parUdidGenerator(std::string vendorId, std::string productId);
-    bool claimDevice(CScsiDeviceData* device) override;
     std::string getUniqueDeviceID(CScsiDeviceData* device) override;
 };
 
@@ -155,7 +152,6 @@ public:
 class CEmcClariionUdidGenerator : public CUdidGenerator {
 public:
     CEmcClariionUdidGenerator(std::string vendorId, std::string productId);
-    bool claimDevice(CScsiDeviceData* device) override;
     std::string getUniqueDeviceIDPrefix(CScsiDeviceData* device) override;
     std::string getUniqueDeviceID(CScsiDeviceData* device) override;
     // Appends the array serial held at `serialOffset` of `*page` to `enclosureId`; true (and a
@@ -175,14 +171,12 @@ public:
 class CHitachiUdidGenerator : public CUdidGenerator {
 public:
     CHitachiUdidGenerator(std::string vendorId, std::string productId);
-    bool claimDevice(CScsiDeviceData* device) override;
     std::string getUniqueDeviceID(CScsiDeviceData* device) override;
 };
 
 class CLsiUdidGenerator : public CUdidGenerator {
 public:
     CLsiUdidGenerator(std::string vendorId, std::string productId);
-    bool claimDevice(CScsiDeviceData* device) override;
     std::string getUniqueDeviceID(CScsiDeviceData* device) override;
 };
 
@@ -197,7 +191,6 @@ public:
 class CFujitsuEternusUdidGenerator : public CUdidGenerator {
 public:
     CFujitsuEternusUdidGenerator(std::string vendorId, std::string productId);
-    bool claimDevice(CScsiDeviceData* device) override;
     std::string getUniqueDeviceID(CScsiDeviceData* device) override;
 };
 

@@ -5,10 +5,14 @@
 
 #include <string>
 
+#include "fi_scsi_ioctl.h"
 #include "scsitoolbase.h"
 
 // Ioctl request numbers of the Linux SCSI mid-layer.
-enum : unsigned long { SCSITOOL_IOCTL_SEND_COMMAND = 1, SCSITOOL_IOCTL_GET_IDLUN = 0x5382 };
+enum : unsigned long {
+    SCSITOOL_IOCTL_SEND_COMMAND = SCSI_IOCTL_SEND_COMMAND,
+    SCSITOOL_IOCTL_GET_IDLUN = SCSI_IOCTL_GET_IDLUN
+};
 
 class CScsiTool : public CScsiToolBase {
 public:

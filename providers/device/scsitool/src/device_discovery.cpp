@@ -1,11 +1,14 @@
 #include "device_discovery.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 
 #include "discovery_common.h"
 #include "fi_system.h"
+#include "kernel_files.h"
+#include "trace_call.h"
 
 using scsitool_discovery::parseAddressLine;
 using scsitool_discovery::readLines;
@@ -42,16 +45,12 @@ std::vector<SLinuxScsiDevice> CLinuxDeviceDiscovery::getDeviceList(bool disksOnl
     std::vector<SLinuxScsiDevice> devices;
     FILE* file = kzfi_pdk_4_4::fiSystem().fopen(kProcScsi, "r");
     if (file == nullptr) {
-        if (m_traceLog) {
-            m_traceLog->trace(2,
-                              "Warning: LinuxDeviceDiscovery::getDeviceList() failed to open "
-                              "/proc/scsi/scsi for reading.");
-        }
+        traceTo(m_traceLog, 2,
+                "Warning: LinuxDeviceDiscovery::getDeviceList() failed to open "
+                "/proc/scsi/scsi for reading.");
         return devices;
     }
-    if (m_traceLog) {
-        m_traceLog->trace(3, "INFO: reading /proc/scsi/scsi\n");
-    }
+    traceTo(m_traceLog, 3, "INFO: reading /proc/scsi/scsi\n");
     std::vector<std::string> lines = readLines(file);
     try {
         for (size_t i = 0; i < lines.size(); ++i) {
@@ -59,12 +58,11 @@ std::vector<SLinuxScsiDevice> CLinuxDeviceDiscovery::getDeviceList(bool disksOnl
             if (!parseAddressLine(lines[i], device)) {
                 continue;
             }
-            if (disksOnly) {
-                const std::string* type = typeLineOf(lines, i);
-                if (type == nullptr || (type->find("Direct-Access") == std::string::npos &&
-                                        type->find("Unknown") == std::string::npos)) {
-                    continue;
-                }
+            const std::string* type = disksOnly ? typeLineOf(lines, i) : nullptr;
+            if (disksOnly &&
+                (type == nullptr || (type->find("Direct-Access") == std::string::npos &&
+                                     type->find("Unknown") == std::string::npos))) {
+                continue;
             }
             devices.push_back(device);
         }
@@ -96,16 +94,12 @@ void CLinuxDeviceDiscovery::getTargetIds(std::map<int, std::vector<int>>& target
 {
     FILE* file = kzfi_pdk_4_4::fiSystem().fopen(kProcScsi, "r");
     if (file == nullptr) {
-        if (m_traceLog) {
-            m_traceLog->trace(2,
-                              "Warning: CLinuxDeviceDiscovery::getDeviceList() failed to open "
-                              "/proc/scsi/scsi for reading.");
-        }
+        traceTo(m_traceLog, 2,
+                "Warning: CLinuxDeviceDiscovery::getDeviceList() failed to open "
+                "/proc/scsi/scsi for reading.");
         return;
     }
-    if (m_traceLog) {
-        m_traceLog->trace(5, "INFO: reading /proc/scsi/scsi\n");
-    }
+    traceTo(m_traceLog, 5, "INFO: reading /proc/scsi/scsi\n");
     std::vector<std::string> lines = readLines(file);
     try {
         for (size_t i = 0; i < lines.size(); ++i) {
@@ -119,23 +113,11 @@ void CLinuxDeviceDiscovery::getTargetIds(std::map<int, std::vector<int>>& target
                 type->find("RAID") == std::string::npos) {
                 continue;
             }
-            if (m_traceLog) {
-                m_traceLog->trace(3, "Adding to the list for type [%s] [%d %d %d %d] ",
-                                  type->c_str(), device.host, device.channel, device.id,
-                                  device.lun);
-            }
+            traceTo(m_traceLog, 3, "Adding to the list for type [%s] [%d %d %d %d] ", type->c_str(),
+                    device.host, device.channel, device.id, device.lun);
             std::vector<int>& ids = targets[device.host];
-            bool known = false;
-            for (int id : ids) {
-                if (id == device.id) {
-                    known = true;
-                    break;
-                }
-            }
-            if (known) {
-                if (m_traceLog) {
-                    m_traceLog->trace(3, "target %d already in map", device.id);
-                }
+            if (std::find(ids.begin(), ids.end(), device.id) != ids.end()) {
+                traceTo(m_traceLog, 3, "target %d already in map", device.id);
             } else {
                 ids.push_back(device.id);
             }
@@ -161,10 +143,8 @@ bool CLinuxDeviceDiscovery::IsValidDeviceName(const std::string& name)
     FI_TRACE_FUNCTION("IsValidDeviceName");
     try {
         if (!name.empty() && name.find("sd") != 0) {
-            if (m_traceLog) {
-                m_traceLog->trace(
-                    4, "libscsitool: DEBUG: Exiting CLinuxDeviceDiscovery::IsValidDeviceName()");
-            }
+            traceTo(m_traceLog, 4,
+                    "libscsitool: DEBUG: Exiting CLinuxDeviceDiscovery::IsValidDeviceName()");
             return false;
         }
         // An empty name has no last character: at() throws and the name is refused with 6.
@@ -172,16 +152,12 @@ bool CLinuxDeviceDiscovery::IsValidDeviceName(const std::string& name)
         if (last < '0' || last > '9') {
             return true;
         }
-        if (m_traceLog) {
-            m_traceLog->trace(
-                4, "libscsitool: DEBUG: Exiting CLinuxDeviceDiscovery::IsValidDeviceName()");
-        }
+        traceTo(m_traceLog, 4,
+                "libscsitool: DEBUG: Exiting CLinuxDeviceDiscovery::IsValidDeviceName()");
         return false;
     } catch (...) {
-        if (m_traceLog) {
-            m_traceLog->trace(
-                1, "libscsitool: ERROR: CLinuxDeviceDiscovery::IsValidDeviceName() failed");
-        }
+        traceTo(m_traceLog, 1,
+                "libscsitool: ERROR: CLinuxDeviceDiscovery::IsValidDeviceName() failed");
         throw 6;
     }
 }
@@ -193,26 +169,16 @@ std::vector<std::string> CLinuxDeviceDiscovery::enumerateNativeDevicePaths()
     try {
         FILE* file = kzfi_pdk_4_4::fiSystem().fopen(kProcPartitions, "r");
         if (file == nullptr) {
-            if (m_traceLog) {
-                m_traceLog->trace(1, "ERROR: failed to open /proc/partitions for reading.");
-            }
+            traceTo(m_traceLog, 1, "ERROR: failed to open /proc/partitions for reading.");
             return paths;
         }
-        if (m_traceLog) {
-            m_traceLog->trace(3, "INFO: reading /proc/partitions\n");
-        }
+        traceTo(m_traceLog, 3, "INFO: reading /proc/partitions\n");
         for (const std::string& line : readLines(file)) {
-            if (line.find("sd") == std::string::npos) {
-                continue;
-            }
-            char name[10];
-            std::memset(name, 0, sizeof name);
-            int major = 0;
-            int minor = 0;
-            int blocks = 0;
-            if (std::sscanf(line.c_str(), " %d %d %d %8s", &major, &minor, &blocks, name) == 4 &&
-                IsValidDeviceName(name)) {
-                paths.push_back(std::string("/dev/") + name);
+            // Names are taken to eight characters, as the kernels of the time wrote them.
+            SPartitionRow row;
+            if (line.find("sd") != std::string::npos && parsePartitionLine(line, row) &&
+                IsValidDeviceName(row.name.substr(0, 8))) {
+                paths.push_back("/dev/" + row.name.substr(0, 8));
             }
         }
     } catch (...) {
@@ -260,15 +226,11 @@ std::vector<CScsiDeviceData*> CLinuxDeviceDiscovery::enumerateDevices()
         m_dmpDiscoveryManager.registerTraceLog(m_traceLog);
         std::map<std::string, SDeviceInfo> dmpDevices;
         m_dmpDiscoveryManager.enumerateDmpDevices(dmpDevices);
-        if (m_traceLog) {
-            m_traceLog->trace(3, "INFO: enumerate DMP devices returned [%d] devices",
-                              static_cast<int>(dmpDevices.size()));
-        }
+        traceTo(m_traceLog, 3, "INFO: enumerate DMP devices returned [%d] devices",
+                static_cast<int>(dmpDevices.size()));
         // Pseudo-devices are listed before the host name is read: their records carry none.
         for (const auto& entry : dmpDevices) {
-            if (m_traceLog) {
-                m_traceLog->trace(3, "dmp: %s", entry.first.c_str());
-            }
+            traceTo(m_traceLog, 3, "dmp: %s", entry.first.c_str());
             CScsiDeviceData* record =
                 makeOpenedRecord(entry.first, "", entry.second.dmpClaimLevel, true);
             if (record != nullptr) {
@@ -279,10 +241,8 @@ std::vector<CScsiDeviceData*> CLinuxDeviceDiscovery::enumerateDevices()
         std::string hostName = readHostName();
         addOpenedRecords(paths, hostName, 2, true, result);
     } catch (...) {
-        if (m_traceLog) {
-            m_traceLog->trace(
-                1, "libscsitool: ERROR: CLinuxDeviceDiscovery::EnumerateDevices() failed.");
-        }
+        traceTo(m_traceLog, 1,
+                "libscsitool: ERROR: CLinuxDeviceDiscovery::EnumerateDevices() failed.");
     }
     return result;
 }
@@ -297,10 +257,8 @@ std::vector<CScsiDeviceData*> CLinuxDeviceDiscovery::validateEnumerateDevices(
         std::string hostName = readHostName();
         addOpenedRecords(paths, hostName, 0, false, result);
     } catch (...) {
-        if (m_traceLog) {
-            m_traceLog->trace(
-                1, "libscsitool: ERROR: CLinuxDeviceDiscovery::EnumerateDevices() failed.");
-        }
+        traceTo(m_traceLog, 1,
+                "libscsitool: ERROR: CLinuxDeviceDiscovery::EnumerateDevices() failed.");
     }
     return result;
 }

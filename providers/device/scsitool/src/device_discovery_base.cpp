@@ -6,6 +6,8 @@
 
 #include <cstdlib>
 
+#include "trace_call.h"
+
 using kzfi_pdk_4_4::CFiTraceLogPtr;
 
 namespace {
@@ -124,11 +126,9 @@ std::vector<CScsiDeviceData*> CDeviceDiscoveryBase::rescan(bool rescanBuses, boo
     CDeviceSemaphoreHold hold(*m_deviceSemaphore);
 
     std::vector<CScsiDeviceData*> result;
-    if (m_traceLog) {
-        m_traceLog->trace(3, "libscsitool: Info: CDeviceDiscoveryBase::rescan().");
-        m_traceLog->trace(3, "Acquring lock .");
-        m_traceLog->trace(3, "Got the lock .");
-    }
+    traceTo(m_traceLog, 3, "libscsitool: Info: CDeviceDiscoveryBase::rescan().");
+    traceTo(m_traceLog, 3, "Acquring lock .");
+    traceTo(m_traceLog, 3, "Got the lock .");
     try {
         if (rescanBuses) {
             rescanScsiBus(busScanFlag);
@@ -136,36 +136,27 @@ std::vector<CScsiDeviceData*> CDeviceDiscoveryBase::rescan(bool rescanBuses, boo
         }
         result = enumerateDevices();
         for (CScsiDeviceData* device : result) {
-            if (m_traceLog) {
-                m_traceLog->trace(
-                    6, "libscsitool: Info: CDeviceDiscoveryBase:: Getting data for disk %s.",
+            traceTo(m_traceLog, 6,
+                    "libscsitool: Info: CDeviceDiscoveryBase:: Getting data for disk %s.",
                     device->m_deviceName.c_str());
-            }
             if (m_scsiTool.UpdateDevice(device) != 0) {
-                if (m_traceLog) {
-                    m_traceLog->trace(
-                        3,
+                traceTo(m_traceLog, 3,
                         "libscsitool: Info: CDeviceDiscoveryBase::rescan FAILED - Remove disk %s.",
                         device->m_deviceName.c_str());
-                }
                 removeDevice(device->m_deviceName);
             }
         }
         if (rescanBuses) {
             removeDeadDevices(result, removeLun0);
-        } else if (FlushMultipathStaleDevices() != 0 && m_traceLog) {
-            m_traceLog->trace(
-                1, "ERROR: unable to invoke the command to flush multipath stale device paths");
+        } else if (FlushMultipathStaleDevices() != 0) {
+            traceTo(m_traceLog, 1,
+                    "ERROR: unable to invoke the command to flush multipath stale device paths");
         }
     } catch (...) {
-        if (m_traceLog) {
-            m_traceLog->trace(1, "libscsitool: ERROR: CDeviceDiscoveryBase::rescan() failed.");
-        }
+        traceTo(m_traceLog, 1, "libscsitool: ERROR: CDeviceDiscoveryBase::rescan() failed.");
     }
-    if (m_traceLog) {
-        m_traceLog->trace(3, "Releasing the lock .");
-        m_traceLog->trace(3, "libscsitool: DEBUG : CDeviceDiscoveryBase::rescan Exit.");
-    }
+    traceTo(m_traceLog, 3, "Releasing the lock .");
+    traceTo(m_traceLog, 3, "libscsitool: DEBUG : CDeviceDiscoveryBase::rescan Exit.");
     return result;
 }
 
@@ -176,18 +167,16 @@ std::vector<CScsiDeviceData*> CDeviceDiscoveryBase::validateDevice(std::string d
     try {
         result = validateEnumerateDevices(deviceName);
         for (CScsiDeviceData* device : result) {
-            if (m_scsiTool.UpdateDevice(device) != 0 && m_traceLog) {
-                m_traceLog->trace(3,
-                                  "libscsitool: Info: CDeviceDiscoveryBase:: validateDevice FAILED "
-                                  "- Remove disk %s.",
-                                  device->m_deviceName.c_str());
+            if (m_scsiTool.UpdateDevice(device) != 0) {
+                traceTo(m_traceLog, 3,
+                        "libscsitool: Info: CDeviceDiscoveryBase:: validateDevice FAILED "
+                        "- Remove disk %s.",
+                        device->m_deviceName.c_str());
             }
         }
     } catch (...) {
-        if (m_traceLog) {
-            m_traceLog->trace(
-                1, "libscsitool: ERROR: CDeviceDiscoveryBase:: validateDevice() failed.");
-        }
+        traceTo(m_traceLog, 1,
+                "libscsitool: ERROR: CDeviceDiscoveryBase:: validateDevice() failed.");
     }
     return result;
 }

@@ -9,6 +9,7 @@
 #include "fi_stringtool.h"
 #include "fi_system.h"
 #include "stringtool.h"
+#include "trace_call.h"
 
 using kzfi_pdk_4_4::fiSystem;
 using scsitool_discovery::joinLines;
@@ -28,9 +29,7 @@ void CLinuxDeviceDiscovery::removeDeadDevices(std::vector<CScsiDeviceData*>& dev
                                               bool removeLun0)
 {
     FI_TRACE_FUNCTION("removeDeadDevices");
-    if (m_traceLog) {
-        m_traceLog->trace(3, "removeDeadDevices : removeLun0 = %d", removeLun0 ? 1 : 0);
-    }
+    traceTo(m_traceLog, 3, "removeDeadDevices : removeLun0 = %d", removeLun0 ? 1 : 0);
     std::vector<SLinuxScsiDevice> kernel = getDeviceList(true);
 
     size_t index = 0;
@@ -38,12 +37,9 @@ void CLinuxDeviceDiscovery::removeDeadDevices(std::vector<CScsiDeviceData*>& dev
         CScsiDeviceData* device = devices[index];
         device->m_vendorId = CStringTool::rtrim(device->m_vendorId, ' ');
         device->m_productId = CStringTool::rtrim(device->m_productId, ' ');
-        if (m_traceLog) {
-            m_traceLog->trace(
-                3, "INFO: iter devices a[%d] b[%d] t[%d] l[%d] vendor[%s], product[%s]",
+        traceTo(m_traceLog, 3, "INFO: iter devices a[%d] b[%d] t[%d] l[%d] vendor[%s], product[%s]",
                 device->m_port, static_cast<int>(device->m_bus), device->m_target, device->m_lun,
                 device->m_vendorId.c_str(), device->m_productId.c_str());
-        }
         if (device->m_port == -1) {
             // The query never learned the address. Once out of the list nobody holds the
             // record any more, so it is deleted here.
@@ -66,22 +62,16 @@ void CLinuxDeviceDiscovery::removeDeadDevices(std::vector<CScsiDeviceData*>& dev
             }
         }
         if (match != nullptr) {
-            if (m_traceLog) {
-                m_traceLog->trace(
-                    3, "INFO: found match comparing devices a[%d,%d] b[%d,%d] t[%d,%d] l[%d,%d]",
+            traceTo(m_traceLog, 3,
+                    "INFO: found match comparing devices a[%d,%d] b[%d,%d] t[%d,%d] l[%d,%d]",
                     address.host, match->m_port, address.channel, static_cast<int>(match->m_bus),
                     address.id, match->m_target, address.lun, match->m_lun);
-            }
             continue;
         }
-        if (m_traceLog) {
-            m_traceLog->trace(3, "INFO: removing device a[%d] b[%d] t[%d] l[%d]", address.host,
-                              address.channel, address.id, address.lun);
-        }
+        traceTo(m_traceLog, 3, "INFO: removing device a[%d] b[%d] t[%d] l[%d]", address.host,
+                address.channel, address.id, address.lun);
         if (address.lun == 0 && !removeLun0) {
-            if (m_traceLog) {
-                m_traceLog->trace(3, "INFO: Device is not removed as LUN=0 and removeLun0 = false");
-            }
+            traceTo(m_traceLog, 3, "INFO: Device is not removed as LUN=0 and removeLun0 = false");
             continue;
         }
         RemoveDevice(address.host, address.channel, address.id, address.lun);
@@ -93,9 +83,7 @@ void CLinuxDeviceDiscovery::removeDeadDevices(std::vector<CScsiDeviceData*>& dev
 void CLinuxDeviceDiscovery::RemoveDevice(int host, int channel, int id, int lun)
 {
     FI_TRACE_FUNCTION("RemoveDevice");
-    if (m_traceLog) {
-        m_traceLog->trace(3, "INFO: RemoveDevice [%d,%d,%d,%d]", host, channel, id, lun);
-    }
+    traceTo(m_traceLog, 3, "INFO: RemoveDevice [%d,%d,%d,%d]", host, channel, id, lun);
     std::string release = kernelRelease();
 
     char command[255];
@@ -103,15 +91,11 @@ void CLinuxDeviceDiscovery::RemoveDevice(int host, int channel, int id, int lun)
                   id, lun);
     FILE* file = fiSystem().fopen("/proc/scsi/scsi", "a");
     if (file == nullptr) {
-        if (m_traceLog) {
-            m_traceLog->trace(3, "INFO: remove device failed to open /proc/scsi/scsi for: %s\n",
-                              command);
-        }
+        traceTo(m_traceLog, 3, "INFO: remove device failed to open /proc/scsi/scsi for: %s\n",
+                command);
         return;
     }
-    if (m_traceLog) {
-        m_traceLog->trace(3, "INFO: removing: %s\n", command);
-    }
+    traceTo(m_traceLog, 3, "INFO: removing: %s\n", command);
     std::fputs(command, file);
     std::fclose(file);
 
@@ -123,15 +107,10 @@ void CLinuxDeviceDiscovery::RemoveDevice(int host, int channel, int id, int lun)
                   channel, id, lun);
     file = fiSystem().fopen(path, "a");
     if (file == nullptr) {
-        if (m_traceLog) {
-            m_traceLog->trace(2, "WARNING: remove device failed to open %s for device removal",
-                              path);
-        }
+        traceTo(m_traceLog, 2, "WARNING: remove device failed to open %s for device removal", path);
         return;
     }
-    if (m_traceLog) {
-        m_traceLog->trace(3, "INFO: removing: %s", path);
-    }
+    traceTo(m_traceLog, 3, "INFO: removing: %s", path);
     std::fputc('1', file);
     std::fclose(file);
 
@@ -141,15 +120,10 @@ void CLinuxDeviceDiscovery::RemoveDevice(int host, int channel, int id, int lun)
     std::snprintf(scan, sizeof scan, "%d %d %d\n", channel, id, lun);
     file = fiSystem().fopen(path, "a");
     if (file == nullptr) {
-        if (m_traceLog) {
-            m_traceLog->trace(2, "WARNING: device failed to open %s for device scan %s", path,
-                              scan);
-        }
+        traceTo(m_traceLog, 2, "WARNING: device failed to open %s for device scan %s", path, scan);
         return;
     }
-    if (m_traceLog) {
-        m_traceLog->trace(3, "INFO: scaning after remove: %s", scan);
-    }
+    traceTo(m_traceLog, 3, "INFO: scaning after remove: %s", scan);
     std::fputs(scan, file);
     std::fclose(file);
 }
@@ -164,74 +138,54 @@ int CLinuxDeviceDiscovery::FlushMultipathStaleDevices()
         std::string release = kernelRelease();
 
         std::string command = std::string("/sbin/") + "pidof" + " -x multipathd";
-        if (m_traceLog) {
-            m_traceLog->trace(
-                3,
+        traceTo(m_traceLog, 3,
                 "INFO: CLinuxDeviceDiscovery::FlushMultipathStaleDevices - calling command [%s].",
                 command.c_str());
-        }
         std::vector<std::string> lines;
         result = pipe.Exec(command, lines, "", 600, "", "", "");
         if (result != 0) {
-            if (m_traceLog) {
-                m_traceLog->trace(1,
-                                  "INFO: CLinuxDeviceDiscovery::FlushMultipathStaleDevices - "
-                                  "command  [%s] failed  with output [%s]",
-                                  command.c_str(), joinLines(lines).c_str());
-            }
+            traceTo(m_traceLog, 1,
+                    "INFO: CLinuxDeviceDiscovery::FlushMultipathStaleDevices - "
+                    "command  [%s] failed  with output [%s]",
+                    command.c_str(), joinLines(lines).c_str());
             return result;
         }
         if (lines.empty()) {
-            if (m_traceLog) {
-                m_traceLog->trace(3,
-                                  "INFO: CLinuxDeviceDiscovery::FlushMultipathStaleDevices "
-                                  "multipathd daemon not running");
-            }
+            traceTo(m_traceLog, 3,
+                    "INFO: CLinuxDeviceDiscovery::FlushMultipathStaleDevices "
+                    "multipathd daemon not running");
             return 0;
         }
-        if (m_traceLog) {
-            m_traceLog->trace(3,
-                              "INFO: CLinuxDeviceDiscovery::FlushMultipathStaleDevices multipath "
-                              "unused/stale device maps");
-        }
+        traceTo(m_traceLog, 3,
+                "INFO: CLinuxDeviceDiscovery::FlushMultipathStaleDevices multipath "
+                "unused/stale device maps");
         if (release.find("2.6") != 0 && release.find("2.4") != 0) {
-            if (m_traceLog) {
-                m_traceLog->trace(3, "INFO: OS not supported for FlushMultipathStaleDevices");
-            }
+            traceTo(m_traceLog, 3, "INFO: OS not supported for FlushMultipathStaleDevices");
             return result;
         }
         if (!isDirectory("/dev/mapper/")) {
             return result;
         }
         std::string flush = std::string("/sbin/") + "multipath" + " -F";
-        if (m_traceLog) {
-            m_traceLog->trace(3,
-                              "INFO: CLinuxDeviceDiscovery::FlushMultipathStaleDevices Calling "
-                              "Multipath Stale Device Path Flushing command [%s].",
-                              flush.c_str());
-        }
+        traceTo(m_traceLog, 3,
+                "INFO: CLinuxDeviceDiscovery::FlushMultipathStaleDevices Calling "
+                "Multipath Stale Device Path Flushing command [%s].",
+                flush.c_str());
         std::vector<std::string> inUse;
         int code = pipe.Exec(flush, inUse, "", 600, "", "", "");
         if (code != 0) {
-            kzfi_pdk_4_4::CFiTraceLogPtr shared = kzfi_pdk_4_4::fiPluginTraceLog();
-            if (shared) {
-                shared->trace(
-                    2, "WARN: FlushMultipathStaleDevices - command [%s] executed with value [%d]",
+            traceTo(kzfi_pdk_4_4::fiPluginTraceLog(), 2,
+                    "WARN: FlushMultipathStaleDevices - command [%s] executed with value [%d]",
                     flush.c_str(), code);
-            }
         }
         // What the flush prints are the maps it could not remove because they are in use.
         for (const std::string& line : inUse) {
             std::string map = kzfi_pdk_4_4::CFiStringTool::trim(line, " \n\t\r");
-            if (m_traceLog) {
-                m_traceLog->trace(5, "INFO: Mapped Devices in use :%s", map.c_str());
-            }
+            traceTo(m_traceLog, 5, "INFO: Mapped Devices in use :%s", map.c_str());
         }
     } catch (...) {
-        if (m_traceLog) {
-            m_traceLog->trace(
-                2, "CLinuxDeviceDiscovery::FlushMultipathStaleDevices: Exception Occurred");
-        }
+        traceTo(m_traceLog, 2,
+                "CLinuxDeviceDiscovery::FlushMultipathStaleDevices: Exception Occurred");
     }
     return result;
 }

@@ -8,6 +8,7 @@
 #include "discovery_common.h"
 #include "fi_stringtool.h"
 #include "fi_system.h"
+#include "trace_call.h"
 
 using kzfi_pdk_4_4::CFiTraceLogPtr;
 using kzfi_pdk_4_4::fiSystem;
@@ -33,9 +34,7 @@ bool writeToEveryHost(const CFiTraceLogPtr& log, const std::vector<std::string>&
         std::snprintf(path, sizeof path, pathFormat, host.c_str());
         FILE* file = fiSystem().fopen(path, "a");
         if (file == nullptr) {
-            if (log) {
-                log->trace(4, failureFormat, path);
-            }
+            traceTo(log, 4, failureFormat, path);
             continue;
         }
         std::fputs(text, file);
@@ -56,22 +55,16 @@ int CLinuxDeviceDiscovery::rescanScsiBus(bool)
         GetHostAdapterList(adapters);
         RescanQlogicHBAs(adapters);
         if (release.find("2.4.") == 0) {
-            if (m_traceLog) {
-                m_traceLog->trace(3, "INFO: doing redhat 2.4 kernel SCSI bus scan");
-            }
+            traceTo(m_traceLog, 3, "INFO: doing redhat 2.4 kernel SCSI bus scan");
             return RescanScsiMidLayer2_4(adapters);
         }
         if (release.find("2.6.") == 0) {
-            if (m_traceLog) {
-                m_traceLog->trace(3, "INFO: doing redhat 2.6 kernel SCSI bus scan");
-            }
+            traceTo(m_traceLog, 3, "INFO: doing redhat 2.6 kernel SCSI bus scan");
             return RescanScsiMidLayer2_6();
         }
-        if (m_traceLog) {
-            m_traceLog->trace(1,
-                              "ERROR: libscsitool: Unable to determine kernel version from uname, "
-                              "scsi bus scan skipped.");
-        }
+        traceTo(m_traceLog, 1,
+                "ERROR: libscsitool: Unable to determine kernel version from uname, "
+                "scsi bus scan skipped.");
     } catch (...) {
     }
     return 0;
@@ -82,48 +75,45 @@ int CLinuxDeviceDiscovery::GetHostAdapterList(std::map<std::string, std::vector<
     FI_TRACE_FUNCTION("GetHostAdapterList");
     try {
         std::string command = "/bin/ls /proc/scsi";
-        if (m_traceLog) {
-            m_traceLog->trace(3, "INFO: sending command: %s", command.c_str());
-        }
+        traceTo(m_traceLog, 3, "INFO: sending command: %s", command.c_str());
         std::vector<std::string> lines;
         runCommand(m_traceLog, command, lines);
         for (const std::string& line : lines) {
             for (const char* driver : kHostAdapterDrivers) {
-                if (line.find(driver) == std::string::npos) {
-                    continue;
-                }
-                // The hosts are listed from the directory that the line names, so the generic
-                // "qla" entry receives the same hosts as the specific QLogic driver's entry.
-                std::string listing = "/bin/ls /proc/scsi/" + line;
-                if (m_traceLog) {
-                    m_traceLog->trace(3, "INFO: sending command: %s", listing.c_str());
-                }
-                std::vector<std::string> hosts;
-                runCommand(m_traceLog, listing, hosts);
-                for (const std::string& hostLine : hosts) {
-                    std::vector<char> text(hostLine.begin(), hostLine.end());
-                    text.push_back('\0');
-                    char* save = nullptr;
-                    for (char* token = strtok_r(text.data(), " ", &save); token != nullptr;
-                         token = strtok_r(nullptr, " ", &save)) {
-                        int host = 0;
-                        if (token[0] >= '0' && token[0] <= '9' &&
-                            std::sscanf(token, "%d", &host) == 1) {
-                            if (m_traceLog) {
-                                m_traceLog->trace(3, "INFO: adding: %s - %d\n", driver, host);
-                            }
-                            adapters[driver].push_back(host);
-                        }
-                    }
-                }
+                listDriverHosts(driver, line, adapters);
             }
         }
     } catch (...) {
-        if (m_traceLog) {
-            m_traceLog->trace(2, "CLinuxDeviceDiscovery::GetHostAdapterList: Exception Occurred");
-        }
+        traceTo(m_traceLog, 2, "CLinuxDeviceDiscovery::GetHostAdapterList: Exception Occurred");
     }
     return 0;
+}
+
+void CLinuxDeviceDiscovery::listDriverHosts(const char* driver, const std::string& directory,
+                                            std::map<std::string, std::vector<int>>& adapters)
+{
+    if (directory.find(driver) == std::string::npos) {
+        return;
+    }
+    // The hosts are listed from the directory that the line names, so the generic "qla" entry
+    // receives the same hosts as the specific QLogic driver's entry.
+    std::string listing = "/bin/ls /proc/scsi/" + directory;
+    traceTo(m_traceLog, 3, "INFO: sending command: %s", listing.c_str());
+    std::vector<std::string> hosts;
+    runCommand(m_traceLog, listing, hosts);
+    for (const std::string& hostLine : hosts) {
+        std::vector<char> text(hostLine.begin(), hostLine.end());
+        text.push_back('\0');
+        char* save = nullptr;
+        for (char* token = strtok_r(text.data(), " ", &save); token != nullptr;
+             token = strtok_r(nullptr, " ", &save)) {
+            int host = 0;
+            if (token[0] >= '0' && token[0] <= '9' && std::sscanf(token, "%d", &host) == 1) {
+                traceTo(m_traceLog, 3, "INFO: adding: %s - %d\n", driver, host);
+                adapters[driver].push_back(host);
+            }
+        }
+    }
 }
 
 int CLinuxDeviceDiscovery::RescanQlogicHBAs(std::map<std::string, std::vector<int>>& adapters)
@@ -139,15 +129,11 @@ int CLinuxDeviceDiscovery::RescanQlogicHBAs(std::map<std::string, std::vector<in
             std::string path = "/proc/scsi/" + entry.first + "/" + number;
             FILE* file = fiSystem().fopen(path.c_str(), "a");
             if (file == nullptr) {
-                if (m_traceLog) {
-                    m_traceLog->trace(2, "Warning: adapter device failed to open for: %s\n",
-                                      path.c_str());
-                }
+                traceTo(m_traceLog, 2, "Warning: adapter device failed to open for: %s\n",
+                        path.c_str());
                 continue;
             }
-            if (m_traceLog) {
-                m_traceLog->trace(3, "INFO: low-level rescanning qlogic hba: %s\n", path.c_str());
-            }
+            traceTo(m_traceLog, 3, "INFO: low-level rescanning qlogic hba: %s\n", path.c_str());
             std::fputs("scsi-qlascan\n", file);
             std::fclose(file);
             fiSystem().sleep(3);
@@ -185,14 +171,10 @@ int CLinuxDeviceDiscovery::scanForAdapterMaximums(std::map<int, int>& maxLun,
     FI_TRACE_FUNCTION("scanForAdapterMaximums");
     FILE* file = fiSystem().fopen("/proc/scsi/scsi", "r");
     if (file == nullptr) {
-        if (m_traceLog) {
-            m_traceLog->trace(2, "Warning: failed to open /proc/scsi/scsi for reading.");
-        }
+        traceTo(m_traceLog, 2, "Warning: failed to open /proc/scsi/scsi for reading.");
         return 0;
     }
-    if (m_traceLog) {
-        m_traceLog->trace(3, "INFO: reading /proc/scsi/scsi\n");
-    }
+    traceTo(m_traceLog, 3, "INFO: reading /proc/scsi/scsi\n");
     try {
         for (const std::string& line : readLines(file)) {
             SLinuxScsiDevice device;
@@ -200,13 +182,9 @@ int CLinuxDeviceDiscovery::scanForAdapterMaximums(std::map<int, int>& maxLun,
                 continue;
             }
             const int host = device.host;
-            if (m_traceLog) {
-                m_traceLog->trace(3, "INFO: found device [%s]\n", line.c_str());
-            }
+            traceTo(m_traceLog, 3, "INFO: found device [%s]\n", line.c_str());
             if (maxLun.find(host) == maxLun.end()) {
-                if (m_traceLog) {
-                    m_traceLog->trace(3, "INFO: skipping device [%s]\n", line.c_str());
-                }
+                traceTo(m_traceLog, 3, "INFO: skipping device [%s]\n", line.c_str());
                 continue;
             }
             if (device.lun > maxLun[host]) {
@@ -232,46 +210,48 @@ int CLinuxDeviceDiscovery::scanForNewDevices(std::map<int, int>& maxLun, std::ma
     for (const auto& entry : maxLun) {
         const int host = entry.first;
         for (int channel = 0; channel < maxChannel[host] + 2; ++channel) {
-            const int baseline = getDeviceCount();
-            int current = baseline;
-            bool abandoned = false;
-            for (int id = 0; id < maxId[host] + 2 && !abandoned; ++id) {
-                for (int lun = 0; lun < entry.second + 16; ++lun) {
-                    if (containsDevice(host, channel, id, lun, existing)) {
-                        continue;
-                    }
-                    char command[255];
-                    std::snprintf(command, sizeof command, "scsi add-single-device %d %d %d %d\n",
-                                  host, channel, id, lun);
-                    if (m_traceLog) {
-                        m_traceLog->trace(3, "INFO: trying add device: %s\n", command);
-                    }
-                    FILE* file = fiSystem().fopen("/proc/scsi/scsi", "a");
-                    if (file == nullptr) {
-                        if (m_traceLog) {
-                            m_traceLog->trace(
-                                2, "Warning: scan for devices failed to open /proc/scsi/scsi");
-                        }
-                        continue;
-                    }
-                    std::fputs(command, file);
-                    std::fclose(file);
-                    current = getDeviceCount();
-                    if (m_traceLog) {
-                        m_traceLog->trace(3, "INFO: current count [%d]", current);
-                    }
-                    // Beyond the highest known id or channel, a channel is given up once LUN 7
-                    // of an id has been probed without the count rising since it began.
-                    if (current == baseline && lun == 7 &&
-                        (id > maxId[host] || channel > maxChannel[host])) {
-                        abandoned = true;
-                        break;
-                    }
-                }
-            }
+            probeChannel(host, channel, entry.second + 16, maxId[host], maxChannel[host], existing);
         }
     }
     return getDeviceCount();
+}
+
+void CLinuxDeviceDiscovery::probeChannel(int host, int channel, int lunLimit, int maxId,
+                                         int maxChannel,
+                                         const std::vector<SLinuxScsiDevice>& existing)
+{
+    const int baseline = getDeviceCount();
+    for (int id = 0; id < maxId + 2; ++id) {
+        for (int lun = 0; lun < lunLimit; ++lun) {
+            if (containsDevice(host, channel, id, lun, existing) ||
+                !addSingleDevice(host, channel, id, lun)) {
+                continue;
+            }
+            const int current = getDeviceCount();
+            traceTo(m_traceLog, 3, "INFO: current count [%d]", current);
+            // Beyond the highest known id or channel, a channel is given up once LUN 7 of an id
+            // has been probed without the count rising since it began.
+            if (current == baseline && lun == 7 && (id > maxId || channel > maxChannel)) {
+                return;
+            }
+        }
+    }
+}
+
+bool CLinuxDeviceDiscovery::addSingleDevice(int host, int channel, int id, int lun)
+{
+    char command[255];
+    std::snprintf(command, sizeof command, "scsi add-single-device %d %d %d %d\n", host, channel,
+                  id, lun);
+    traceTo(m_traceLog, 3, "INFO: trying add device: %s\n", command);
+    FILE* file = fiSystem().fopen("/proc/scsi/scsi", "a");
+    if (file == nullptr) {
+        traceTo(m_traceLog, 2, "Warning: scan for devices failed to open /proc/scsi/scsi");
+        return false;
+    }
+    std::fputs(command, file);
+    std::fclose(file);
+    return true;
 }
 
 int CLinuxDeviceDiscovery::GetHostAdapterList2_6(std::vector<std::string>& hosts)
@@ -279,23 +259,16 @@ int CLinuxDeviceDiscovery::GetHostAdapterList2_6(std::vector<std::string>& hosts
     FI_TRACE_FUNCTION("GetHostAdapterList2_6");
     try {
         std::string command = "/bin/ls /sys/class/scsi_host";
-        if (m_traceLog) {
-            m_traceLog->trace(3, "INFO: sending command: %s", command.c_str());
-        }
+        traceTo(m_traceLog, 3, "INFO: sending command: %s", command.c_str());
         std::vector<std::string> lines;
         runCommand(m_traceLog, command, lines);
         for (const std::string& line : lines) {
             std::string host = kzfi_pdk_4_4::CFiStringTool::trim(line, " \n\t\r");
             hosts.push_back(host);
-            if (m_traceLog) {
-                m_traceLog->trace(3, "INFO: adding adapter %s", host.c_str());
-            }
+            traceTo(m_traceLog, 3, "INFO: adding adapter %s", host.c_str());
         }
     } catch (...) {
-        if (m_traceLog) {
-            m_traceLog->trace(2,
-                              "CLinuxDeviceDiscovery::GetHostAdapterList2_6: Exception Occurred");
-        }
+        traceTo(m_traceLog, 2, "CLinuxDeviceDiscovery::GetHostAdapterList2_6: Exception Occurred");
     }
     return 0;
 }
@@ -309,35 +282,25 @@ int CLinuxDeviceDiscovery::RescanScsiMidLayer2_6()
         if (!hosts.empty()) {
             if (writeToEveryHost(m_traceLog, hosts, "/sys/class/fc_host/%s/issue_lip", "1\n",
                                  "Info: failed to open %s to issue_lip scan")) {
-                if (m_traceLog) {
-                    m_traceLog->trace(4, "Info: Waiting for scan to complete issue_lip scans.");
-                }
+                traceTo(m_traceLog, 4, "Info: Waiting for scan to complete issue_lip scans.");
                 fiSystem().sleep(5);
             }
             if (writeToEveryHost(m_traceLog, hosts, "/sys/class/scsi_host/%s/issue_lip", "1\n",
                                  "Info: failed to open %s to issue_lip scan for Emulex")) {
-                if (m_traceLog) {
-                    m_traceLog->trace(4, "Info: Waiting for scan to complete issue_lip scan.");
-                }
+                traceTo(m_traceLog, 4, "Info: Waiting for scan to complete issue_lip scan.");
                 fiSystem().sleep(5);
             }
             if (writeToEveryHost(m_traceLog, hosts, "/sys/class/scsi_host/%s/scan", "- - -\n",
                                  "Info: failed to open %s for device scan.")) {
-                if (m_traceLog) {
-                    m_traceLog->trace(4, "Info: Waiting for device scan to complete");
-                }
+                traceTo(m_traceLog, 4, "Info: Waiting for device scan to complete");
                 fiSystem().sleep(5);
             }
         }
-        if (m_traceLog) {
-            m_traceLog->trace(4, "Info:Trying with rescan_scsi_bus.sh");
-        }
+        traceTo(m_traceLog, 4, "Info:Trying with rescan_scsi_bus.sh");
         const char script[] = "/bin/rescan-scsi-bus.sh";
         struct stat st;
         if (fiSystem().stat(script, &st) != 0) {
-            if (m_traceLog) {
-                m_traceLog->trace(4, "Info: failed to open rescan_scsi_bus.sh");
-            }
+            traceTo(m_traceLog, 4, "Info: failed to open rescan_scsi_bus.sh");
             return 0;
         }
         kzfi_pdk_4_4::CFiExecPipePosix pipe(1);
@@ -347,13 +310,10 @@ int CLinuxDeviceDiscovery::RescanScsiMidLayer2_6()
         if (code != 0) {
             // These two go to the plug-in's shared log, not to this object's.
             CFiTraceLogPtr shared = kzfi_pdk_4_4::fiPluginTraceLog();
-            if (shared) {
-                shared->trace(2, "Warning: rescan_scsi_bus.sh failed with execpipe code [%d]",
-                              code);
-                if (code == 11) {
-                    shared->trace(2, "Warning: rescan_scsi_bus.sh failed with error [%ld].",
-                                  static_cast<long>(pipe.getLastError().getErrno()));
-                }
+            traceTo(shared, 2, "Warning: rescan_scsi_bus.sh failed with execpipe code [%d]", code);
+            if (code == 11) {
+                traceTo(shared, 2, "Warning: rescan_scsi_bus.sh failed with error [%ld].",
+                        static_cast<long>(pipe.getLastError().getErrno()));
             }
         }
     } catch (...) {

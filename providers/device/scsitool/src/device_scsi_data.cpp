@@ -2,8 +2,6 @@
 
 #include <cstring>
 
-#include "fi_configuration.h"
-
 CScsiModePage::CScsiModePage() : m_length(0) {}
 
 CScsiModePage::CScsiModePage(const unsigned char* data, unsigned int length) : m_length(0)
@@ -68,27 +66,4 @@ const CScsiModePage* CScsiDeviceData::findPage(unsigned int code) const
 {
     auto it = m_pageCache.find(code);
     return it != m_pageCache.end() ? &it->second : nullptr;
-}
-
-int CScsiConfiguration::importTuningSettings(CScsiTuningParams& params)
-{
-    using namespace kzfi_pdk_4_4;
-    try {
-        CFiConfiguration configuration;
-        ACE_Configuration_Section_Key key;
-        ACE_CString first;
-        ACE_CString second;
-        CFiConfigurationPathTool::getConfigFileInfo(ACE_CString("devicefi"), first, second);
-        configuration.importConfig(first.c_str(), second.c_str());
-        if (configuration.openSection("TUNING_PARAMS", key, 1) != 0) {
-            return 0;
-        }
-        configuration.getIntegerValue("OPEN_DEVICE_RETRY_DELAY_IN_SEC",
-                                      params.m_openDeviceRetryDelay);
-        configuration.getIntegerValue("OPEN_DEVICE_RETRY_ATTEMPTS",
-                                      params.m_openDeviceRetryAttempts);
-    } catch (...) {
-        // A configuration that cannot be read leaves the caller's values in place.
-    }
-    return 0;
 }

@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "stringtool.h"
+#include "trace_call.h"
 
 using kzfi_pdk_4_4::CFiTraceLogPtr;
 
@@ -80,11 +81,9 @@ std::string CUDIDFactory::getUniqueDeviceID(CScsiDeviceData* device, SUdidOrigin
             return udid;
         } catch (const CUdidGeneratorException& e) {
             std::string joined = joinException(e);
-            if (m_traceLog) {
-                m_traceLog->trace(
-                    2, "WARNING: getUniqueDeviceID caught exception: [%s],skipping device.",
+            traceTo(m_traceLog, 2,
+                    "WARNING: getUniqueDeviceID caught exception: [%s],skipping device.",
                     joined.c_str());
-            }
             origin.failures.push_back({generator->getGeneratorName(), joined});
         }
     }
@@ -97,17 +96,15 @@ std::string CUDIDFactory::mapEntryUdid(CScsiDeviceData* device)
     try {
         udid = getUniqueDeviceID(device);
     } catch (const CUdidGeneratorException& e) {
-        if (m_traceLog) {
-            m_traceLog->trace(
-                2, "WARNING: Caught CUdidGeneratorException [%s]: %s assigned empty UDID",
+        traceTo(m_traceLog, 2,
+                "WARNING: Caught CUdidGeneratorException [%s]: %s assigned empty UDID",
                 joinException(e).c_str(), device->m_deviceName.c_str());
-        }
         return std::string();
     }
-    if (udid.size() < kShortestValidUdid && m_traceLog) {
+    if (udid.size() < kShortestValidUdid) {
         // The short UDID is kept as it is, whatever the message says.
-        m_traceLog->trace(2, "WARNING: invalid UDID for device %s, assigned empty UDID",
-                          device->m_deviceName.c_str());
+        traceTo(m_traceLog, 2, "WARNING: invalid UDID for device %s, assigned empty UDID",
+                device->m_deviceName.c_str());
     }
     return udid;
 }
@@ -136,10 +133,8 @@ std::map<std::string, SDeviceInfo> CUDIDFactory::fillDeviceMap(
         } else {
             auto it = m_deviceMap.find(device->m_deviceName);
             if (it != m_deviceMap.end()) {
-                if (m_traceLog) {
-                    m_traceLog->trace(3, "INFO: removing invalid device data for [%s]",
-                                      device->m_deviceName.c_str());
-                }
+                traceTo(m_traceLog, 3, "INFO: removing invalid device data for [%s]",
+                        device->m_deviceName.c_str());
                 m_deviceMap.erase(it);
             }
         }
@@ -148,9 +143,7 @@ std::map<std::string, SDeviceInfo> CUDIDFactory::fillDeviceMap(
         delete device;
     }
     devices.clear();
-    if (m_traceLog) {
-        m_traceLog->trace(3, "Printing m_deviceMap");
-    }
+    traceTo(m_traceLog, 3, "Printing m_deviceMap");
     printDeviceMap(m_deviceMap);
     return m_deviceMap;
 }
@@ -175,30 +168,24 @@ std::map<std::string, SDeviceInfo> CUDIDFactory::validateDeviceMap(std::string d
 
 void CUDIDFactory::printDeviceMap(const std::map<std::string, SDeviceInfo>& map)
 {
-    if (!m_traceLog) {
-        return;
-    }
     for (const auto& item : map) {
         const SDeviceInfo& info = item.second;
-        m_traceLog->trace(3, "Uid [%s] \tDeviceName [%s] \tdmpClaimLevel [%d]", info.Uid.c_str(),
-                          info.DeviceName.c_str(), info.dmpClaimLevel);
+        traceTo(m_traceLog, 3, "Uid [%s] \tDeviceName [%s] \tdmpClaimLevel [%d]", info.Uid.c_str(),
+                info.DeviceName.c_str(), info.dmpClaimLevel);
         for (const std::string& path : info.NativePath) {
-            m_traceLog->trace(3, "DeviceName [%s] \tNativePath [%s]", info.DeviceName.c_str(),
-                              path.c_str());
+            traceTo(m_traceLog, 3, "DeviceName [%s] \tNativePath [%s]", info.DeviceName.c_str(),
+                    path.c_str());
         }
     }
 }
 
 void CUDIDFactory::traceMissing(const char* deviceName)
 {
-    if (!m_traceLog) {
-        return;
-    }
-    m_traceLog->trace(
-        2, "CUDIDFactory::getCachedUniqueDeviceID() Device %s not found, map contents are:",
-        deviceName);
+    traceTo(m_traceLog, 2,
+            "CUDIDFactory::getCachedUniqueDeviceID() Device %s not found, map contents are:",
+            deviceName);
     for (const auto& item : m_deviceMap) {
-        m_traceLog->trace(2, "\t\t[%s] : [%s]\n", item.first.c_str(), item.second.Uid.c_str());
+        traceTo(m_traceLog, 2, "\t\t[%s] : [%s]\n", item.first.c_str(), item.second.Uid.c_str());
     }
 }
 
@@ -213,10 +200,8 @@ std::string CUDIDFactory::getCachedUniqueDeviceID(const char* deviceName, bool r
     }
     bool fresh = false;
     if (m_deviceMap.empty()) {
-        if (m_traceLog) {
-            m_traceLog->trace(
-                6, "CUDIDFactory::getCachedUniqueDeviceID() Device map is empty, re-enumerating.");
-        }
+        traceTo(m_traceLog, 6,
+                "CUDIDFactory::getCachedUniqueDeviceID() Device map is empty, re-enumerating.");
         m_deviceMap = enumerateDeviceMap(false, false, false);
         fresh = true;
     }

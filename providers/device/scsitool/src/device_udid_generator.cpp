@@ -8,6 +8,7 @@
 
 #include "fi_system.h"
 #include "stringtool.h"
+#include "trace_call.h"
 
 using kzfi_pdk_4_4::fiSystem;
 
@@ -45,6 +46,59 @@ std::vector<CUdidGenerator*> createUdidGeneratorTable()
     // clang-format on
 }
 
+namespace {
+
+enum EMatch { kExact, kPrefix, kContains };
+
+// How a row of the generator table claims a device: the vendor and the product id (trailing
+// blanks stripped) each against its list, compared as `vendorMatch` / `productMatch` say, and
+// upper-cased first when case is ignored.
+struct SClaimRule {
+    const char* vendorId;  // the claim strings of the generator's row
+    const char* productId;
+    const char* vendors[3];
+    EMatch vendorMatch;
+    const char* products[13];
+    EMatch productMatch;
+    bool ignoreCase;
+};
+
+// One row per generator that claims by pattern, found by its claim strings. The IBM rows are
+// no pattern: their vendor prefix and the model lists they share stay in their own claimDevice.
+// clang-format off
+const SClaimRule kClaimRules[] = {
+    // claim strings       vendors           match      products                match      no case
+    {"HP", "MSA",          {"COMPAQ", "HP"}, kContains, {"MSA"},                kContains, false},
+    {"HP", "HSV",          {"COMPAQ", "HP"}, kExact,    {"HSV"},                kPrefix,   false},
+    {"HP", "XP",           {"HP"},           kExact,    {"OPEN-V", "OPEN-0V"},  kPrefix,   false},
+    {"DGC", "",            {"DGC"},          kExact,    {"RAID", "DISK", "VNX",
+                                                         "CX"},                 kContains, false},
+    {"EMC", "SYMMETRIX",   {"EMC"},          kExact,    {"SYMMETRIX"},          kExact,    false},
+    {"HITACHI", "HDS",     {"HITACHI"},      kExact,    {"9200", "9500V", "DF600F",
+                                                         "DF600F-V", "OPEN-V",
+                                                         "OPEN-0V", "9900", "9910",
+                                                         "9980V", "9970V", "9960",
+                                                         "USP"},                kPrefix,   false},
+    {"ENGENIO", "UNIVERSAL", {"LSI"},        kExact,    {"INF", "UNIVERSAL",
+                                                         "MPP_VIRTUAL_DISK"},   kPrefix,   true},
+    {"NETAPP", "LUN",      {"NETAPP"},       kExact,    {"LUN"},                kExact,    false},
+    {"HP", "3PAR",         {"3PARdata"},     kExact,    {"VV"},                 kExact,    false},
+    {"FUJITSU", "ETERNUS", {"FUJITSU"},      kExact,    {"ETERNUS"},            kPrefix,   false},
+};
+// clang-format on
+
+const SClaimRule* claimRuleOf(const std::string& vendorId, const std::string& productId)
+{
+    for (const SClaimRule& rule : kClaimRules) {
+        if (vendorId == rule.vendorId && productId == rule.productId) {
+            return &rule;
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace
+
 // --- CUdidGenerator --------------------------------------------------------------------------
 
 CUdidGenerator::CUdidGenerator(std::string vendorId, std::string productId)
@@ -61,10 +115,24 @@ std::string CUdidGenerator::getGeneratorName()
 
 bool CUdidGenerator::claimDevice(CScsiDeviceData* device)
 {
-    if (stripVendorId(device) != m_vendorId) {
-        return false;
+    const SClaimRule* rule = claimRuleOf(m_vendorId, m_productId);
+    if (rule == nullptr) {
+        return stripVendorId(device) == m_vendorId && stripProductId(device) == m_productId;
     }
-    return stripProductId(device) == m_productId;
+    auto matches = [rule](std::string id, const char* const* list, EMatch how) {
+        id = rule->ignoreCase ? CStringTool::tostrupper(id) : id;
+        if (how != kExact) {
+            return how == kPrefix ? beginsWithOneOf(id, list) : containsOneOf(id, list);
+        }
+        for (; *list != nullptr; ++list) {
+            if (id == *list) {
+                return true;
+            }
+        }
+        return false;
+    };
+    return matches(stripVendorId(device), rule->vendors, rule->vendorMatch) &&
+           matches(stripProductId(device), rule->products, rule->productMatch);
 }
 
 std::string CUdidGenerator::getUniqueDeviceIDPrefix(CScsiDeviceData* /*device*/)
@@ -222,9 +290,7 @@ std::string CDefaultUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
     } else {
         body += "UNKNOWN";
     }
-    if (m_traceLog) {
-        m_traceLog->trace(3, "INFO: %s has no identity page, using the host-local id %s",
-                          device->m_deviceName.c_str(), body.c_str());
-    }
+    traceTo(m_traceLog, 3, "INFO: %s has no identity page, using the host-local id %s",
+            device->m_deviceName.c_str(), body.c_str());
     return body;
 }

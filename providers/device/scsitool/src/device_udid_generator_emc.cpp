@@ -4,23 +4,13 @@
 
 #include "device_udid_generator.h"
 #include "stringtool.h"
+#include "trace_call.h"
 
 // --- Clariion / VNX --------------------------------------------------------------------------
 
 CEmcClariionUdidGenerator::CEmcClariionUdidGenerator(std::string vendorId, std::string productId)
     : CUdidGenerator(std::move(vendorId), std::move(productId))
 {
-}
-
-// Vendor DGC and a product naming a RAID group, a disk, a VNX or a CX, case-sensitive; other
-// DGC products (LUNZ) are left to the generators behind this one.
-bool CEmcClariionUdidGenerator::claimDevice(CScsiDeviceData* device)
-{
-    static const char* const products[] = {"RAID", "DISK", "VNX", "CX", nullptr};
-    if (stripVendorId(device) != m_vendorId) {
-        return false;
-    }
-    return containsOneOf(stripProductId(device), products);
 }
 
 std::string CEmcClariionUdidGenerator::getUniqueDeviceIDPrefix(CScsiDeviceData* /*device*/)
@@ -51,14 +41,10 @@ bool CEmcClariionUdidGenerator::checkForArraySerialNo(const unsigned char** page
 
     if (CStringTool::isalphaNumeric(enclosureId)) {
         enclosureId += udid_separator;
-        if (m_traceLog) {
-            m_traceLog->trace(3, "clariion EnclosureID=%s", enclosureId.c_str());
-        }
+        traceTo(m_traceLog, 3, "clariion EnclosureID=%s", enclosureId.c_str());
         return true;
     }
-    if (m_traceLog) {
-        m_traceLog->trace(2, "Invalid EnclosureID=%s", enclosureId.c_str());
-    }
+    traceTo(m_traceLog, 2, "Invalid EnclosureID=%s", enclosureId.c_str());
     return false;
 }
 
@@ -72,9 +58,10 @@ std::string CEmcClariionUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device
     if (!checkForArraySerialNo(&pageC0.data, pageC0.length, 49, 50, enclosureId)) {
         enclosureId.clear();
         CachedBytes page80 = findPageData(device, 0x80);
-        if (!checkForArraySerialNo(&page80.data, page80.length, 3, 4, enclosureId) && m_traceLog) {
+        if (!checkForArraySerialNo(&page80.data, page80.length, 3, 4, enclosureId)) {
             // Carries on with the rejected text and no separator.
-            m_traceLog->trace(2, "Invalid EnclosureID %s found for Clariion", enclosureId.c_str());
+            traceTo(m_traceLog, 2, "Invalid EnclosureID %s found for Clariion",
+                    enclosureId.c_str());
         }
     }
 
@@ -84,11 +71,9 @@ std::string CEmcClariionUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device
         throw error(MSG_INVALID_SCSI_DEVICE_DATA);
     }
     std::string body = enclosureId + hexField(page83, 8, 16, false, ":") + ":";
-    if (m_traceLog) {
-        m_traceLog->trace(
-            3, "GetScsiModePage83 CEmcClariionUdidGenerator::getUniqueDeviceID : UDID=%s",
+    traceTo(m_traceLog, 3,
+            "GetScsiModePage83 CEmcClariionUdidGenerator::getUniqueDeviceID : UDID=%s",
             body.c_str());
-    }
     body.pop_back();
     return body;
 }

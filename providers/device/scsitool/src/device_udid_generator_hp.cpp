@@ -4,26 +4,11 @@
 #include "device_udid_generator.h"
 #include "stringtool.h"
 
-namespace {
-
-const char* const kXpModels[] = {"OPEN-V", "OPEN-0V", nullptr};
-
-}  // namespace
-
 // --- MSA -------------------------------------------------------------------------------------
 
 CHpMsaUdidGenerator::CHpMsaUdidGenerator(std::string vendorId, std::string productId)
     : CUdidGenerator(std::move(vendorId), std::move(productId))
 {
-}
-
-bool CHpMsaUdidGenerator::claimDevice(CScsiDeviceData* device)
-{
-    static const char* const vendors[] = {"COMPAQ", "HP", nullptr};
-    static const char* const products[] = {"MSA", nullptr};
-    const std::string& vendor = stripVendorId(device);
-    const std::string& product = stripProductId(device);
-    return containsOneOf(product, products) && containsOneOf(vendor, vendors);
 }
 
 // INQUIRY bytes 96 to 109, "##", page 0x83 bytes 36 to 67, both as text.
@@ -49,14 +34,6 @@ std::string CHpMsaUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 CHpEvaUdidGenerator::CHpEvaUdidGenerator(std::string vendorId, std::string productId)
     : CUdidGenerator(std::move(vendorId), std::move(productId))
 {
-}
-
-bool CHpEvaUdidGenerator::claimDevice(CScsiDeviceData* device)
-{
-    static const char* const products[] = {"HSV", nullptr};
-    const std::string& vendor = stripVendorId(device);
-    bool hsv = beginsWithOneOf(stripProductId(device), products);
-    return (vendor == "COMPAQ" && hsv) || (vendor == "HP" && hsv);
 }
 
 // The array's WWN from INQUIRY bytes 130 to 137 and the LUN's WWN from page 0x83 bytes 8 to 23,
@@ -90,12 +67,6 @@ CHpXpUdidGenerator::CHpXpUdidGenerator(std::string vendorId, std::string product
 {
 }
 
-bool CHpXpUdidGenerator::claimDevice(CScsiDeviceData* device)
-{
-    const std::string& vendor = stripVendorId(device);
-    return beginsWithOneOf(stripProductId(device), kXpModels) && vendor == "HP";
-}
-
 // Two decimal numbers from the hex texts in INQUIRY bytes 39 to 43 (only behind "50 ") and 44
 // to 47.
 std::string CHpXpUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
@@ -118,12 +89,6 @@ std::string CHpXpUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 CHp3parUdidGenerator::CHp3parUdidGenerator(std::string vendorId, std::string productId)
     : CUdidGenerator(std::move(vendorId), std::move(productId))
 {
-}
-
-bool CHp3parUdidGenerator::claimDevice(CScsiDeviceData* device)
-{
-    const std::string& vendor = stripVendorId(device);
-    return stripProductId(device) == "VV" && vendor == "3PARdata";
 }
 
 // The serial of page 0x80 bytes 4 to 11 (blanks trimmed), "##", page 0x83 bytes 8 to 15 as

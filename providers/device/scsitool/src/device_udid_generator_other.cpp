@@ -1,34 +1,19 @@
 // The generators of the remaining arrays: Hitachi, LSI/Engenio, NetApp and Fujitsu Eternus.
-#include <fcntl.h>
-#include <scsi/sg.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
 
 #include "device_udid_generator.h"
-#include "fi_system.h"
+#include "kernel_files.h"
 #include "stringtool.h"
-
-using kzfi_pdk_4_4::fiSystem;
+#include "trace_call.h"
 
 // --- Hitachi ---------------------------------------------------------------------------------
 
 CHitachiUdidGenerator::CHitachiUdidGenerator(std::string vendorId, std::string productId)
     : CUdidGenerator(std::move(vendorId), std::move(productId))
 {
-}
-
-bool CHitachiUdidGenerator::claimDevice(CScsiDeviceData* device)
-{
-    static const char* const models[] = {"9200",    "9500V", "DF600F", "DF600F-V", "OPEN-V",
-                                         "OPEN-0V", "9900",  "9910",   "9980V",    "9970V",
-                                         "9960",    "USP",   nullptr};
-    if (stripVendorId(device) != "HITACHI") {
-        return false;
-    }
-    return beginsWithOneOf(stripProductId(device), models);
 }
 
 // Two decimal numbers from the hex or decimal texts of INQUIRY bytes 36 to 47: the array serial
@@ -61,16 +46,6 @@ std::string CHitachiUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 CLsiUdidGenerator::CLsiUdidGenerator(std::string vendorId, std::string productId)
     : CUdidGenerator(std::move(vendorId), std::move(productId))
 {
-}
-
-// The one claim test that ignores case: vendor LSI, product INF..., UNIVERSAL... or
-// MPP_VIRTUAL_DISK... The record keeps its own case.
-bool CLsiUdidGenerator::claimDevice(CScsiDeviceData* device)
-{
-    static const char* const products[] = {"INF", "UNIVERSAL", "MPP_VIRTUAL_DISK", nullptr};
-    std::string vendor = CStringTool::tostrupper(stripVendorId(device));
-    std::string product = CStringTool::tostrupper(stripProductId(device));
-    return vendor == "LSI" && beginsWithOneOf(product, products);
 }
 
 // The array id of page 0xC8 bytes 90 to 105 in lower-case hex, "##", and the LUN name of page
@@ -107,54 +82,27 @@ CNetAppUdidGenerator::CNetAppUdidGenerator(std::string vendorId, std::string pro
 std::string CNetAppUdidGenerator::getEnclosureID(CScsiDeviceData* device)
 {
     FI_TRACE_FUNCTION("CNetAppUdidGenerator::getEnclosureID");
-    enum {
-        kResponseSize = 4096,
-        kSenseSize = 64,
-        kLastRecordStart = 256,
-        kTextOffset = 28,
-        kTextLimit = 23
-    };
-    int fd = fiSystem().open(device->m_deviceName.c_str(), O_RDONLY | O_NONBLOCK);
-    if (fd < 0) {
-        if (m_traceLog) {
-            m_traceLog->trace(2, "getEnclosureID: cannot open %s", device->m_deviceName.c_str());
-        }
+    enum { kLastRecordStart = 256, kTextOffset = 28, kTextLimit = 23 };
+    std::vector<unsigned char> response;
+    int rc = 0;
+    if (!sendNetAppIdentityCommand(device->m_deviceName, response, rc)) {
+        traceTo(m_traceLog, 2, "getEnclosureID: cannot open %s", device->m_deviceName.c_str());
         return "";
     }
-
-    unsigned char cdb[10] = {0xC0, 0x00, 0x00, 0x0A, 0x98, 0x0A, 0x22, 0x10, 0x00, 0x00};
-    unsigned char sense[kSenseSize] = {};
-    unsigned char response[kResponseSize] = {};
-    sg_io_hdr_t request;
-    memset(&request, 0, sizeof(request));
-    request.interface_id = 'S';
-    request.dxfer_direction = SG_DXFER_FROM_DEV;
-    request.cmd_len = sizeof(cdb);
-    request.mx_sb_len = sizeof(sense);
-    request.iovec_count = 0;
-    request.dxfer_len = sizeof(response);
-    request.dxferp = response;
-    request.cmdp = cdb;
-    request.sbp = sense;
-    request.timeout = 10;
     // Only the call's own failure counts. A transport error leaves the zeroed buffer, whose walk
     // ends at once on a zero length, so the host and driver status add nothing.
-    int rc = fiSystem().ioctl(fd, SG_IO, &request);
-    fiSystem().close(fd);
     if (rc < 0) {
-        if (m_traceLog) {
-            m_traceLog->trace(2, "getEnclosureID: identity command failed on %s",
-                              device->m_deviceName.c_str());
-        }
+        traceTo(m_traceLog, 2, "getEnclosureID: identity command failed on %s",
+                device->m_deviceName.c_str());
         return "";
     }
 
     // Record lengths are two signed bytes; a zero or negative one ends the walk. Every record
     // start is at most byte 256, so the text read from it stays inside the buffer.
-    const CachedBytes answer{response, sizeof(response)};
+    const CachedBytes answer{response.data(), static_cast<unsigned int>(response.size())};
     int start = 8;
     while (start <= kLastRecordStart) {
-        const unsigned char* record = response + start;
+        const unsigned char* record = response.data() + start;
         if (record[0] == 0x22) {
             return textField(answer, unsigned(start) + kTextOffset, kTextLimit);
         }
@@ -195,15 +143,6 @@ CFujitsuEternusUdidGenerator::CFujitsuEternusUdidGenerator(std::string vendorId,
                                                            std::string productId)
     : CUdidGenerator(std::move(vendorId), std::move(productId))
 {
-}
-
-bool CFujitsuEternusUdidGenerator::claimDevice(CScsiDeviceData* device)
-{
-    static const char* const products[] = {"ETERNUS", nullptr};
-    if (stripVendorId(device) != "FUJITSU") {
-        return false;
-    }
-    return beginsWithOneOf(stripProductId(device), products);
 }
 
 // The array serial of INQUIRY bytes 36 to 43 (blanks trimmed), "##", and the LUN name of page

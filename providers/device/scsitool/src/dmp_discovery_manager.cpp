@@ -4,6 +4,7 @@
 
 #include "dmp_linux_device_mapper.h"
 #include "dmp_powerpath.h"
+#include "trace_call.h"
 
 using kzfi_pdk_4_4::CFiTraceLogPtr;
 
@@ -50,20 +51,15 @@ void CDmpDiscoveryManager::registerTraceLog(const CFiTraceLogPtr& log)
 {
     CDmpClaimManager::registerTraceLog(log);
     for (CDmpDiscoveryBase* module : m_discoveryModules) {
-        if (m_traceLog) {
-            m_traceLog->trace(3, "INFO: registering trace log on discovery module");
-        }
+        traceTo(m_traceLog, 3, "INFO: registering trace log on discovery module");
         module->registerTraceLog(m_traceLog);
     }
 }
 
 int CDmpDiscoveryManager::enumerateDmpDevices(std::map<std::string, SDeviceInfo>& deviceMap)
 {
-    if (m_traceLog) {
-        m_traceLog->trace(3,
-                          "INFO: CDmpDiscoveryManager::enumerateDmpDevices %d modules registered",
-                          static_cast<int>(m_discoveryModules.size()));
-    }
+    traceTo(m_traceLog, 3, "INFO: CDmpDiscoveryManager::enumerateDmpDevices %d modules registered",
+            static_cast<int>(m_discoveryModules.size()));
     for (CDmpDiscoveryBase* module : m_discoveryModules) {
         module->enumerateDmpDevices(deviceMap);
     }

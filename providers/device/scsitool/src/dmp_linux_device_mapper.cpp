@@ -2,6 +2,7 @@
 
 #include "discovery_common.h"
 #include "stringtool.h"
+#include "trace_call.h"
 
 using scsitool_discovery::endsWithDigit;
 using scsitool_discovery::joinLines;
@@ -27,14 +28,12 @@ int CDmpLinuxDeviceMapper::rescan()
 {
     FI_TRACE_FUNCTION("rescan");
     std::string command = std::string("/sbin/") + "multipath" + " -v0 ";
-    if (m_traceLog) {
-        m_traceLog->trace(6, "calling command [%s].", command.c_str());
-    }
+    traceTo(m_traceLog, 6, "calling command [%s].", command.c_str());
     std::vector<std::string> lines;
     int result = runCommand(m_traceLog, command, lines);
-    if (result != 0 && m_traceLog) {
-        m_traceLog->trace(1, "Failed to refresh devices with message ==>%s.",
-                          joinLines(lines).c_str());
+    if (result != 0) {
+        traceTo(m_traceLog, 1, "Failed to refresh devices with message ==>%s.",
+                joinLines(lines).c_str());
     }
     return result;
 }
@@ -43,14 +42,10 @@ int CDmpLinuxDeviceMapper::enumerateDmpDevices(std::map<std::string, SDeviceInfo
 {
     FI_TRACE_FUNCTION("enumerateDmpDevices");
     std::vector<std::string> paths = readDir(kMapperDirectory, "");
-    if (m_traceLog) {
-        m_traceLog->trace(3, "INFO: readdir lines returned [%d] devices.",
-                          static_cast<int>(paths.size()));
-    }
+    traceTo(m_traceLog, 3, "INFO: readdir lines returned [%d] devices.",
+            static_cast<int>(paths.size()));
     for (const std::string& path : paths) {
-        if (m_traceLog) {
-            m_traceLog->trace(3, "Working on device [%s]", path.c_str());
-        }
+        traceTo(m_traceLog, 3, "Working on device [%s]", path.c_str());
         // A name ending in 'p' and a digit is a partition of a map; only the last two
         // characters are looked at.
         if (path.size() > kMapperDirectoryLength && endsWithDigit(path) &&
@@ -63,10 +58,8 @@ int CDmpLinuxDeviceMapper::enumerateDmpDevices(std::map<std::string, SDeviceInfo
         if (path.find(kMapperDirectory) == std::string::npos) {
             continue;
         }
-        if (m_traceLog) {
-            m_traceLog->trace(3, "INFO: adding device mapper multipath device to the map [%s]",
-                              path.c_str());
-        }
+        traceTo(m_traceLog, 3, "INFO: adding device mapper multipath device to the map [%s]",
+                path.c_str());
         SDeviceInfo info;
         info.dmpClaimLevel = 16;
         info.DeviceName = path;

@@ -5,6 +5,7 @@
 #include "discovery_common.h"
 #include "fi_system.h"
 #include "stringtool.h"
+#include "trace_call.h"
 
 using scsitool_discovery::endsWithDigit;
 using scsitool_discovery::joinLines;
@@ -46,32 +47,23 @@ CDmpPowerPathDiscovery::~CDmpPowerPathDiscovery() = default;
 int CDmpPowerPathDiscovery::rescan()
 {
     FI_TRACE_FUNCTION("rescan");
-    if (m_traceLog) {
-        m_traceLog->trace(3, "CDmpPowerPathDiscovery: ExecuteEmcPowerPathCommands() called.");
-    }
+    traceTo(m_traceLog, 3, "CDmpPowerPathDiscovery: ExecuteEmcPowerPathCommands() called.");
     struct stat st;
     if (kzfi_pdk_4_4::fiSystem().stat(kPowermt, &st) != 0) {
-        if (m_traceLog) {
-            m_traceLog->trace(
-                2, "CDmpPowerPathDiscovery: WARNING: powermt command (%s) was not found.",
-                kPowermt);
-        }
+        traceTo(m_traceLog, 2,
+                "CDmpPowerPathDiscovery: WARNING: powermt command (%s) was not found.", kPowermt);
         return 0;
     }
     // The steps share one output list; each run replaces what the previous one left in it.
     std::vector<std::string> lines;
     for (const PowermtStep& step : kPowermtSteps) {
         std::string command = std::string(kPowermt) + step.arguments;
-        if (m_traceLog) {
-            m_traceLog->trace(3, "%s", step.announcement);
-        }
-        if (runCommand(m_traceLog, command, lines) != 0 && m_traceLog) {
-            m_traceLog->trace(2, step.failure, joinLines(lines).c_str());
+        traceTo(m_traceLog, 3, "%s", step.announcement);
+        if (runCommand(m_traceLog, command, lines) != 0) {
+            traceTo(m_traceLog, 2, step.failure, joinLines(lines).c_str());
         }
     }
-    if (m_traceLog) {
-        m_traceLog->trace(3, "CDmpPowerPathDiscovery: ExecuteEmcPowerPathCommands() completed.");
-    }
+    traceTo(m_traceLog, 3, "CDmpPowerPathDiscovery: ExecuteEmcPowerPathCommands() completed.");
     return 0;
 }
 
@@ -79,11 +71,9 @@ int CDmpPowerPathDiscovery::enumerateDmpDevices(std::map<std::string, SDeviceInf
 {
     FI_TRACE_FUNCTION("enumerateDmpDevices");
     std::vector<std::string> paths = readDir(kDevDirectory, kPseudoDevicePrefix);
-    if (m_traceLog) {
-        // No command is run to find the nodes, so the command text stays empty.
-        m_traceLog->trace(3, "INFO: enumerating devices using command [%s], lines returned [%d]",
-                          "", static_cast<int>(paths.size()));
-    }
+    // No command is run to find the nodes, so the command text stays empty.
+    traceTo(m_traceLog, 3, "INFO: enumerating devices using command [%s], lines returned [%d]", "",
+            static_cast<int>(paths.size()));
     for (const std::string& path : paths) {
         // emcpowera1 and the like are partitions of a pseudo-device.
         if (path.size() > kPseudoDevicePathLength && endsWithDigit(path)) {
@@ -92,9 +82,7 @@ int CDmpPowerPathDiscovery::enumerateDmpDevices(std::map<std::string, SDeviceInf
         if (path.find(kPseudoDevicePrefix) == std::string::npos) {
             continue;
         }
-        if (m_traceLog) {
-            m_traceLog->trace(3, "INFO: adding powerpath device to the map [%s]", path.c_str());
-        }
+        traceTo(m_traceLog, 3, "INFO: adding powerpath device to the map [%s]", path.c_str());
         SDeviceInfo info;
         info.dmpClaimLevel = 16;
         info.DeviceName = path;

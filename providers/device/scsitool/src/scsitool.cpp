@@ -8,6 +8,7 @@
 
 #include "fi_stringtool.h"
 #include "fi_system.h"
+#include "trace_call.h"
 
 using kzfi_pdk_4_4::CFiStringTool;
 using kzfi_pdk_4_4::fiSystem;
@@ -38,9 +39,7 @@ int CScsiTool::GetModePageInfo(CScsiDeviceHandle& handle, CScsiDeviceData& devic
                                const unsigned int& pageCode, unsigned int& length,
                                unsigned int pageType, ScsiPagePtr& page)
 {
-    if (m_traceLog) {
-        m_traceLog->trace(4, "libscsitool: DEBUG: Entering CScsiTool::GetModePageInfo()");
-    }
+    traceTo(m_traceLog, 4, "libscsitool: DEBUG: Entering CScsiTool::GetModePageInfo()");
     // A non-zero page code always names a VPD page.
     unsigned char evpd = (pageType == 1 || pageCode != 0) ? 1 : 0;
     unsigned char buffer[kCommandBufferSize];
@@ -59,11 +58,9 @@ int CScsiTool::GetModePageInfo(CScsiDeviceHandle& handle, CScsiDeviceData& devic
         cdb[4] = kAllocationLength;
         cdb[5] = 0;
         if (fiSystem().ioctl(fd, SCSITOOL_IOCTL_SEND_COMMAND, buffer) != 0) {
-            if (m_traceLog) {
-                m_traceLog->trace(
-                    1, "libscsitool: ERROR: ioctl(SCSI_IOCTL_SEND_COMMAN) for device %s ",
+            traceTo(m_traceLog, 1,
+                    "libscsitool: ERROR: ioctl(SCSI_IOCTL_SEND_COMMAN) for device %s ",
                     device.m_deviceName.c_str());
-            }
             return SCSI_STATUS_FAILED;
         }
 
@@ -79,78 +76,57 @@ int CScsiTool::GetModePageInfo(CScsiDeviceHandle& handle, CScsiDeviceData& devic
         page.reset(new AdapterAutoPtrArray<unsigned char>(bytes));
         length = size;
     } catch (...) {
-        if (m_traceLog) {
-            m_traceLog->trace(2, "GetModePageInfo: Exception Ocurred");
-        }
+        traceTo(m_traceLog, 2, "GetModePageInfo: Exception Ocurred");
         length = 0;
         return SCSI_STATUS_FAILED;
     }
-    if (m_traceLog) {
-        m_traceLog->trace(4, "libscsitool: DEBUG: Exiting CScsiTool::GetModePageInfo()");
-    }
+    traceTo(m_traceLog, 4, "libscsitool: DEBUG: Exiting CScsiTool::GetModePageInfo()");
     return SCSI_STATUS_OK;
 }
 
 void CScsiTool::GetTargetLunPortInfo(CScsiDeviceHandle& handle, CScsiDeviceData& device)
 {
-    if (m_traceLog) {
-        m_traceLog->trace(4, "libscsitool: DEBUG: Entering CScsiTool::UpdateTargetLunPortInfo()");
-    }
+    traceTo(m_traceLog, 4, "libscsitool: DEBUG: Entering CScsiTool::UpdateTargetLunPortInfo()");
     try {
         int fd = handle.open(device, false);
         // The device word, then the host-unique id, which is not used.
         unsigned int idlun[2] = {0, 0};
         if (fiSystem().ioctl(fd, SCSITOOL_IOCTL_GET_IDLUN, idlun) == -1) {
-            if (m_traceLog) {
-                m_traceLog->trace(1,
-                                  "libscsitool: ERROR: CScsiTool::UpdateTargetLunPortInfo() "
-                                  "SCSI_IOCTL_GET_IDLUN IOCTL failed for device %s.",
-                                  device.m_deviceName.c_str());
-            }
+            traceTo(m_traceLog, 1,
+                    "libscsitool: ERROR: CScsiTool::UpdateTargetLunPortInfo() "
+                    "SCSI_IOCTL_GET_IDLUN IOCTL failed for device %s.",
+                    device.m_deviceName.c_str());
             throw static_cast<int>(SCSI_STATUS_FAILED);
         }
         unsigned int word = idlun[0];
         device.m_port = static_cast<int>(word >> 24);
         device.m_bus = (word >> 16) & 0xFF;
-        if (m_traceLog) {
-            m_traceLog->trace(4, "libscsitool: DEBUG: setting Bus number = %d", device.m_bus);
-        }
+        traceTo(m_traceLog, 4, "libscsitool: DEBUG: setting Bus number = %d", device.m_bus);
         device.m_lun = static_cast<int>((word >> 8) & 0xFF);
-        if (m_traceLog) {
-            m_traceLog->trace(4, "libscsitool: DEBUG: setting LUN = %d", device.m_lun);
-        }
+        traceTo(m_traceLog, 4, "libscsitool: DEBUG: setting LUN = %d", device.m_lun);
         device.m_target = static_cast<int>(word & 0xFF);
-        if (m_traceLog) {
-            m_traceLog->trace(4, "libscsitool: DEBUG: setting Target = %d", device.m_target);
-            m_traceLog->trace(4,
-                              "libscsitool: DEBUG: Exiting CScsiTool::UpdateTargetLunPortInfo()");
-        }
+        traceTo(m_traceLog, 4, "libscsitool: DEBUG: setting Target = %d", device.m_target);
+        traceTo(m_traceLog, 4, "libscsitool: DEBUG: Exiting CScsiTool::UpdateTargetLunPortInfo()");
     } catch (...) {
-        if (m_traceLog) {
-            m_traceLog->trace(1,
-                              "libscsitool: ERROR: CScsiTool::UpdateTargetLunPortInfo() failed "
-                              "for device %s.",
-                              device.m_deviceName.c_str());
-        }
+        traceTo(m_traceLog, 1,
+                "libscsitool: ERROR: CScsiTool::UpdateTargetLunPortInfo() failed "
+                "for device %s.",
+                device.m_deviceName.c_str());
         throw static_cast<int>(SCSI_STATUS_FAILED);
     }
 }
 
 int CScsiTool::GetScsiDeviceCapacity(CScsiDeviceHandle&, CScsiDeviceData&)
 {
-    if (m_traceLog) {
-        m_traceLog->trace(4, "libscsitool: DEBUG: Entering CScsiTool::GetScsiDeviceCapacity()");
-        m_traceLog->trace(4, "libscsitool: DEBUG: Exiting CScsiTool::GetScsiDeviceCapacity()");
-    }
+    traceTo(m_traceLog, 4, "libscsitool: DEBUG: Entering CScsiTool::GetScsiDeviceCapacity()");
+    traceTo(m_traceLog, 4, "libscsitool: DEBUG: Exiting CScsiTool::GetScsiDeviceCapacity()");
     return SCSI_STATUS_OK;
 }
 
 int CScsiTool::RemoveDevice(CScsiDeviceData* device)
 {
     if (device == nullptr || device->m_port == -1) {
-        if (m_traceLog) {
-            m_traceLog->trace(2, "RemoveDevice: Unknown device or adapter");
-        }
+        traceTo(m_traceLog, 2, "RemoveDevice: Unknown device or adapter");
         return SCSI_STATUS_FAILED;
     }
     char command[255];
@@ -165,22 +141,15 @@ int CScsiTool::GetHostIQN(std::string& iqn)
 {
     static const char* const kInitiatorFile = "/etc/iscsi/initiatorname.iscsi";
     static const char* const kBlanks = " \n\t\r";
-    if (m_traceLog) {
-        m_traceLog->trace(4, "libscsitool: DEBUG: Entering CScsiTool::GetHostIQN()");
-    }
+    traceTo(m_traceLog, 4, "libscsitool: DEBUG: Entering CScsiTool::GetHostIQN()");
     if (fiSystem().access("/sbin/iscsiadm", F_OK) != 0) {
-        if (m_traceLog) {
-            m_traceLog->trace(
-                1,
+        traceTo(m_traceLog, 1,
                 "libscsitool: ERROR: iscsi-initiator-utils package is not installed on the host");
-        }
         return SCSI_STATUS_FAILED;
     }
     FILE* file = fiSystem().fopen(kInitiatorFile, "r");
     if (file == nullptr) {
-        if (m_traceLog) {
-            m_traceLog->trace(1, "Error: failed to open file [%s]", kInitiatorFile);
-        }
+        traceTo(m_traceLog, 1, "Error: failed to open file [%s]", kInitiatorFile);
         return 26;
     }
     char line[1024];

@@ -8,6 +8,7 @@
 
 #include "fi_system.h"
 #include "stringtool.h"
+#include "trace_call.h"
 
 using kzfi_pdk_4_4::CFiTraceLogPtr;
 using kzfi_pdk_4_4::fiSystem;
@@ -71,21 +72,17 @@ int CScsiDeviceHandle::openDevice(CScsiDeviceData& device, bool noThrow)
             return fd;
         }
         int err = errno;
-        if (m_traceLog) {
-            m_traceLog->trace(2,
-                              "ERROR: CScsiDeviceHandle::openDevice() Invalid device handle "
-                              "[0x%x] for [%s], errno [%d] throwing",
-                              static_cast<unsigned int>(fd), path.c_str(), err);
-        }
+        traceTo(m_traceLog, 2,
+                "ERROR: CScsiDeviceHandle::openDevice() Invalid device handle "
+                "[0x%x] for [%s], errno [%d] throwing",
+                static_cast<unsigned int>(fd), path.c_str(), err);
         if (noThrow) {
             return -1;
         }
         throw static_cast<int>(SCSI_STATUS_FAILED);
     } catch (...) {
-        if (m_traceLog) {
-            m_traceLog->trace(1,
-                              "ERROR: CScsiDeviceHandle::openDevice() caught unhandled exception.");
-        }
+        traceTo(m_traceLog, 1,
+                "ERROR: CScsiDeviceHandle::openDevice() caught unhandled exception.");
         throw static_cast<int>(SCSI_STATUS_FAILED);
     }
 }
@@ -147,18 +144,14 @@ int CScsiToolBase::UpdateStdInquiryString(CScsiDeviceHandle& handle, CScsiDevice
             if (CheckForDiskDevice(page->get()[0])) {
                 return SCSI_STATUS_OK;
             }
-            if (m_traceLog) {
-                m_traceLog->trace(2,
-                                  "WARNING: UpdateStdInquiryString SCSI check for disk device "
-                                  "error, device may have been removed.");
-            }
+            traceTo(m_traceLog, 2,
+                    "WARNING: UpdateStdInquiryString SCSI check for disk device "
+                    "error, device may have been removed.");
             return SCSI_STATUS_FAILED;
         }
-        if (m_traceLog) {
-            m_traceLog->trace(2,
-                              "WARNING: UpdateStdInquiryString invalid SCSI inq page size, device "
-                              "may have been removed.");
-        }
+        traceTo(m_traceLog, 2,
+                "WARNING: UpdateStdInquiryString invalid SCSI inq page size, device "
+                "may have been removed.");
         return SCSI_STATUS_FAILED;
     } catch (...) {
         throw static_cast<int>(SCSI_STATUS_FAILED);
@@ -180,17 +173,14 @@ int CScsiToolBase::UpdateSupportedModePageList(CScsiDeviceHandle& handle, CScsiD
             const unsigned char* bytes = page->get();
             unsigned int count = bytes[3];
             if (count != 0 && length >= count + 4) {
-                for (unsigned int i = 0; i < count; ++i) {
-                    device.m_supportedPages.push_back(bytes[4 + i]);
-                }
+                device.m_supportedPages.insert(device.m_supportedPages.end(), bytes + 4,
+                                               bytes + 4 + count);
             }
         }
         return SCSI_STATUS_OK;
     } catch (...) {
         device.m_pagesValid = 0;
-        if (m_traceLog) {
-            m_traceLog->trace(2, "UpdateSupportedModePageList: Unknown bus type");
-        }
+        traceTo(m_traceLog, 2, "UpdateSupportedModePageList: Unknown bus type");
         return SCSI_STATUS_FAILED;
     }
 }
@@ -239,21 +229,17 @@ int CScsiToolBase::UpdateDevice(CScsiDeviceData* device)
 {
     CScsiDeviceHandle handle(m_traceLog);
     if (device == nullptr) {
-        if (m_traceLog) {
-            m_traceLog->trace(2,
-                              "WARNING: CScsiToolBase::UpdateDevice() invalid SCSI device handle.");
-        }
+        traceTo(m_traceLog, 2,
+                "WARNING: CScsiToolBase::UpdateDevice() invalid SCSI device handle.");
         return SCSI_STATUS_FAILED;
     }
     device->m_operatingSystem = "Linux";
     try {
         if (UpdateStdInquiryString(handle, *device) != 0) {
-            if (m_traceLog) {
-                m_traceLog->trace(2,
-                                  "WARNING: CScsiToolBase::UpdateDevice() call to "
-                                  "UpdateStdInquiryString for device %s",
-                                  device->m_deviceName.c_str());
-            }
+            traceTo(m_traceLog, 2,
+                    "WARNING: CScsiToolBase::UpdateDevice() call to "
+                    "UpdateStdInquiryString for device %s",
+                    device->m_deviceName.c_str());
             return SCSI_STATUS_FAILED;
         }
         GetTargetLunPortInfo(handle, *device);
@@ -269,19 +255,13 @@ int CScsiToolBase::UpdateDevice(CScsiDeviceData* device)
             if (std::find(listed.begin(), listed.end(), code) == listed.end()) {
                 continue;
             }
-            if (m_traceLog) {
-                m_traceLog->trace(6, "CSciToolBase:UpdateModePageString for page[%d]...", code);
-            }
+            traceTo(m_traceLog, 6, "CSciToolBase:UpdateModePageString for page[%d]...", code);
             UpdateModePageString(handle, code, *device);
-            if (m_traceLog) {
-                m_traceLog->trace(6, "CSciToolBase:UpdateModePageString for page[%d] done", code);
-            }
+            traceTo(m_traceLog, 6, "CSciToolBase:UpdateModePageString for page[%d] done", code);
         }
         return SCSI_STATUS_OK;
     } catch (...) {
-        if (m_traceLog) {
-            m_traceLog->trace(2, "UpdateDevice: Exception Occurred");
-        }
+        traceTo(m_traceLog, 2, "UpdateDevice: Exception Occurred");
         return SCSI_STATUS_FAILED;
     }
 }

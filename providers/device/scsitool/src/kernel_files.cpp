@@ -1,0 +1,130 @@
+// The kernel's SCSI text files read for the tools, and the NetApp filer identity command.
+#include "kernel_files.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "discovery_common.h"
+#include "fi_scsi_ioctl.h"
+#include "fi_system.h"
+
+using kzfi_pdk_4_4::fiSystem;
+using scsitool_discovery::parseAddressLine;
+using scsitool_discovery::readLines;
+
+namespace {
+
+// The lines of a kernel file without their line ends; none when it does not open.
+std::vector<std::string> kernelFileLines(const char* path)
+{
+    FILE* file = fiSystem().fopen(path, "r");
+    std::vector<std::string> lines = file != nullptr ? readLines(file) : std::vector<std::string>();
+    for (std::string& line : lines) {
+        if (!line.empty() && line.back() == '\n') {
+            line.pop_back();
+        }
+    }
+    return lines;
+}
+
+// The `width` characters behind `label`, padded with blanks; all blanks without the label.
+std::string fieldAfter(const std::string& line, const std::string& label, size_t width)
+{
+    size_t at = line.find(label);
+    if (at == std::string::npos) {
+        return std::string(width, ' ');
+    }
+    std::string field = line.substr(at + label.size(), width);
+    return field + std::string(width - field.size(), ' ');
+}
+
+}  // namespace
+
+bool parsePartitionLine(const std::string& line, SPartitionRow& row)
+{
+    unsigned int major = 0;
+    unsigned int minor = 0;
+    char name[256];
+    if (std::sscanf(line.c_str(), "%u %u %llu %255s", &major, &minor, &row.blocks, name) != 4) {
+        return false;
+    }
+    row.name = name;
+    return true;
+}
+
+std::vector<SPartitionRow> readProcPartitions()
+{
+    std::vector<SPartitionRow> rows;
+    for (const std::string& line : kernelFileLines("/proc/partitions")) {
+        SPartitionRow row;
+        if (parsePartitionLine(line, row)) {
+            rows.push_back(row);
+        }
+    }
+    return rows;
+}
+
+std::vector<SListedScsiDisk> readProcScsiDisks()
+{
+    std::vector<SListedScsiDisk> disks;
+    SListedScsiDisk pending;
+    bool addressed = false;
+    for (const std::string& line : kernelFileLines("/proc/scsi/scsi")) {
+        SLinuxScsiDevice address;
+        if (parseAddressLine(line, address)) {
+            pending.address = address;
+            pending.inquiry.clear();
+            addressed = true;
+        } else if (addressed && line.find("Vendor:") != std::string::npos) {
+            std::string text = fieldAfter(line, "Vendor: ", 8) + fieldAfter(line, "Model: ", 16) +
+                               fieldAfter(line, "Rev: ", 4);
+            pending.inquiry.assign(36, 0);
+            std::copy(text.begin(), text.end(), pending.inquiry.begin() + 8);
+        } else if (addressed && line.find("Type:") != std::string::npos) {
+            unsigned int revision = 0;
+            size_t at = line.find("revision:");
+            bool disk =
+                line.find("Direct-Access ") != std::string::npos && !pending.inquiry.empty();
+            if (disk && at != std::string::npos &&
+                std::sscanf(line.c_str() + at, "revision: %x", &revision) == 1) {
+                pending.inquiry[2] = static_cast<unsigned char>(revision);
+            }
+            if (disk) {
+                pending.inquiry[3] = 2;
+                pending.inquiry[4] = 31;
+                disks.push_back(pending);
+            }
+            addressed = false;
+        }
+    }
+    return disks;
+}
+
+bool sendNetAppIdentityCommand(const std::string& node, std::vector<unsigned char>& answer,
+                               int& result)
+{
+    int fd = fiSystem().open(node.c_str(), O_RDONLY | O_NONBLOCK);
+    if (fd < 0) {
+        return false;
+    }
+    unsigned char cdb[10] = {0xC0, 0x00, 0x00, 0x0A, 0x98, 0x0A, 0x22, 0x10, 0x00, 0x00};
+    unsigned char sense[64] = {};
+    answer.assign(4096, 0);
+    sg_io_hdr_t request;
+    std::memset(&request, 0, sizeof(request));
+    request.interface_id = 'S';
+    request.dxfer_direction = SG_DXFER_FROM_DEV;
+    request.cmd_len = sizeof(cdb);
+    request.mx_sb_len = sizeof(sense);
+    request.dxfer_len = static_cast<unsigned int>(answer.size());
+    request.dxferp = answer.data();
+    request.cmdp = cdb;
+    request.sbp = sense;
+    request.timeout = 10;
+    result = fiSystem().ioctl(fd, SG_IO, &request);
+    fiSystem().close(fd);
+    return true;
+}
