@@ -1,0 +1,189 @@
+#include "compare.h"
+
+#include <nlohmann/json.hpp>
+
+#include "device_udid_factory.h"
+#include "errors.h"
+#include "progress.h"
+#include "simhost.h"
+
+namespace scsitool_cli {
+
+using ordered_json = nlohmann::ordered_json;
+typedef CDeviceMapCompare::Finding Finding;
+
+namespace {
+
+const CDeviceMapCompare::Kind kKinds[] = {
+    CDeviceMapCompare::Remapped, CDeviceMapCompare::IdentityChanged, CDeviceMapCompare::Moved,
+    CDeviceMapCompare::Added, CDeviceMapCompare::Removed};
+
+std::string joined(const std::vector<std::string>& items)
+{
+    std::string text;
+    for (const std::string& item : items) {
+        text += (text.empty() ? "" : ", ") + item;
+    }
+    return text;
+}
+
+ordered_json sideJson(const CDeviceMapCompare::Side& side)
+{
+    ordered_json object;
+    object["device_names"] = side.deviceNames;
+    object["addresses"] = side.addresses;
+    object["udid"] = side.udid;
+    return object;
+}
+
+std::string dumped(const ordered_json& value)
+{
+    return value.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace
+
+SHostMap loadHostMap(Session& session, const std::string& capture)
+{
+    if (capture == "-") {
+        ProgressLine progress("scanning devices");
+        return CDeviceMapCompare::describeHost(session.factory());
+    }
+    std::string error;
+    std::unique_ptr<simhost::SimHost> host = simhost::SimHost::fromFile(capture, error);
+    if (!host) {
+        // The loader's messages name the file already, except for its JSON errors.
+        throw CommandError(kExitBadInput, error.find(capture) != std::string::npos
+                                              ? error
+                                              : capture + ": " + error);
+    }
+    simhost::SimHostInstall install(*host);
+    return CDeviceMapCompare::describeHost(session.factory());
+}
+
+std::string runDiff(Session& session, const std::string& before, const std::string& after,
+                    bool json, bool& differ)
+{
+    const SHostMap first = loadHostMap(session, before);
+    const SHostMap second = loadHostMap(session, after);
+    const std::vector<Finding> findings = CDeviceMapCompare::compare(first, second);
+    differ = !findings.empty();
+    return json ? formatFindingsJson(findings) : formatFindingsTable(findings);
+}
+
+std::string runFleet(Session& session, const std::vector<std::string>& captures, bool json)
+{
+    if (captures.empty()) {
+        throw CommandError(kExitBadInput, "fleet: no captures given");
+    }
+    CFleetView fleet;
+    for (const std::string& capture : captures) {
+        if (capture == "-") {
+            throw CommandError(kExitBadInput, "fleet: takes capture files, not - (this host)");
+        }
+        SHostMap host = loadHostMap(session, capture);
+        if (host.hostName.empty()) {
+            host.hostName = capture;  // a capture whose host had no name is known by its file
+        }
+        fleet.addHost(host);
+    }
+    return json ? formatFleetJson(fleet) : formatFleetTable(fleet);
+}
+
+std::string formatFindingsTable(const std::vector<Finding>& findings)
+{
+    std::string text;
+    for (const Finding& finding : findings) {
+        const std::string kind = CDeviceMapCompare::kindName(finding.kind);
+        switch (finding.kind) {
+            case CDeviceMapCompare::Remapped:
+                text += kind + " " + finding.subject + ": " + finding.before.udid + " -> " +
+                        finding.after.udid + "\n";
+                break;
+            case CDeviceMapCompare::IdentityChanged:
+                text += kind + " " + finding.subject + ": " + finding.before.udid + " -> " +
+                        finding.after.udid + " on " + joined(finding.after.deviceNames) + "\n";
+                break;
+            case CDeviceMapCompare::Moved:
+                text += kind + " " + finding.subject + ": " + joined(finding.before.deviceNames) +
+                        " -> " + joined(finding.after.deviceNames) + "\n";
+                break;
+            case CDeviceMapCompare::Added:
+                text += kind + " " + finding.subject + " on " + joined(finding.after.deviceNames) +
+                        "\n";
+                break;
+            case CDeviceMapCompare::Removed:
+                text += kind + " " + finding.subject + " on " + joined(finding.before.deviceNames) +
+                        "\n";
+                break;
+        }
+    }
+    return text;
+}
+
+std::string formatFindingsJson(const std::vector<Finding>& findings)
+{
+    ordered_json object = ordered_json::object();
+    for (CDeviceMapCompare::Kind kind : kKinds) {
+        ordered_json entries = ordered_json::array();
+        for (const Finding& finding : findings) {
+            if (finding.kind == kind) {
+                ordered_json entry;
+                entry["subject"] = finding.subject;
+                entry["before"] = sideJson(finding.before);
+                entry["after"] = sideJson(finding.after);
+                entries.push_back(entry);
+            }
+        }
+        object[CDeviceMapCompare::kindName(kind)] = entries;
+    }
+    return dumped(object);
+}
+
+std::string formatFleetTable(const CFleetView& fleet)
+{
+    std::string text;
+    for (const CFleetView::SharedVolume& volume : fleet.sharedVolumes()) {
+        text += volume.udid + "\n";
+        for (const CFleetView::Sighting& sighting : volume.sightings) {
+            text += "  " + sighting.host + ": " + joined(sighting.deviceNames) + "\n";
+        }
+    }
+    for (const CFleetView::Conflict& conflict : fleet.conflicts()) {
+        text += "conflict " + conflict.volumeKey + ":";
+        std::string separator = " ";
+        for (const auto& entry : conflict.hostsByUdid) {
+            text += separator + entry.first + " on " + joined(entry.second);
+            separator = "; ";
+        }
+        text += "\n";
+    }
+    return text;
+}
+
+std::string formatFleetJson(const CFleetView& fleet)
+{
+    ordered_json shared = ordered_json::array();
+    for (const CFleetView::SharedVolume& volume : fleet.sharedVolumes()) {
+        ordered_json hosts = ordered_json::array();
+        for (const CFleetView::Sighting& sighting : volume.sightings) {
+            hosts.push_back({{"host", sighting.host}, {"device_names", sighting.deviceNames}});
+        }
+        shared.push_back({{"udid", volume.udid}, {"hosts", hosts}});
+    }
+    ordered_json conflicts = ordered_json::array();
+    for (const CFleetView::Conflict& conflict : fleet.conflicts()) {
+        ordered_json udids = ordered_json::array();
+        for (const auto& entry : conflict.hostsByUdid) {
+            udids.push_back({{"udid", entry.first}, {"hosts", entry.second}});
+        }
+        conflicts.push_back({{"volume", conflict.volumeKey}, {"udids", udids}});
+    }
+    ordered_json object;
+    object["hosts"] = fleet.hosts();
+    object["shared"] = shared;
+    object["conflicts"] = conflicts;
+    return dumped(object);
+}
+
+}  // namespace scsitool_cli
