@@ -41,14 +41,9 @@ std::string dumped(const ordered_json& value)
     return value.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
 }
 
-}  // namespace
-
-SHostMap loadHostMap(Session& session, const std::string& capture)
+// The capture replayed on the simulated host; exit 2 with the loader's message when it is not one.
+std::unique_ptr<simhost::SimHost> loadCapture(const std::string& capture)
 {
-    if (capture == "-") {
-        ProgressLine progress("scanning devices");
-        return CDeviceMapCompare::describeHost(session.factory());
-    }
     std::string error;
     std::unique_ptr<simhost::SimHost> host = simhost::SimHost::fromFile(capture, error);
     if (!host) {
@@ -57,9 +52,40 @@ SHostMap loadHostMap(Session& session, const std::string& capture)
                                               ? error
                                               : capture + ": " + error);
     }
+    return host;
+}
+
+}  // namespace
+
+SHostMap loadHostMap(Session& session, const std::string& capture)
+{
+    if (capture == "-") {
+        ProgressLine progress("scanning devices");
+        return CDeviceMapCompare::describeHost(session.factory());
+    }
+    std::unique_ptr<simhost::SimHost> host = loadCapture(capture);
     simhost::SimHostInstall install(*host);
     return CDeviceMapCompare::describeHost(session.factory());
 }
+
+namespace {
+
+// A capture's native disks as fleet reads them: the disks the kernel lists, queried one by one.
+SHostMap loadFleetHost(Session& session, const std::string& capture)
+{
+    std::unique_ptr<simhost::SimHost> host = loadCapture(capture);
+    std::vector<std::string> disks;
+    for (const simhost::SimDevice& device : host->devices()) {
+        if (device.state != simhost::DeviceState::Latent &&
+            device.state != simhost::DeviceState::Removed) {
+            disks.push_back("/dev/" + device.name);
+        }
+    }
+    simhost::SimHostInstall install(*host);
+    return CDeviceMapCompare::describeDisks(session.factory(), disks);
+}
+
+}  // namespace
 
 std::string runDiff(Session& session, const std::string& before, const std::string& after,
                     bool json, bool& differ)
@@ -81,7 +107,7 @@ std::string runFleet(Session& session, const std::vector<std::string>& captures,
         if (capture == "-") {
             throw CommandError(kExitBadInput, "fleet: takes capture files, not - (this host)");
         }
-        SHostMap host = loadHostMap(session, capture);
+        SHostMap host = loadFleetHost(session, capture);
         if (host.hostName.empty()) {
             host.hostName = capture;  // a capture whose host had no name is known by its file
         }

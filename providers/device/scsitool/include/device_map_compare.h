@@ -55,6 +55,10 @@ public:
     // The device map of the installed host, computed as enumerateDeviceMap(false, false, false)
     // does, with each entry's address and volume key.
     static SHostMap describeHost(CUDIDFactory& factory);
+    // The entries the map holds for these native disks ("/dev/sdc"), each queried on its own the
+    // way the map validates one device: the same UDIDs at half the cost of an enumeration, but
+    // without the multipath and PowerPath pseudo-devices that front them.
+    static SHostMap describeDisks(CUDIDFactory& factory, const std::vector<std::string>& disks);
     // The same from records already queried (the factory computes the UDIDs and deletes them).
     static SHostMap describeRecords(CUDIDFactory& factory, std::vector<CScsiDeviceData*>& records,
                                     const std::string& hostName);

@@ -114,6 +114,16 @@ bool isHostLocal(const std::string& udid, const std::string& deviceName,
            udid.compare(udid.size() - tail.size(), tail.size(), tail) == 0;
 }
 
+// The name the default generator puts into host-local UDIDs ("" when there is none).
+std::string installedHostName()
+{
+    char host[512] = {};
+    if (kzfi_pdk_4_4::fiSystem().gethostname(host, sizeof host - 1) == 0) {
+        return host;
+    }
+    return std::string();
+}
+
 typedef CDeviceMapCompare::Side Side;
 
 // The entries of one map grouped by UDID (empty UDIDs left out).
@@ -182,12 +192,18 @@ std::string CDeviceMapCompare::volumeKey(const CScsiDeviceData& record)
 SHostMap CDeviceMapCompare::describeHost(CUDIDFactory& factory)
 {
     std::vector<CScsiDeviceData*> records = factory.m_discovery.rescan(false, false, false);
-    char host[512] = {};
-    std::string hostName;
-    if (kzfi_pdk_4_4::fiSystem().gethostname(host, sizeof host - 1) == 0) {
-        hostName = host;
+    return describeRecords(factory, records, installedHostName());
+}
+
+SHostMap CDeviceMapCompare::describeDisks(CUDIDFactory& factory,
+                                          const std::vector<std::string>& disks)
+{
+    std::vector<CScsiDeviceData*> records;
+    for (const std::string& disk : disks) {
+        std::vector<CScsiDeviceData*> found = factory.m_discovery.validateDevice(disk);
+        records.insert(records.end(), found.begin(), found.end());
     }
-    return describeRecords(factory, records, hostName);
+    return describeRecords(factory, records, installedHostName());
 }
 
 SHostMap CDeviceMapCompare::describeRecords(CUDIDFactory& factory,
