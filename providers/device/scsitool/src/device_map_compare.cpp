@@ -89,7 +89,12 @@ std::string serialKey(const CScsiDeviceData& record)
 
 bool isPseudoDevice(const std::string& name)
 {
-    return name.compare(0, 12, "/dev/mapper/") == 0 || name.compare(0, 12, "/dev/emcpower") == 0;
+    for (const char* prefix : {"/dev/mapper/", "/dev/emcpower"}) {
+        if (name.compare(0, std::char_traits<char>::length(prefix), prefix) == 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 std::string addressOf(const CScsiDeviceData& record)
@@ -154,6 +159,33 @@ std::map<std::string, const SMapVolume*> index(const SHostMap& map, std::string 
         }
     }
     return result;
+}
+
+// A name that has a host-local UDID on both sides tells nothing about a volume: the UDIDs differ
+// as soon as the host name does. Such entries take no part in the comparison.
+void dropHostLocalPairs(SHostMap& before, SHostMap& after)
+{
+    std::set<std::string> localBefore;
+    for (const SMapVolume& volume : before.volumes) {
+        if (volume.hostLocal) {
+            localBefore.insert(volume.deviceName);
+        }
+    }
+    std::set<std::string> pairs;
+    for (const SMapVolume& volume : after.volumes) {
+        if (volume.hostLocal && localBefore.count(volume.deviceName) != 0) {
+            pairs.insert(volume.deviceName);
+        }
+    }
+    for (SHostMap* map : {&before, &after}) {
+        std::vector<SMapVolume>& volumes = map->volumes;
+        volumes.erase(std::remove_if(volumes.begin(), volumes.end(),
+                                     [&](const SMapVolume& volume) {
+                                         return volume.hostLocal &&
+                                                pairs.count(volume.deviceName) != 0;
+                                     }),
+                      volumes.end());
+    }
 }
 
 Side sideOf(const std::map<std::string, Side>& groups, const std::string& udid)
@@ -231,9 +263,12 @@ SHostMap CDeviceMapCompare::describeRecords(CUDIDFactory& factory,
     return result;
 }
 
-std::vector<CDeviceMapCompare::Finding> CDeviceMapCompare::compare(const SHostMap& before,
-                                                                   const SHostMap& after)
+std::vector<CDeviceMapCompare::Finding> CDeviceMapCompare::compare(const SHostMap& fullBefore,
+                                                                   const SHostMap& fullAfter)
 {
+    SHostMap before = fullBefore;
+    SHostMap after = fullAfter;
+    dropHostLocalPairs(before, after);
     const std::map<std::string, Side> udidsBefore = byUdid(before);
     const std::map<std::string, Side> udidsAfter = byUdid(after);
     std::vector<Finding> findings;
