@@ -287,7 +287,7 @@ TEST(FleetView, SharedVolumesAndOneVolumeUnderTwoUdids)
     }
     EXPECT_EQ(fleet.hosts(), 3u);
     std::vector<std::string> shared;
-    for (const CFleetView::SharedVolume& volume : fleet.sharedVolumes()) {
+    fleet.visitShared([&](const CFleetView::SharedVolume& volume) {
         std::string line = volume.udid;
         for (const CFleetView::Sighting& sighting : volume.sightings) {
             line += " " + sighting.host + "=";
@@ -296,7 +296,7 @@ TEST(FleetView, SharedVolumesAndOneVolumeUnderTwoUdids)
             }
         }
         shared.push_back(line);
-    }
+    });
     EXPECT_EQ(
         shared,
         (std::vector<std::string>{"UDID##A node1=/dev/mapper/mpatha;/dev/sdb; node2=/dev/sdx;"}));

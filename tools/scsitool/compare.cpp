@@ -1,5 +1,6 @@
 #include "compare.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "device_udid_factory.h"
@@ -161,7 +162,9 @@ std::string formatFindingsJson(const std::vector<Finding>& findings)
                 entries.push_back(entry);
             }
         }
-        object[CDeviceMapCompare::kindName(kind)] = entries;
+        std::string key = CDeviceMapCompare::kindName(kind);
+        std::replace(key.begin(), key.end(), '-', '_');
+        object[key] = entries;
     }
     return dumped(object);
 }
@@ -169,12 +172,12 @@ std::string formatFindingsJson(const std::vector<Finding>& findings)
 std::string formatFleetTable(const CFleetView& fleet)
 {
     std::string text;
-    for (const CFleetView::SharedVolume& volume : fleet.sharedVolumes()) {
+    fleet.visitShared([&](const CFleetView::SharedVolume& volume) {
         text += volume.udid + "\n";
         for (const CFleetView::Sighting& sighting : volume.sightings) {
             text += "  " + sighting.host + ": " + joined(sighting.deviceNames) + "\n";
         }
-    }
+    });
     for (const CFleetView::Conflict& conflict : fleet.conflicts()) {
         text += "conflict " + conflict.volumeKey + ":";
         std::string separator = " ";
@@ -187,29 +190,58 @@ std::string formatFleetTable(const CFleetView& fleet)
     return text;
 }
 
+namespace {
+
+// `items` as the body of a JSON array indented by `indent`, each written as it comes: a fleet's
+// document would take many times the memory of its text.
+std::string arrayText(const std::vector<std::string>& items, const std::string& indent)
+{
+    if (items.empty()) {
+        return "[]";
+    }
+    std::string text = "[\n";
+    for (size_t i = 0; i < items.size(); ++i) {
+        text += indent + "  " + items[i] + (i + 1 < items.size() ? ",\n" : "\n");
+    }
+    return text + indent + "]";
+}
+
+// One element of a top-level array: dumped on its own, indented to its place.
+std::string elementText(const ordered_json& element)
+{
+    std::string text;
+    for (char c : element.dump(2, ' ', false, ordered_json::error_handler_t::replace)) {
+        text += c;
+        if (c == '\n') {
+            text += "    ";
+        }
+    }
+    return text;
+}
+
+}  // namespace
+
 std::string formatFleetJson(const CFleetView& fleet)
 {
-    ordered_json shared = ordered_json::array();
-    for (const CFleetView::SharedVolume& volume : fleet.sharedVolumes()) {
+    std::vector<std::string> shared;
+    fleet.visitShared([&](const CFleetView::SharedVolume& volume) {
         ordered_json hosts = ordered_json::array();
         for (const CFleetView::Sighting& sighting : volume.sightings) {
             hosts.push_back({{"host", sighting.host}, {"device_names", sighting.deviceNames}});
         }
-        shared.push_back({{"udid", volume.udid}, {"hosts", hosts}});
-    }
-    ordered_json conflicts = ordered_json::array();
+        shared.push_back(elementText({{"udid", volume.udid}, {"hosts", hosts}}));
+    });
+    std::vector<std::string> conflicts;
     for (const CFleetView::Conflict& conflict : fleet.conflicts()) {
         ordered_json udids = ordered_json::array();
         for (const auto& entry : conflict.hostsByUdid) {
             udids.push_back({{"udid", entry.first}, {"hosts", entry.second}});
         }
-        conflicts.push_back({{"volume", conflict.volumeKey}, {"udids", udids}});
+        conflicts.push_back(elementText({{"volume", conflict.volumeKey}, {"udids", udids}}));
     }
-    ordered_json object;
-    object["hosts"] = fleet.hosts();
-    object["shared"] = shared;
-    object["conflicts"] = conflicts;
-    return dumped(object);
+    return "{\n  \"hosts\": " + std::to_string(fleet.hosts()) +
+           ",\n  \"shared\": " + arrayText(shared, "  ") +
+           ",\n  \"conflicts\": " + arrayText(conflicts, "  ") + "\n}\n";
 }
 
 }  // namespace scsitool_cli

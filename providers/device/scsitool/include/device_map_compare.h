@@ -4,6 +4,7 @@
 #ifndef SCSITOOL_DEVICE_MAP_COMPARE_H
 #define SCSITOOL_DEVICE_MAP_COMPARE_H
 
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -78,8 +79,8 @@ public:
         std::vector<std::string> deviceNames;
     };
     struct SharedVolume {
-        std::string udid;
-        std::vector<Sighting> sightings;  // one per host, in the order hosts were added
+        const std::string& udid;
+        const std::vector<Sighting>& sightings;  // one per host, in the order hosts were added
     };
     // One volume that hosts name by different UDIDs.
     struct Conflict {
@@ -90,8 +91,8 @@ public:
     // Host-local and empty UDIDs are left out.
     void addHost(const SHostMap& host);
     size_t hosts() const { return m_hosts; }
-    // UDIDs seen on more than one host, in UDID order.
-    std::vector<SharedVolume> sharedVolumes() const;
+    // Hands each UDID seen on more than one host to `visit`, in UDID order; nothing is copied.
+    void visitShared(const std::function<void(const SharedVolume&)>& visit) const;
     // Volume keys seen under more than one UDID, in key order.
     std::vector<Conflict> conflicts() const;
 

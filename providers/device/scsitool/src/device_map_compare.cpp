@@ -350,9 +350,8 @@ void CFleetView::addHost(const SHostMap& host)
     }
 }
 
-std::vector<CFleetView::SharedVolume> CFleetView::sharedVolumes() const
+void CFleetView::visitShared(const std::function<void(const SharedVolume&)>& visit) const
 {
-    std::vector<SharedVolume> shared;
     for (const auto& entry : m_byUdid) {
         const std::vector<Sighting>& sightings = entry.second;
         // Two captures of one host share nothing with each other.
@@ -360,10 +359,9 @@ std::vector<CFleetView::SharedVolume> CFleetView::sharedVolumes() const
             sightings.begin(), sightings.end(),
             [&](const Sighting& sighting) { return sighting.host != sightings.front().host; });
         if (elsewhere) {
-            shared.push_back(SharedVolume{entry.first, sightings});
+            visit(SharedVolume{entry.first, sightings});
         }
     }
-    return shared;
 }
 
 std::vector<CFleetView::Conflict> CFleetView::conflicts() const
