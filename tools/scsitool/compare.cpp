@@ -192,56 +192,50 @@ std::string formatFleetTable(const CFleetView& fleet)
 
 namespace {
 
-// `items` as the body of a JSON array indented by `indent`, each written as it comes: a fleet's
-// document would take many times the memory of its text.
-std::string arrayText(const std::vector<std::string>& items, const std::string& indent)
+// One element of a top-level array, dumped on its own and indented to its place, appended to the
+// text: the whole document of a large fleet would take many times the memory of its text.
+void appendElement(std::string& text, bool& first, const ordered_json& element)
 {
-    if (items.empty()) {
-        return "[]";
-    }
-    std::string text = "[\n";
-    for (size_t i = 0; i < items.size(); ++i) {
-        text += indent + "  " + items[i] + (i + 1 < items.size() ? ",\n" : "\n");
-    }
-    return text + indent + "]";
-}
-
-// One element of a top-level array: dumped on its own, indented to its place.
-std::string elementText(const ordered_json& element)
-{
-    std::string text;
+    text += first ? "\n    " : ",\n    ";
+    first = false;
     for (char c : element.dump(2, ' ', false, ordered_json::error_handler_t::replace)) {
         text += c;
         if (c == '\n') {
             text += "    ";
         }
     }
-    return text;
+}
+
+void closeArray(std::string& text, bool empty)
+{
+    text += empty ? "]" : "\n  ]";
 }
 
 }  // namespace
 
 std::string formatFleetJson(const CFleetView& fleet)
 {
-    std::vector<std::string> shared;
+    std::string text = "{\n  \"hosts\": " + std::to_string(fleet.hosts()) + ",\n  \"shared\": [";
+    bool first = true;
     fleet.visitShared([&](const CFleetView::SharedVolume& volume) {
         ordered_json hosts = ordered_json::array();
         for (const CFleetView::Sighting& sighting : volume.sightings) {
             hosts.push_back({{"host", sighting.host}, {"device_names", sighting.deviceNames}});
         }
-        shared.push_back(elementText({{"udid", volume.udid}, {"hosts", hosts}}));
+        appendElement(text, first, {{"udid", volume.udid}, {"hosts", hosts}});
     });
-    std::vector<std::string> conflicts;
+    closeArray(text, first);
+    text += ",\n  \"conflicts\": [";
+    first = true;
     for (const CFleetView::Conflict& conflict : fleet.conflicts()) {
         ordered_json udids = ordered_json::array();
         for (const auto& entry : conflict.hostsByUdid) {
             udids.push_back({{"udid", entry.first}, {"hosts", entry.second}});
         }
-        conflicts.push_back(elementText({{"volume", conflict.volumeKey}, {"udids", udids}}));
+        appendElement(text, first, {{"volume", conflict.volumeKey}, {"udids", udids}});
     }
-    return "{\n  \"hosts\": " + std::to_string(fleet.hosts()) +
-           ",\n  \"shared\": " + arrayText(shared, "  ") +
-           ",\n  \"conflicts\": " + arrayText(conflicts, "  ") + "\n}\n";
+    closeArray(text, first);
+    return text + "\n}\n";
 }
 
 }  // namespace scsitool_cli
