@@ -355,6 +355,9 @@ TEST(CommandErrors, OneLineOnStderrTheExitCodeAndNothingOnStdout)
     writeFile(dir.file("dead.json"), snapshotWith(R"({"name": "sda", "address": [0, 0, 0, 0],
         "state": "unresponsive", "inquiry": ")" + inquiryHex("ACME", "DISK") +
                                                   R"(", "vpd": {}})"));
+    std::string format2 = snapshotWith("");
+    format2.replace(format2.find("\"format\": 1"), 11, "\"format\": 2");
+    writeFile(dir.file("format2.json"), format2);
     const std::string missing = dir.file("missing.json");
     struct Case {
         std::vector<std::string> args;
@@ -384,6 +387,7 @@ TEST(CommandErrors, OneLineOnStderrTheExitCodeAndNothingOnStdout)
         {{"diff", kDatacenter}, 1, "scsitool: BEFORE AFTER: At least 2 required but received 1\n"},
         {{"diff", kDatacenter, missing}, 2, "scsitool: cannot read " + missing + ": No such file or directory\n"},
         {{"diff", dir.file("broken.json"), kDatacenter}, 2, "scsitool: " + dir.file("broken.json") + ": not JSON: parse error at line 1, column 27: syntax error while parsing value - unexpected end of input; expected '[', '{', or a literal\n"},
+        {{"diff", kDatacenter, dir.file("format2.json")}, 2, "scsitool: " + dir.file("format2.json") + ": format: unsupported format 2 (expected 1)\n"},
         {{"fleet"}, 2, "scsitool: fleet: no captures given\n"},
         {{"fleet", kDatacenter, "-"}, 2, "scsitool: fleet: takes capture files, not - (this host)\n"},
         {{"fleet", kDatacenter, dir.file("badhex.json")}, 2, "scsitool: " + dir.file("badhex.json") + ": devices[0].inquiry: not hexadecimal\n"},
