@@ -79,7 +79,7 @@ SHostMap loadFleetHost(Session& session, const std::string& capture)
     for (const simhost::SimDevice& device : host->devices()) {
         if (device.state != simhost::DeviceState::Latent &&
             device.state != simhost::DeviceState::Removed) {
-            disks.push_back("/dev/" + device.name);
+            disks.push_back(device.name);
         }
     }
     simhost::SimHostInstall install(*host);

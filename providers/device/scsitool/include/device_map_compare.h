@@ -56,17 +56,19 @@ public:
     // The device map of the installed host, computed as enumerateDeviceMap(false, false, false)
     // does, with each entry's address and volume key.
     static SHostMap describeHost(CUDIDFactory& factory);
-    // The entries the map holds for these native disks ("/dev/sdc"), each queried on its own the
-    // way the map validates one device: the same UDIDs at half the cost of an enumeration, but
-    // without the multipath and PowerPath pseudo-devices that front them.
-    static SHostMap describeDisks(CUDIDFactory& factory, const std::vector<std::string>& disks);
+    // The entries the map holds for the whole sd disks among these kernel names ("sdc"; others
+    // are left out as the map leaves them out), each queried on its own the way the map validates
+    // one device: the same UDIDs at half the cost of an enumeration, but without the multipath
+    // and PowerPath pseudo-devices that front them.
+    static SHostMap describeDisks(CUDIDFactory& factory, const std::vector<std::string>& names);
     // The same from records already queried (the factory computes the UDIDs and deletes them).
     static SHostMap describeRecords(CUDIDFactory& factory, std::vector<CScsiDeviceData*>& records,
                                     const std::string& hostName);
 
     // The findings from `before` to `after`, remapped first, then identity-changed, moved, added
     // and removed, each kind in the order of its subject. A UDID that a remap or an identity
-    // change accounts for is not reported again as added or removed.
+    // change accounts for is not reported again as added or removed. A name that has a host-local
+    // UDID on both sides is left out: those UDIDs differ whenever the host names do.
     static std::vector<Finding> compare(const SHostMap& before, const SHostMap& after);
 };
 

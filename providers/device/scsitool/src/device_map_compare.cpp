@@ -228,11 +228,14 @@ SHostMap CDeviceMapCompare::describeHost(CUDIDFactory& factory)
 }
 
 SHostMap CDeviceMapCompare::describeDisks(CUDIDFactory& factory,
-                                          const std::vector<std::string>& disks)
+                                          const std::vector<std::string>& names)
 {
     std::vector<CScsiDeviceData*> records;
-    for (const std::string& disk : disks) {
-        std::vector<CScsiDeviceData*> found = factory.m_discovery.validateDevice(disk);
+    for (const std::string& name : names) {
+        if (name.empty() || !factory.m_discovery.IsValidDeviceName(name)) {
+            continue;
+        }
+        std::vector<CScsiDeviceData*> found = factory.m_discovery.validateDevice("/dev/" + name);
         records.insert(records.end(), found.begin(), found.end());
     }
     return describeRecords(factory, records, installedHostName());
