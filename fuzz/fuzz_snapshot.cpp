@@ -1,15 +1,20 @@
 // The host snapshot loader and the "devicefi" configuration reader over arbitrary text. A
 // snapshot that loads must write itself back into a snapshot that loads to the same text; the
-// configuration reader must leave the defaults or take whole numbers, never fail outwardly.
+// configuration reader must leave the defaults or take whole numbers, never fail outwardly. The
+// device map of a snapshot that loads, compared with itself, shows no finding; compared with an
+// empty map, each of its UDIDs is removed and nothing else is reported.
 #include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <set>
 #include <string>
 
+#include "device_map_compare.h"
 #include "device_scsi_data.h"
+#include "device_udid_factory.h"
 #include "fi_configuration.h"
 #include "simhost.h"
 
@@ -25,6 +30,39 @@ const std::string& configPath()
 void removeConfig()
 {
     unlink(configPath().c_str());
+}
+
+void checkComparison(simhost::SimHost& host)
+{
+    static CUDIDFactory* factory = new CUDIDFactory();
+    SHostMap map;
+    {
+        simhost::SimHostInstall install(host);
+        map = CDeviceMapCompare::describeHost(*factory);
+    }
+    if (!CDeviceMapCompare::compare(map, map).empty()) {
+        fprintf(stderr, "a device map differs from itself\n");
+        abort();
+    }
+    std::set<std::string> udids;
+    for (const SMapVolume& volume : map.volumes) {
+        if (!volume.udid.empty()) {
+            udids.insert(volume.udid);
+        }
+    }
+    const std::vector<CDeviceMapCompare::Finding> findings =
+        CDeviceMapCompare::compare(map, SHostMap());
+    for (const CDeviceMapCompare::Finding& finding : findings) {
+        if (finding.kind != CDeviceMapCompare::Removed || udids.erase(finding.subject) != 1) {
+            fprintf(stderr, "against an empty map: %s %s\n",
+                    CDeviceMapCompare::kindName(finding.kind), finding.subject.c_str());
+            abort();
+        }
+    }
+    if (!udids.empty()) {
+        fprintf(stderr, "against an empty map: %s not removed\n", udids.begin()->c_str());
+        abort();
+    }
 }
 
 }  // namespace
@@ -55,6 +93,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             fprintf(stderr, "a snapshot changed on its way round:\n%s\n", written.c_str());
             abort();
         }
+        checkComparison(*host);
     } else if (error.empty()) {
         fprintf(stderr, "a snapshot was rejected without a message\n");
         abort();

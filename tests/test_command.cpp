@@ -361,6 +361,9 @@ TEST(CommandErrors, OneLineOnStderrTheExitCodeAndNothingOnStdout)
     writeFile(dir.file("dead.json"), snapshotWith(R"({"name": "sda", "address": [0, 0, 0, 0],
         "state": "unresponsive", "inquiry": ")" + inquiryHex("ACME", "DISK") +
                                                   R"(", "vpd": {}})"));
+    std::string format2 = snapshotWith("");
+    format2.replace(format2.find("\"format\": 1"), 11, "\"format\": 2");
+    writeFile(dir.file("format2.json"), format2);
     const std::string missing = dir.file("missing.json");
     struct Case {
         std::vector<std::string> args;
@@ -370,7 +373,7 @@ TEST(CommandErrors, OneLineOnStderrTheExitCodeAndNothingOnStdout)
     const std::string none = dir.file("no/such/dir");
     // clang-format off
     const Case cases[] = {
-        {{}, 1, "scsitool: a subcommand is required: map, udid, show, initiators or capture\n"},
+        {{}, 1, "scsitool: a subcommand is required: map, udid, show, initiators, capture, diff or fleet\n"},
         {{"mpa"}, 1, "scsitool: The following argument was not expected: mpa\n"},
         {{"map", "--bogus"}, 1, "scsitool: The following argument was not expected: --bogus\n"},
         {{"udid"}, 1, "scsitool: DEVICE is required\n"},
@@ -387,6 +390,13 @@ TEST(CommandErrors, OneLineOnStderrTheExitCodeAndNothingOnStdout)
         {{"--host", kDatacenter, "show", "/dev/sdzz"}, 3, "scsitool: /dev/sdzz: device not found\n"},
         {{"--host", dir.file("dead.json"), "show", "sda"}, 3, "scsitool: /dev/sda: the device does not answer as a disk\n"},
         {{"--config", dir.file("good.ini"), "--host", dir.file("dead.json"), "map"}, 0, ""},
+        {{"diff", kDatacenter}, 1, "scsitool: BEFORE AFTER: At least 2 required but received 1\n"},
+        {{"diff", kDatacenter, missing}, 2, "scsitool: cannot read " + missing + ": No such file or directory\n"},
+        {{"diff", dir.file("broken.json"), kDatacenter}, 2, "scsitool: " + dir.file("broken.json") + ": not JSON: parse error at line 1, column 27: syntax error while parsing value - unexpected end of input; expected '[', '{', or a literal\n"},
+        {{"diff", kDatacenter, dir.file("format2.json")}, 2, "scsitool: " + dir.file("format2.json") + ": format: unsupported format 2 (expected 1)\n"},
+        {{"fleet"}, 2, "scsitool: fleet: no captures given\n"},
+        {{"fleet", kDatacenter, "-"}, 2, "scsitool: fleet: takes capture files, not - (this host)\n"},
+        {{"fleet", kDatacenter, dir.file("badhex.json")}, 2, "scsitool: " + dir.file("badhex.json") + ": devices[0].inquiry: not hexadecimal\n"},
     };
     // clang-format on
     for (const Case& c : cases) {
@@ -448,4 +458,41 @@ TEST(CommandCapture, ARescanOfTheReplayFindsWhatTheHostWouldFind)
         EXPECT_EQ(replayed.status, 0) << host;
         EXPECT_EQ(replayed.out, expected.out) << host;
     }
+}
+
+TEST(CommandDiff, FindingsOfTheLaterDatacenterAndTheExitCode)
+{
+    const std::string later = kExamples + "datacenter-later.json";
+    Result same = run({"diff", kDatacenter, kDatacenter});
+    EXPECT_EQ(same.status, 0) << same.err;
+    EXPECT_EQ(same.out, "");
+    Result text = run({"diff", kDatacenter, later});
+    EXPECT_EQ(text.status, 5) << text.err;
+    EXPECT_EQ(text.err, "");
+    expectGolden("datacenter-later.diff.txt", text.out);
+    Result json = run({"diff", "--json", kDatacenter, later});
+    EXPECT_EQ(json.status, 5) << json.err;
+    nlohmann::json findings = parseJson(json.out);
+    ASSERT_TRUE(findings.is_object()) << json.out;
+    for (const char* kind : {"remapped", "identity_changed", "moved", "added", "removed"}) {
+        ASSERT_EQ(findings[kind].size(), 1u) << kind;
+    }
+    EXPECT_EQ(findings["remapped"][0]["before"]["addresses"], nlohmann::json::array({"3:0:1:0"}));
+    EXPECT_EQ(findings["moved"][0]["after"]["device_names"], nlohmann::json::array({"/dev/sdr"}));
+    EXPECT_EQ(findings["added"][0]["before"]["udid"], "");
+}
+
+TEST(CommandFleet, SharedVolumesAndConflictsOfTwoHosts)
+{
+    Result text = run({"fleet", kDatacenter, kExamples + "dbhost02.json"});
+    EXPECT_EQ(text.status, 0) << text.err;
+    expectGolden("fleet.txt", text.out);
+    Result json = run({"fleet", "--json", kDatacenter, kExamples + "dbhost02.json"});
+    EXPECT_EQ(json.status, 0) << json.err;
+    nlohmann::json fleet = parseJson(json.out);
+    EXPECT_EQ(fleet["hosts"], 2);
+    EXPECT_EQ(fleet["shared"].size(), 3u);
+    ASSERT_EQ(fleet["conflicts"].size(), 1u);
+    EXPECT_EQ(fleet["conflicts"][0]["udids"][1]["hosts"],
+              nlohmann::json::array({"dbhost02.example.com"}));
 }

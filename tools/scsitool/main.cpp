@@ -4,8 +4,10 @@
 #include <cstdio>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "commands.h"
+#include "compare.h"
 #include "errors.h"
 #include "session.h"
 
@@ -19,7 +21,8 @@ const char* const kFooter =
     "  1  usage: a bad option or argument\n"
     "  2  bad input: a snapshot, configuration, trace or output file that cannot be used\n"
     "  3  device not found, or it does not answer\n"
-    "  4  the library failed unexpectedly";
+    "  4  the library failed unexpectedly\n"
+    "  5  diff: the two device maps differ";
 
 // One line on stderr, whatever the message held.
 void reportError(const std::string& message)
@@ -89,6 +92,20 @@ int main(int argc, char** argv)
         ->required()
         ->type_name("FILE");
 
+    std::vector<std::string> sides;
+    bool compareJson = false;
+    CLI::App* diff = app.add_subcommand(
+        "diff", "what changed between two device maps: remapped names, new identities, moves");
+    diff->add_option("BEFORE AFTER", sides, "two captures (- for this host now)")
+        ->required()
+        ->expected(2);
+    diff->add_flag("--json", compareJson, "a JSON object, one array per kind of finding");
+
+    std::vector<std::string> captures;
+    CLI::App* fleet = app.add_subcommand("fleet", "the volumes that several captured hosts share");
+    fleet->add_option("CAPTURE", captures, "captures of the hosts")->type_name("FILE");
+    fleet->add_flag("--json", compareJson, "a JSON object");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -99,13 +116,15 @@ int main(int argc, char** argv)
         return kExitUsage;
     }
     if (app.get_subcommands().empty()) {
-        reportError("a subcommand is required: map, udid, show, initiators or capture");
+        reportError(
+            "a subcommand is required: map, udid, show, initiators, capture, diff or fleet");
         return kExitUsage;
     }
 
     try {
         Session session(global);
         std::string output;
+        int exitCode = kExitSuccess;
         if (map->parsed()) {
             output = runMap(session, mapOptions);
         } else if (udid->parsed()) {
@@ -116,9 +135,15 @@ int main(int argc, char** argv)
             output = runInitiators(session, initiatorsJson);
         } else if (capture->parsed()) {
             output = runCapture(session, captureFile);
+        } else if (diff->parsed()) {
+            bool differ = false;
+            output = runDiff(session, sides[0], sides[1], compareJson, differ);
+            exitCode = differ ? kExitDiffer : kExitSuccess;
+        } else if (fleet->parsed()) {
+            output = runFleet(session, captures, compareJson);
         }
         std::fwrite(output.data(), 1, output.size(), stdout);
-        return std::fflush(stdout) == 0 ? kExitSuccess : kExitBadInput;
+        return std::fflush(stdout) == 0 ? exitCode : kExitBadInput;
     } catch (const CommandError& e) {
         reportError(e.what());
         return e.exitCode();

@@ -1,0 +1,107 @@
+// Comparing device maps: what changed between two maps of one host (a name or SCSI address that
+// now answers as another volume, a volume whose UDID changed, a UDID under another name, UDIDs
+// that came or went), and which volumes several hosts share.
+#ifndef SCSITOOL_DEVICE_MAP_COMPARE_H
+#define SCSITOOL_DEVICE_MAP_COMPARE_H
+
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "device_scsi_data.h"
+
+class CUDIDFactory;
+
+// One entry of a device map with what tells its volume apart from the UDID.
+struct SMapVolume {
+    std::string deviceName;  // "/dev/sdc", "/dev/mapper/mpatha"
+    std::string address;     // "host:channel:id:lun" of a native disk; "" for a pseudo-device
+    std::string udid;        // as the map holds it; "" when no generator could make one
+    std::string volumeKey;  // "naa.…", "eui.…", "t10.…", "serial.…"; "" when the pages name none
+    bool hostLocal = false;  // the UDID is made from the device name and the host name
+};
+
+// One host's device map, entries in device-name order.
+struct SHostMap {
+    std::string hostName;
+    std::vector<SMapVolume> volumes;
+};
+
+class CDeviceMapCompare {
+public:
+    enum Kind { Remapped, IdentityChanged, Moved, Added, Removed };
+    // "remapped", "identity-changed", "moved", "added", "removed"
+    static const char* kindName(Kind kind);
+
+    // One side of a finding: the names and addresses of one UDID (empty when the side has none).
+    struct Side {
+        std::vector<std::string> deviceNames;
+        std::vector<std::string> addresses;
+        std::string udid;
+    };
+    struct Finding {
+        Kind kind;
+        std::string subject;  // the device name, address, volume key or UDID the finding is about
+        Side before;
+        Side after;
+    };
+
+    // The designators of page 0x83 that name the logical unit (NAA, then EUI-64, then T10 vendor
+    // id), or the unit serial of page 0x80 with the vendor when page 0x83 names none; "" when
+    // neither does. Reads only the bytes the record holds.
+    static std::string volumeKey(const CScsiDeviceData& record);
+
+    // The device map of the installed host, computed as enumerateDeviceMap(false, false, false)
+    // does, with each entry's address and volume key.
+    static SHostMap describeHost(CUDIDFactory& factory);
+    // The entries the map holds for the whole sd disks among these kernel names ("sdc"; others
+    // are left out as the map leaves them out), each queried on its own the way the map validates
+    // one device: the same UDIDs at half the cost of an enumeration, but without the multipath
+    // and PowerPath pseudo-devices that front them.
+    static SHostMap describeDisks(CUDIDFactory& factory, const std::vector<std::string>& names);
+    // The same from records already queried (the factory computes the UDIDs and deletes them).
+    static SHostMap describeRecords(CUDIDFactory& factory, std::vector<CScsiDeviceData*>& records,
+                                    const std::string& hostName);
+
+    // The findings from `before` to `after`, remapped first, then identity-changed, moved, added
+    // and removed, each kind in the order of its subject. A UDID that a remap or an identity
+    // change accounts for is not reported again as added or removed. A name that has a host-local
+    // UDID on both sides is left out: those UDIDs differ whenever the host names do.
+    static std::vector<Finding> compare(const SHostMap& before, const SHostMap& after);
+};
+
+// The volumes that several hosts see. Hosts are added one at a time and only what the view
+// reports is kept, so memory grows with the distinct volumes, not with the hosts added.
+class CFleetView {
+public:
+    struct Sighting {
+        std::string host;
+        std::vector<std::string> deviceNames;
+    };
+    struct SharedVolume {
+        const std::string& udid;
+        const std::vector<Sighting>& sightings;  // one per host, in the order hosts were added
+    };
+    // One volume that hosts name by different UDIDs.
+    struct Conflict {
+        std::string volumeKey;
+        std::map<std::string, std::vector<std::string>> hostsByUdid;
+    };
+
+    // Host-local and empty UDIDs are left out.
+    void addHost(const SHostMap& host);
+    size_t hosts() const { return m_hosts; }
+    // Hands each UDID seen on more than one host to `visit`, in UDID order; nothing is copied.
+    void visitShared(const std::function<void(const SharedVolume&)>& visit) const;
+    // Volume keys seen under more than one UDID, in key order.
+    std::vector<Conflict> conflicts() const;
+
+private:
+    size_t m_hosts = 0;
+    std::map<std::string, std::vector<Sighting>> m_byUdid;
+    std::map<std::string, std::set<std::string>> m_byKey;  // the UDIDs of each volume key
+};
+
+#endif

@@ -1,0 +1,390 @@
+#include "device_map_compare.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "device_udid_factory.h"
+#include "fi_system.h"
+#include "stringtool.h"
+
+namespace {
+
+const char kHexDigits[] = "0123456789abcdef";
+
+std::string hexOf(const unsigned char* data, size_t count)
+{
+    std::string text;
+    text.reserve(count * 2);
+    for (size_t i = 0; i < count; ++i) {
+        text += kHexDigits[data[i] >> 4];
+        text += kHexDigits[data[i] & 0x0F];
+    }
+    return text;
+}
+
+std::string trimmed(const std::string& text)
+{
+    const size_t first = text.find_first_not_of(" \t");
+    if (first == std::string::npos) {
+        return std::string();
+    }
+    return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+// The logical unit's designator of page 0x83 by preference: NAA (type 3), EUI-64 (2), T10 vendor
+// id (1). Designators of the target port or the target device (association 1 and 2) are shared
+// by every LUN behind them and never name a volume.
+std::string designatorKey(const unsigned char* page, size_t length)
+{
+    static const struct {
+        unsigned int type;
+        const char* prefix;
+    } kPreferred[] = {{3, "naa."}, {2, "eui."}, {1, "t10."}};
+    if (page == nullptr || length < 4) {
+        return std::string();
+    }
+    const size_t end = std::min(length, static_cast<size_t>(4 + ((page[2] << 8) | page[3])));
+    std::string found[3];
+    for (size_t offset = 4; offset + 4 <= end;) {
+        const unsigned char* descriptor = page + offset;
+        const size_t designatorLength = descriptor[3];
+        if (offset + 4 + designatorLength > end) {
+            break;  // a descriptor cut short by the page names nothing
+        }
+        const unsigned int association = (descriptor[1] >> 4) & 0x03;
+        const unsigned int type = descriptor[1] & 0x0F;
+        for (size_t i = 0; i < 3; ++i) {
+            if (association == 0 && type == kPreferred[i].type && designatorLength != 0 &&
+                found[i].empty()) {
+                found[i] = kPreferred[i].prefix + hexOf(descriptor + 4, designatorLength);
+            }
+        }
+        offset += 4 + designatorLength;
+    }
+    for (const std::string& key : found) {
+        if (!key.empty()) {
+            return key;
+        }
+    }
+    return std::string();
+}
+
+// The unit serial of page 0x80, blanks trimmed, behind the vendor: a serial alone is unique only
+// within one vendor's arrays.
+std::string serialKey(const CScsiDeviceData& record)
+{
+    const CScsiModePage* page = record.findPage(0x80);
+    if (page == nullptr || page->getData() == nullptr || page->getLength() < 4) {
+        return std::string();
+    }
+    const unsigned char* data = page->getData();
+    const size_t count = std::min(static_cast<size_t>(data[3]), page->getLength() - size_t(4));
+    std::string serial = trimmed(std::string(reinterpret_cast<const char*>(data + 4), count));
+    serial.erase(std::find(serial.begin(), serial.end(), '\0'), serial.end());
+    if (serial.empty()) {
+        return std::string();
+    }
+    return "serial." + trimmed(record.m_vendorId) + "." + serial;
+}
+
+bool isPseudoDevice(const std::string& name)
+{
+    for (const char* prefix : {"/dev/mapper/", "/dev/emcpower"}) {
+        if (name.compare(0, std::char_traits<char>::length(prefix), prefix) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string addressOf(const CScsiDeviceData& record)
+{
+    if (isPseudoDevice(record.m_deviceName) || record.m_port < 0) {
+        return std::string();
+    }
+    char text[64];
+    std::snprintf(text, sizeof text, "%d:%u:%d:%d", record.m_port, record.m_bus, record.m_target,
+                  record.m_lun);
+    return text;
+}
+
+// What the default generator makes of a disk without identity pages: "<node>@<host>".
+bool isHostLocal(const std::string& udid, const std::string& deviceName,
+                 const std::string& hostName)
+{
+    const std::string tail =
+        CStringTool::tostrupper(std::string(CUDIDFactory::udid_separator) + deviceName + "@" +
+                                (hostName.empty() ? std::string("UNKNOWN") : hostName));
+    return udid.size() >= tail.size() &&
+           udid.compare(udid.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+// The name the default generator puts into host-local UDIDs ("" when there is none).
+std::string installedHostName()
+{
+    char host[512] = {};
+    if (kzfi_pdk_4_4::fiSystem().gethostname(host, sizeof host - 1) == 0) {
+        return host;
+    }
+    return std::string();
+}
+
+typedef CDeviceMapCompare::Side Side;
+
+// The entries of one map grouped by UDID (empty UDIDs left out).
+std::map<std::string, Side> byUdid(const SHostMap& map)
+{
+    std::map<std::string, Side> groups;
+    for (const SMapVolume& volume : map.volumes) {
+        if (volume.udid.empty()) {
+            continue;
+        }
+        Side& side = groups[volume.udid];
+        side.udid = volume.udid;
+        side.deviceNames.push_back(volume.deviceName);
+        if (!volume.address.empty()) {
+            side.addresses.push_back(volume.address);
+        }
+    }
+    return groups;
+}
+
+// The entries of one map by `field` (entries with an empty field left out).
+std::map<std::string, const SMapVolume*> index(const SHostMap& map, std::string SMapVolume::*field)
+{
+    std::map<std::string, const SMapVolume*> result;
+    for (const SMapVolume& volume : map.volumes) {
+        if (!(volume.*field).empty() && !volume.udid.empty()) {
+            result.emplace(volume.*field, &volume);
+        }
+    }
+    return result;
+}
+
+// A name that has a host-local UDID on both sides tells nothing about a volume: the UDIDs differ
+// as soon as the host name does. Such entries take no part in the comparison.
+void dropHostLocalPairs(SHostMap& before, SHostMap& after)
+{
+    std::set<std::string> localBefore;
+    for (const SMapVolume& volume : before.volumes) {
+        if (volume.hostLocal) {
+            localBefore.insert(volume.deviceName);
+        }
+    }
+    std::set<std::string> pairs;
+    for (const SMapVolume& volume : after.volumes) {
+        if (volume.hostLocal && localBefore.count(volume.deviceName) != 0) {
+            pairs.insert(volume.deviceName);
+        }
+    }
+    for (SHostMap* map : {&before, &after}) {
+        std::vector<SMapVolume>& volumes = map->volumes;
+        volumes.erase(std::remove_if(volumes.begin(), volumes.end(),
+                                     [&](const SMapVolume& volume) {
+                                         return volume.hostLocal &&
+                                                pairs.count(volume.deviceName) != 0;
+                                     }),
+                      volumes.end());
+    }
+}
+
+Side sideOf(const std::map<std::string, Side>& groups, const std::string& udid)
+{
+    auto it = groups.find(udid);
+    return it == groups.end() ? Side() : it->second;
+}
+
+}  // namespace
+
+const char* CDeviceMapCompare::kindName(Kind kind)
+{
+    switch (kind) {
+        case Remapped:
+            return "remapped";
+        case IdentityChanged:
+            return "identity-changed";
+        case Moved:
+            return "moved";
+        case Added:
+            return "added";
+        case Removed:
+            return "removed";
+    }
+    return "";
+}
+
+std::string CDeviceMapCompare::volumeKey(const CScsiDeviceData& record)
+{
+    const CScsiModePage* page = record.findPage(0x83);
+    std::string key =
+        page == nullptr ? std::string() : designatorKey(page->getData(), page->getLength());
+    return key.empty() ? serialKey(record) : key;
+}
+
+SHostMap CDeviceMapCompare::describeHost(CUDIDFactory& factory)
+{
+    std::vector<CScsiDeviceData*> records = factory.m_discovery.rescan(false, false, false);
+    return describeRecords(factory, records, installedHostName());
+}
+
+SHostMap CDeviceMapCompare::describeDisks(CUDIDFactory& factory,
+                                          const std::vector<std::string>& names)
+{
+    std::vector<CScsiDeviceData*> records;
+    for (const std::string& name : names) {
+        if (name.empty() || !factory.m_discovery.IsValidDeviceName(name)) {
+            continue;
+        }
+        std::vector<CScsiDeviceData*> found = factory.m_discovery.validateDevice("/dev/" + name);
+        records.insert(records.end(), found.begin(), found.end());
+    }
+    return describeRecords(factory, records, installedHostName());
+}
+
+SHostMap CDeviceMapCompare::describeRecords(CUDIDFactory& factory,
+                                            std::vector<CScsiDeviceData*>& records,
+                                            const std::string& hostName)
+{
+    // The map keeps the last record of a name; so does the description.
+    std::map<std::string, SMapVolume> described;
+    for (const CScsiDeviceData* record : records) {
+        SMapVolume& volume = described[record->m_deviceName];
+        volume.deviceName = record->m_deviceName;
+        volume.address = addressOf(*record);
+        volume.volumeKey = volumeKey(*record);
+    }
+    DeviceMap map = factory.fillDeviceMap(records, false);
+    SHostMap result;
+    result.hostName = hostName;
+    for (const auto& entry : map) {
+        SMapVolume volume = described[entry.first];
+        volume.deviceName = entry.first;
+        volume.udid = entry.second.Uid;
+        volume.hostLocal = isHostLocal(volume.udid, volume.deviceName, hostName);
+        result.volumes.push_back(volume);
+    }
+    return result;
+}
+
+std::vector<CDeviceMapCompare::Finding> CDeviceMapCompare::compare(const SHostMap& fullBefore,
+                                                                   const SHostMap& fullAfter)
+{
+    SHostMap before = fullBefore;
+    SHostMap after = fullAfter;
+    dropHostLocalPairs(before, after);
+    const std::map<std::string, Side> udidsBefore = byUdid(before);
+    const std::map<std::string, Side> udidsAfter = byUdid(after);
+    std::vector<Finding> findings;
+    std::set<std::string> accounted;  // UDIDs a remap or identity change explains
+
+    // A name, then an address, that answers as another volume. The same volume under another
+    // UDID is an identity change, not a remap.
+    std::set<std::pair<std::string, std::string>> remaps;
+    for (std::string SMapVolume::*field : {&SMapVolume::deviceName, &SMapVolume::address}) {
+        const auto namesAfter = index(after, field);
+        for (const auto& old : index(before, field)) {
+            auto now = namesAfter.find(old.first);
+            if (now == namesAfter.end()) {
+                continue;
+            }
+            const SMapVolume& a = *old.second;
+            const SMapVolume& b = *now->second;
+            // Host-local UDIDs tell nothing about the volume, and differ with the host name.
+            if (a.udid == b.udid || (a.hostLocal && b.hostLocal) ||
+                (!a.volumeKey.empty() && a.volumeKey == b.volumeKey) ||
+                !remaps.insert(std::make_pair(a.udid, b.udid)).second) {
+                continue;
+            }
+            findings.push_back(Finding{Remapped, old.first, sideOf(udidsBefore, a.udid),
+                                       sideOf(udidsAfter, b.udid)});
+            accounted.insert(a.udid);
+            accounted.insert(b.udid);
+        }
+    }
+
+    // One volume, known by its designators, under another UDID.
+    const auto keysAfter = index(after, &SMapVolume::volumeKey);
+    for (const auto& old : index(before, &SMapVolume::volumeKey)) {
+        auto now = keysAfter.find(old.first);
+        if (now == keysAfter.end() || old.second->udid == now->second->udid) {
+            continue;
+        }
+        findings.push_back(Finding{IdentityChanged, old.first,
+                                   sideOf(udidsBefore, old.second->udid),
+                                   sideOf(udidsAfter, now->second->udid)});
+        accounted.insert(old.second->udid);
+        accounted.insert(now->second->udid);
+    }
+
+    for (const auto& old : udidsBefore) {
+        auto now = udidsAfter.find(old.first);
+        if (now != udidsAfter.end() && old.second.deviceNames != now->second.deviceNames) {
+            findings.push_back(Finding{Moved, old.first, old.second, now->second});
+        }
+    }
+    for (const auto& now : udidsAfter) {
+        if (udidsBefore.count(now.first) == 0 && accounted.count(now.first) == 0) {
+            findings.push_back(Finding{Added, now.first, Side(), now.second});
+        }
+    }
+    for (const auto& old : udidsBefore) {
+        if (udidsAfter.count(old.first) == 0 && accounted.count(old.first) == 0) {
+            findings.push_back(Finding{Removed, old.first, old.second, Side()});
+        }
+    }
+    return findings;
+}
+
+void CFleetView::addHost(const SHostMap& host)
+{
+    ++m_hosts;
+    std::map<std::string, std::vector<std::string>> names;
+    for (const SMapVolume& volume : host.volumes) {
+        if (volume.udid.empty() || volume.hostLocal) {
+            continue;
+        }
+        names[volume.udid].push_back(volume.deviceName);
+        if (!volume.volumeKey.empty()) {
+            m_byKey[volume.volumeKey].insert(volume.udid);
+        }
+    }
+    for (auto& entry : names) {
+        m_byUdid[entry.first].push_back(Sighting{host.hostName, std::move(entry.second)});
+    }
+}
+
+void CFleetView::visitShared(const std::function<void(const SharedVolume&)>& visit) const
+{
+    for (const auto& entry : m_byUdid) {
+        const std::vector<Sighting>& sightings = entry.second;
+        // Two captures of one host share nothing with each other.
+        const bool elsewhere = std::any_of(
+            sightings.begin(), sightings.end(),
+            [&](const Sighting& sighting) { return sighting.host != sightings.front().host; });
+        if (elsewhere) {
+            visit(SharedVolume{entry.first, sightings});
+        }
+    }
+}
+
+std::vector<CFleetView::Conflict> CFleetView::conflicts() const
+{
+    std::vector<Conflict> result;
+    for (const auto& entry : m_byKey) {
+        if (entry.second.size() < 2) {
+            continue;
+        }
+        Conflict conflict;
+        conflict.volumeKey = entry.first;
+        for (const std::string& udid : entry.second) {
+            std::vector<std::string>& hosts = conflict.hostsByUdid[udid];
+            for (const Sighting& sighting : m_byUdid.at(udid)) {
+                if (std::find(hosts.begin(), hosts.end(), sighting.host) == hosts.end()) {
+                    hosts.push_back(sighting.host);
+                }
+            }
+        }
+        result.push_back(conflict);
+    }
+    return result;
+}

@@ -1,0 +1,348 @@
+// Device map comparison: the volume key of a device's pages, the findings between two small
+// hosts cut from the datacenter example, the fleet view, and the fleet's one-disk-at-a-time
+// description against the whole enumeration.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "device_map_compare.h"
+#include "device_udid_factory.h"
+#include "simhost.h"
+
+namespace {
+
+using nlohmann::json;
+typedef CDeviceMapCompare::Finding Finding;
+
+const std::string kExamples = std::string(SCSITOOL_SOURCE_DIR) + "/examples/hosts/";
+
+std::vector<unsigned char> bytes(std::initializer_list<int> values)
+{
+    return std::vector<unsigned char>(values.begin(), values.end());
+}
+
+// A record holding `pages` (code -> bytes) as a query leaves them.
+CScsiDeviceData recordWith(const std::string& vendor,
+                           const std::map<unsigned int, std::vector<unsigned char>>& pages)
+{
+    CScsiDeviceData record("/dev/sdc", "", "host", 0, 0, 0, 0, vendor, "DISK", "0001", 0);
+    for (const auto& page : pages) {
+        record.m_pageCache[page.first] =
+            CScsiModePage(page.second.data(), static_cast<unsigned int>(page.second.size()));
+    }
+    return record;
+}
+
+TEST(VolumeKey, PrefersTheUnitsNaaThenEuiThenT10ThenTheSerial)
+{
+    const std::vector<unsigned char> naa = {0x01, 0x03, 0x00, 0x04, 0x60, 0x01, 0x02, 0x03};
+    const std::vector<unsigned char> eui = {0x01, 0x02, 0x00, 0x02, 0xAB, 0xCD};
+    const std::vector<unsigned char> t10 = {0x02, 0x01, 0x00, 0x03, 'A', 'B', 'C'};
+    // The same NAA of the target port (association 1) names every LUN behind it.
+    const std::vector<unsigned char> portNaa = {0x01, 0x13, 0x00, 0x04, 0x50, 0x0a, 0x0b, 0x0c};
+    auto page83 = [](std::vector<std::vector<unsigned char>> descriptors) {
+        std::vector<unsigned char> page = {0x00, 0x83, 0x00, 0x00};
+        for (const auto& d : descriptors) {
+            page.insert(page.end(), d.begin(), d.end());
+        }
+        page[3] = static_cast<unsigned char>(page.size() - 4);
+        return page;
+    };
+    const std::vector<unsigned char> serial =
+        bytes({0x00, 0x80, 0x00, 0x08, ' ', ' ', 'S', 'N', '4', '2', ' ', ' '});
+    struct Case {
+        const char* what;
+        std::map<unsigned int, std::vector<unsigned char>> pages;
+        const char* vendor;
+        const char* key;
+    } cases[] = {
+        {"NAA after T10 and EUI", {{0x83, page83({t10, eui, naa})}}, "ACME", "naa.60010203"},
+        {"EUI before T10", {{0x83, page83({t10, eui})}}, "ACME", "eui.abcd"},
+        {"T10 alone", {{0x83, page83({t10})}, {0x80, serial}}, "ACME", "t10.414243"},
+        {"port NAA ignored", {{0x83, page83({portNaa, t10})}}, "ACME", "t10.414243"},
+        {"no designator: the serial behind the trimmed vendor",
+         {{0x83, page83({portNaa})}, {0x80, serial}},
+         "ACME    ",
+         "serial.ACME.SN42"},
+        {"no page 0x83", {{0x80, serial}}, "ACME", "serial.ACME.SN42"},
+        {"blank serial", {{0x80, bytes({0x00, 0x80, 0x00, 0x02, ' ', ' '})}}, "ACME", ""},
+        {"serial length past the page",
+         {{0x80, bytes({0x00, 0x80, 0x00, 0x40, 'X', '1'})}},
+         "ACME",
+         "serial.ACME.X1"},
+        {"descriptor cut by the page",
+         {{0x83, bytes({0x00, 0x83, 0x00, 0x08, 0x01, 0x03, 0x00, 0x08, 0x60, 0x01, 0x02, 0x03})}},
+         "ACME",
+         ""},
+        {"page length past the bytes received",
+         {{0x83, bytes({0x00, 0x83, 0x00, 0x40, 0x01, 0x03, 0x00, 0x02, 0x60, 0x01})}},
+         "ACME",
+         "naa.6001"},
+        {"no pages", {}, "ACME", ""},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(CDeviceMapCompare::volumeKey(recordWith(c.vendor, c.pages)), c.key) << c.what;
+    }
+}
+
+std::string readText(const std::string& path)
+{
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// A small host cut from the datacenter example: an IBM, a Fujitsu, an ACME behind multipath,
+// a Clariion LUN and the unresponsive disk with its host-local UDID.
+json smallHost()
+{
+    json host = json::parse(readText(kExamples + "datacenter.json"));
+    const std::set<std::string> keep = {"sdd", "sdk", "sdl", "sdm", "sdn"};
+    json devices = json::array();
+    for (const json& device : host["devices"]) {
+        if (keep.count(device["name"].get<std::string>()) != 0) {
+            devices.push_back(device);
+        }
+    }
+    host["devices"] = devices;
+    host["multipath_maps"] = json::array({{{"name", "mpathb"}, {"device", "sdl"}}});
+    host["powerpath"] = json::array();
+    return host;
+}
+
+json& deviceNamed(json& host, const std::string& name)
+{
+    for (json& device : host["devices"]) {
+        if (device["name"] == name) {
+            return device;
+        }
+    }
+    throw std::runtime_error("no device " + name);
+}
+
+void replaceIn(json& field, const std::string& from, const std::string& to)
+{
+    std::string text = field.get<std::string>();
+    const size_t at = text.find(from);
+    if (at == std::string::npos) {
+        throw std::runtime_error("no " + from + " in " + text);
+    }
+    field = text.replace(at, from.size(), to);
+}
+
+SHostMap describe(const json& snapshot)
+{
+    std::string error;
+    std::unique_ptr<simhost::SimHost> host = simhost::SimHost::fromJson(snapshot.dump(), error);
+    if (!host) {
+        throw std::runtime_error(error);
+    }
+    simhost::SimHostInstall install(*host);
+    static CUDIDFactory* factory = new CUDIDFactory();
+    return CDeviceMapCompare::describeHost(*factory);
+}
+
+// A finding as one line: kind, subject, the UDIDs' last fields and the names of both sides.
+std::string summary(const Finding& f)
+{
+    auto tail = [](const std::string& udid) {
+        return udid.empty() ? std::string("-") : udid.substr(udid.rfind("##") + 2);
+    };
+    auto names = [](const CDeviceMapCompare::Side& side) {
+        std::string text;
+        for (const std::string& name : side.deviceNames) {
+            text += (text.empty() ? "" : ",") + name;
+        }
+        for (const std::string& address : side.addresses) {
+            text += " " + address;
+        }
+        return text;
+    };
+    return std::string(CDeviceMapCompare::kindName(f.kind)) + " " + f.subject + ": " +
+           tail(f.before.udid) + " [" + names(f.before) + "] -> " + tail(f.after.udid) + " [" +
+           names(f.after) + "]";
+}
+
+TEST(DeviceMapCompare, EachFindingBetweenTwoSmallHosts)
+{
+    const std::string acmeNaa = "naa.600123456789abcdef0123456789abcd";
+    const std::string acmeOld = "0083001401030010600123456789ABCDEF0123456789ABCD";
+    const std::string acmeNew = "0083002001030010600123456789ABCDEF0123456789ABCD0201000441434D45";
+    // The ACME disk without page 0x83, on both sides: its UDID comes from its serial.
+    auto serialOnly = [](json& h) {
+        json& vpd = deviceNamed(h, "sdl")["vpd"];
+        vpd.erase("83");
+        vpd["00"] = "00 00 00 02 00 80";
+        vpd["80"] = "00 80 00 04 41 42 43 44";
+    };
+    struct Case {
+        const char* what;
+        std::function<void(json&)> change;
+        std::vector<std::string> findings;
+        std::function<void(json&)> both = [](json&) {};
+    } cases[] = {
+        {"nothing changed", [](json&) {}, {}},
+        {"the host renamed: host-local UDIDs are no finding",
+         [](json& h) { h["hostname"] = "dbhost09"; },
+         {}},
+        {"the array reused the LUN behind sdd for a new volume",
+         [](json& h) { replaceIn(deviceNamed(h, "sdd")["vpd"]["83"], "1a 2b", "1a 2c"); },
+         {"remapped /dev/sdd: 1A2B [/dev/sdd 3:0:1:0] -> 1A2C [/dev/sdd 3:0:1:0]"}},
+        {"the new volume at sdd's address came up as sdz",
+         [](json& h) {
+             json& sdd = deviceNamed(h, "sdd");
+             sdd["name"] = "sdz";
+             replaceIn(sdd["vpd"]["83"], "1a 2b", "1a 2c");
+         },
+         {"remapped 3:0:1:0: 1A2B [/dev/sdd 3:0:1:0] -> 1A2C [/dev/sdz 3:0:1:0]"}},
+        {"new firmware added a T10 designator beside the NAA",
+         [](json& h) {
+             json& page = deviceNamed(h, "sdl")["vpd"]["83"];
+             replaceIn(page, "00 83 00 14", "00 83 00 20");
+             page = page.get<std::string>() + " 02 01 00 04 41 43 4d 45";
+         },
+         {"identity-changed " + acmeNaa + ": " + acmeOld +
+          " [/dev/mapper/mpathb,/dev/sdl 4:0:2:0] -> " + acmeNew +
+          " [/dev/mapper/mpathb,/dev/sdl 4:0:2:0]"}},
+        {"new firmware reports another product: the serial still names the volume",
+         [](json& h) {
+             replaceIn(deviceNamed(h, "sdl")["inquiry"], "44 69 73 6b 20 32", "44 69 73 6b 20 33");
+         },
+         {"identity-changed serial.ACME.ABCD: 0080000441424344 [/dev/mapper/mpathb,/dev/sdl "
+          "4:0:2:0] -> 0080000441424344 [/dev/mapper/mpathb,/dev/sdl 4:0:2:0]"},
+         serialOnly},
+        {"the Fujitsu LUN came back as sdr",
+         [](json& h) { deviceNamed(h, "sdk")["name"] = "sdr"; },
+         {"moved UDID##FUJITSU##ETERNUS##4321ABCD##600000E00D0000000001234500010000: "
+          "600000E00D0000000001234500010000 [/dev/sdk 4:0:1:1] -> 600000E00D0000000001234500010000 "
+          "[/dev/sdr 4:0:1:1]"}},
+        {"a LUN was unmapped, another one mapped",
+         [](json& h) {
+             json& sdm = deviceNamed(h, "sdm");
+             sdm["name"] = "sdo";
+             sdm["address"] = json::array({3, 0, 0, 2});
+             replaceIn(sdm["vpd"]["83"], "5e 59", "5e 58");
+             replaceIn(sdm["vpd"]["80"], "34 35 36", "34 35 37");
+             json& sdd = deviceNamed(h, "sdd");
+             sdd["state"] = "removed";
+         },
+         {"added UDID##DGC##RAID_5##0083001001030010600601603AB11E004C8F5E58: - [] -> "
+          "0083001001030010600601603AB11E004C8F5E58 [/dev/sdo 3:0:0:2]",
+          "removed UDID##DGC##RAID_5##0083001001030010600601603AB11E004C8F5E59: "
+          "0083001001030010600601603AB11E004C8F5E59 [/dev/sdm 4:0:2:1] -> - []",
+          "removed UDID##IBM##TOTALSTORAGE##IBM.2107-7512345##1A2B: 1A2B [/dev/sdd 3:0:1:0] -> - "
+          "[]"}},
+    };
+    ASSERT_EQ(describe(smallHost()).volumes.size(), 7u);  // five disks, mpathb, the control node
+    for (const Case& c : cases) {
+        json before = smallHost();
+        c.both(before);
+        const SHostMap first = describe(before);
+        json after = before;
+        c.change(after);
+        std::vector<std::string> found;
+        for (const Finding& finding : CDeviceMapCompare::compare(first, describe(after))) {
+            found.push_back(summary(finding));
+        }
+        EXPECT_EQ(found, c.findings) << c.what;
+    }
+}
+
+SMapVolume entry(const std::string& name, const std::string& udid, const std::string& key,
+                 bool hostLocal = false)
+{
+    SMapVolume volume;
+    volume.deviceName = name;
+    volume.udid = udid;
+    volume.volumeKey = key;
+    volume.hostLocal = hostLocal;
+    return volume;
+}
+
+TEST(FleetView, SharedVolumesAndOneVolumeUnderTwoUdids)
+{
+    const SHostMap hosts[] = {
+        {"node1",
+         {entry("/dev/mapper/mpatha", "UDID##A", "naa.1"), entry("/dev/sdb", "UDID##A", "naa.1"),
+          entry("/dev/sdc", "UDID##C", "naa.3"),
+          entry("/dev/sdd", "UDID####/DEV/SDD@NODE1", "", true), entry("/dev/sde", "", "naa.5"),
+          entry("/dev/sdf", "UDID##ONLY1", "naa.6")}},
+        {"node2",
+         {entry("/dev/sdx", "UDID##A", "naa.1"), entry("/dev/sdc", "UDID##C-NEW", "naa.3"),
+          entry("/dev/sdd", "UDID####/DEV/SDD@NODE1", "", true), entry("/dev/sde", "", "naa.5")}},
+        // A second capture of node1 shares nothing with the first.
+        {"node1", {entry("/dev/sdf", "UDID##ONLY1", "naa.6")}},
+    };
+    CFleetView fleet;
+    for (const SHostMap& host : hosts) {
+        fleet.addHost(host);
+    }
+    EXPECT_EQ(fleet.hosts(), 3u);
+    std::vector<std::string> shared;
+    fleet.visitShared([&](const CFleetView::SharedVolume& volume) {
+        std::string line = volume.udid;
+        for (const CFleetView::Sighting& sighting : volume.sightings) {
+            line += " " + sighting.host + "=";
+            for (const std::string& name : sighting.deviceNames) {
+                line += name + ";";
+            }
+        }
+        shared.push_back(line);
+    });
+    EXPECT_EQ(
+        shared,
+        (std::vector<std::string>{"UDID##A node1=/dev/mapper/mpatha;/dev/sdb; node2=/dev/sdx;"}));
+    const std::vector<CFleetView::Conflict> conflicts = fleet.conflicts();
+    ASSERT_EQ(conflicts.size(), 1u);
+    EXPECT_EQ(conflicts[0].volumeKey, "naa.3");
+    EXPECT_EQ(conflicts[0].hostsByUdid, (std::map<std::string, std::vector<std::string>>{
+                                            {"UDID##C", {"node1"}}, {"UDID##C-NEW", {"node2"}}}));
+}
+
+// The fleet queries each disk on its own instead of enumerating: the same entries as the map
+// for every disk of every example host, pseudo-devices left out.
+TEST(DeviceMapCompare, DisksQueriedOneByOneGiveTheMapsEntries)
+{
+    for (const char* name : {"datacenter", "host24", "modern", "dbhost02"}) {
+        std::string error;
+        std::unique_ptr<simhost::SimHost> host =
+            simhost::SimHost::fromFile(kExamples + name + ".json", error);
+        ASSERT_TRUE(host) << error;
+        std::vector<std::string> disks;
+        for (const simhost::SimDevice& device : host->devices()) {
+            disks.push_back(device.name);  // latent and removed ones too: they have no node
+        }
+        simhost::SimHostInstall install(*host);
+        CUDIDFactory factory;
+        const SHostMap whole = CDeviceMapCompare::describeHost(factory);
+        const SHostMap queried = CDeviceMapCompare::describeDisks(factory, disks);
+        EXPECT_EQ(queried.hostName, whole.hostName) << name;
+        size_t matched = 0;
+        for (const SMapVolume& volume : queried.volumes) {
+            auto same = std::find_if(
+                whole.volumes.begin(), whole.volumes.end(),
+                [&](const SMapVolume& v) { return v.deviceName == volume.deviceName; });
+            ASSERT_NE(same, whole.volumes.end()) << name << " " << volume.deviceName;
+            ++matched;
+            EXPECT_EQ(volume.udid, same->udid) << name << " " << volume.deviceName;
+            EXPECT_EQ(volume.address, same->address) << name << " " << volume.deviceName;
+            EXPECT_EQ(volume.volumeKey, same->volumeKey) << name << " " << volume.deviceName;
+            EXPECT_EQ(volume.hostLocal, same->hostLocal) << name << " " << volume.deviceName;
+        }
+        size_t disksInMap = 0;
+        for (const SMapVolume& volume : whole.volumes) {
+            disksInMap += volume.deviceName.compare(0, 7, "/dev/sd") == 0 ? 1 : 0;
+        }
+        EXPECT_EQ(matched, disksInMap) << name;
+    }
+}
+
+}  // namespace
