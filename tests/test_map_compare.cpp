@@ -85,6 +85,16 @@ TEST(VolumeKey, PrefersTheUnitsNaaThenEuiThenT10ThenTheSerial)
          {{0x83, bytes({0x00, 0x83, 0x00, 0x40, 0x01, 0x03, 0x00, 0x02, 0x60, 0x01})}},
          "ACME",
          "naa.6001"},
+        {"bytes past the page length are no descriptor",
+         {{0x83, bytes({0x00, 0x83, 0x00, 0x07, 0x02, 0x01, 0x00, 0x03, 'A', 'B', 'C', 0x01, 0x03,
+                        0x00, 0x02, 0x60, 0x01})}},
+         "ACME",
+         "t10.414243"},
+        {"descriptor one byte past the page length",
+         {{0x83, bytes({0x00, 0x83, 0x00, 0x07, 0x02, 0x01, 0x00, 0x04, 'A', 'B', 'C', 'D'})}},
+         "ACME",
+         ""},
+        {"page shorter than its header", {{0x83, bytes({0x00, 0x83})}}, "ACME", ""},
         {"no pages", {}, "ACME", ""},
     };
     for (const Case& c : cases) {
