@@ -117,6 +117,8 @@ public:
     // Read access to the model, for tests and the capture command.
     std::vector<SimDevice> devices() const;
     std::vector<SimAdapter> adapters() const;
+    // The values of the semaphore set of `key`; empty when there is none.
+    std::vector<int> semaphoreValues(int key) const;
     // The text a read of `path` gives now; false when the file does not exist.
     bool fileText(const std::string& path, std::string& text) const;
 
@@ -134,6 +136,10 @@ public:
     int gethostname(char* name, size_t length) override;
     unsigned int sleep(unsigned int seconds) override;
     int system(const char* command) override;
+    // The host's own semaphore sets: the real host's are never touched.
+    int semget(key_t key, int count, int flags) override;
+    int semop(int id, struct sembuf* operations, size_t count) override;
+    int semctl(int id, int number, int command) override;
     int exec(const std::string& command, std::vector<std::string>& output,
              unsigned long limitSeconds, int& sysErrno) override;
 

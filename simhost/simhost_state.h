@@ -67,6 +67,11 @@ struct SimHost::State {
     std::map<std::string, std::vector<Bytes>> cdbs;
     std::set<void*> dirs;  // open directory handles
 
+    // System V semaphore sets of this host (semaphores.cpp): ids by key, values by id.
+    std::map<int, int> semaphoreIds;
+    std::map<int, std::vector<int>> semaphores;
+    int nextSemaphore = 1;
+
     // Devices.
     SimDevice* find(const std::string& name);
     const SimDevice* find(const std::string& name) const;

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/sem.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -441,5 +442,18 @@ TEST(CommandCapture, ARescanOfTheReplayFindsWhatTheHostWouldFind)
         Result replayed = run({"--host", dir.file("c.json"), "map", "--rescan-buses"});
         EXPECT_EQ(replayed.status, 0) << host;
         EXPECT_EQ(replayed.out, expected.out) << host;
+    }
+}
+
+TEST(CommandReplay, LeavesTheRealRescanSemaphoreAlone)
+{
+    // A framework process of this machine holds the host-wide rescan semaphore set.
+    const int id = semget(1001, 1, IPC_CREAT | 0666);
+    ASSERT_GE(id, 0);
+    for (const char* flag : {"--rescan-buses", "--json"}) {
+        Result result = run({"--host", kDatacenter, "map", flag});
+        EXPECT_EQ(result.status, 0) << flag << ": " << result.err;
+        EXPECT_EQ(semget(1001, 1, 0), id) << flag << ": the replay removed the real set";
+        EXPECT_EQ(semctl(id, 0, GETVAL), 0) << flag;
     }
 }
