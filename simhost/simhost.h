@@ -21,7 +21,8 @@ enum class DeviceState {
     Latent,        // present but invisible until a scan finds its address
     Unresponsive,  // its node opens, every command fails
     Gone,          // still listed by the kernel, its node cannot be opened (ENXIO)
-    Removed        // forgotten by the kernel after a removal; no scan brings it back
+    Removed,       // forgotten by the kernel after a removal; no scan brings it back
+    Denied         // listed and answering, but its node opens for root only (EACCES)
 };
 
 struct SimDevice {

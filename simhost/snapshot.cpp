@@ -27,7 +27,8 @@ struct SnapshotError {
     throw SnapshotError{path + ": " + what};
 }
 
-const char* const kStateNames[] = {"running", "latent", "unresponsive", "gone", "removed"};
+const char* const kStateNames[] = {"running", "latent",  "unresponsive",
+                                   "gone",    "removed", "denied"};
 
 // Reads the members of one JSON object, rejecting what it does not know.
 class Fields {

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -31,11 +32,12 @@ struct Result {
     std::string err;
 };
 
-// Runs the command with `args`; stdout and stderr are kept apart, stdin is empty.
-Result run(const std::vector<std::string>& args)
+// Runs the command with `args`; stdout and stderr are kept apart, stdin is empty. `shell` runs
+// before it, in the same shell (limits, traps).
+Result run(const std::vector<std::string>& args, const std::string& shell = "")
 {
     TempDir dir;
-    std::string command = "'" + kBinary + "'";
+    std::string command = shell + "'" + kBinary + "'";
     for (const std::string& arg : args)
         command += " '" + arg + "'";
     command += " </dev/null >" + dir.file("out") + " 2>" + dir.file("err");
@@ -101,8 +103,8 @@ TEST(CommandGolden, MapOfEveryExampleHostAsTableAndJson)
                 args.push_back("--json");
             Result result = run(args);
             EXPECT_EQ(result.status, 0) << describe(args) << "\n" << result.err;
-            // No progress line either: stderr is not a terminal here.
-            EXPECT_EQ(result.err, "") << describe(args);
+            // The nodes that do not open, and no progress line: stderr is not a terminal here.
+            expectGolden(host + ".map.err", result.err);
             expectGolden(host + (json ? ".map.json" : ".map.txt"), result.out);
         }
     }
@@ -143,6 +145,25 @@ std::string inquiryHex(const std::string& vendor, const std::string& product)
         text += byte;
     }
     return text;
+}
+
+// A command line, its exit code and all it writes on stderr; stdout stays empty on failure.
+struct ErrorCase {
+    std::vector<std::string> args;
+    int status;
+    std::string err;
+};
+
+void expectErrors(const std::vector<ErrorCase>& cases)
+{
+    for (const ErrorCase& c : cases) {
+        Result result = run(c.args);
+        EXPECT_EQ(result.status, c.status) << describe(c.args);
+        EXPECT_EQ(result.err, c.err) << describe(c.args);
+        if (c.status != 0) {
+            EXPECT_EQ(result.out, "") << describe(c.args);
+        }
+    }
 }
 
 }  // namespace
@@ -329,7 +350,7 @@ TEST(CommandTrace, GoesToTheFileAtTheLevelAsked)
     const std::string trace = dir.file("trace.log");
     Result result = run({"--host", kDatacenter, "--trace", trace, "--trace-level", "3", "map"});
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.err, readFile(kGolden + "datacenter.map.err"));
     std::string text = readFile(trace);
     EXPECT_NE(text.find(" L3 Printing m_deviceMap\n"), std::string::npos) << text;
     EXPECT_EQ(text.find(" L6 "), std::string::npos);
@@ -357,14 +378,9 @@ TEST(CommandErrors, OneLineOnStderrTheExitCodeAndNothingOnStdout)
         "state": "unresponsive", "inquiry": ")" + inquiryHex("ACME", "DISK") +
                                                   R"(", "vpd": {}})"));
     const std::string missing = dir.file("missing.json");
-    struct Case {
-        std::vector<std::string> args;
-        int status;
-        std::string err;
-    };
     const std::string none = dir.file("no/such/dir");
     // clang-format off
-    const Case cases[] = {
+    const std::vector<ErrorCase> cases = {
         {{}, 1, "scsitool: a subcommand is required: map, udid, show, initiators or capture\n"},
         {{"mpa"}, 1, "scsitool: The following argument was not expected: mpa\n"},
         {{"map", "--bogus"}, 1, "scsitool: The following argument was not expected: --bogus\n"},
@@ -384,14 +400,7 @@ TEST(CommandErrors, OneLineOnStderrTheExitCodeAndNothingOnStdout)
         {{"--config", dir.file("good.ini"), "--host", dir.file("dead.json"), "map"}, 0, ""},
     };
     // clang-format on
-    for (const Case& c : cases) {
-        Result result = run(c.args);
-        EXPECT_EQ(result.status, c.status) << describe(c.args);
-        EXPECT_EQ(result.err, c.err) << describe(c.args);
-        if (c.status != 0) {
-            EXPECT_EQ(result.out, "") << describe(c.args);
-        }
-    }
+    expectErrors(cases);
 }
 
 TEST(CommandMap, FlagsReachTheRescan)
@@ -417,7 +426,7 @@ TEST(CommandMap, FlagsReachTheRescan)
         } else {
             EXPECT_EQ(result.err.find(" L3 removeDeadDevices"), std::string::npos);
         }
-        EXPECT_EQ(result.out.find("\n/dev/sdo ") != std::string::npos, c.latentAppears)
+        EXPECT_EQ(result.out.find(" /dev/sdo ") != std::string::npos, c.latentAppears)
             << describe(args);
     }
 }
@@ -456,4 +465,101 @@ TEST(CommandReplay, LeavesTheRealRescanSemaphoreAlone)
         EXPECT_EQ(semget(1001, 1, 0), id) << flag << ": the replay removed the real set";
         EXPECT_EQ(semctl(id, 0, GETVAL), 0) << flag;
     }
+}
+
+TEST(CommandAccess, NodesThatDoNotOpenAreNamedWithTheReason)
+{
+    TempDir dir;
+    const std::string disk = R"("address": [0, 0, 0, LUN], "inquiry": ")" +
+                             inquiryHex("ACME", "DISK") +
+                             R"(", "vpd": {"00": "00 00 00 01 83",
+        "83": "00 83 00 0c 01 03 00 08 60 0a 98 00 00 00 00 0N"})";
+    auto device = [&](const std::string& name, int lun, const std::string& state) {
+        std::string text = disk;
+        text.replace(text.find("LUN"), 3, std::to_string(lun));
+        text.replace(text.find("0N"), 2, "0" + std::to_string(lun));
+        return R"({"name": ")" + name + R"(", "state": ")" + state + R"(", )" + text + "}";
+    };
+    writeFile(dir.file("root.json"),
+              snapshotWith(device("sda", 0, "denied") + ", " + device("sdb", 1, "denied")));
+    writeFile(dir.file("mixed.json"),
+              snapshotWith(device("sda", 0, "running") + ", " + device("sdb", 1, "denied")));
+    const std::string root = dir.file("root.json"), mixed = dir.file("mixed.json");
+    const std::string sdaDenied = "scsitool: /dev/sda: cannot open: Permission denied\n";
+    const std::string sdbDenied = "scsitool: /dev/sdb: cannot open: Permission denied\n";
+    // clang-format off
+    const std::vector<ErrorCase> cases = {
+        {{"--host", root, "map"}, 3, sdaDenied + sdbDenied + "scsitool: no device could be queried: permission denied (the command needs root to open the disk nodes)\n"},
+        {{"--host", root, "map", "--volumes"}, 3, sdaDenied + sdbDenied + "scsitool: no device could be queried: permission denied (the command needs root to open the disk nodes)\n"},
+        {{"--host", root, "udid", "sda"}, 3, sdaDenied},
+        {{"--host", root, "show", "sdb"}, 3, sdbDenied},
+        {{"--host", root, "capture", dir.file("c.json")}, 3, sdaDenied + sdbDenied + "scsitool: capture refused: 2 disk nodes cannot be opened (the capture needs root to open every disk node)\n"},
+        {{"--host", mixed, "map"}, 0, sdbDenied},
+        {{"--host", mixed, "udid", "sda"}, 0, ""},
+    };
+    // clang-format on
+    expectErrors(cases);
+    EXPECT_FALSE(std::ifstream(dir.file("c.json")).good()) << "a refused capture wrote a file";
+    EXPECT_EQ(run({"--host", mixed, "map"}).out,
+              "[H:C:T:L]  DEVICE    KIND  VENDOR  PRODUCT  STATE    UDID\n"
+              "[0:0:0:0]  /dev/sda  disk  ACME    DISK     running  "
+              "UDID##ACME##DISK##/DEV/SDA@TEST01  (host-local)\n");
+}
+
+TEST(CommandOutput, AWriteThatFailsExitsTwoAndLeavesTheOldFile)
+{
+    TempDir dir;
+    const std::string file = dir.file("capture.json");
+    writeFile(file, "the previous capture\n");
+    // Files may grow to one block: every write beyond fails with EFBIG.
+    const std::string small = "trap '' XFSZ; ulimit -f 1; ";
+    Result result = run({"--host", kDatacenter, "capture", file}, small);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "scsitool: " + file + ": cannot write the snapshot: File too large\n");
+    EXPECT_EQ(readFile(file), "the previous capture\n");
+    std::vector<std::string> left;
+    if (DIR* listing = opendir(dir.file("").c_str())) {
+        while (struct dirent* entry = readdir(listing))
+            if (entry->d_name[0] != '.')
+                left.push_back(entry->d_name);
+        closedir(listing);
+    }
+    EXPECT_EQ(left, std::vector<std::string>{"capture.json"}) << "a temporary file was left";
+
+    result = run({"--host", kDatacenter, "map", "--json"}, small);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, readFile(kGolden + "datacenter.map.err") +
+                              "scsitool: standard output: File too large\n");
+
+    // A complete capture replaces the old file.
+    ASSERT_EQ(run({"--host", kDatacenter, "capture", file}).status, 0);
+    EXPECT_EQ(readFile(file), run({"--host", kDatacenter, "capture", "-"}).out);
+}
+
+TEST(CommandMap, VolumesGroupPathsAndPseudoDevicesByUdid)
+{
+    expectGolden("datacenter.volumes.txt", run({"--host", kDatacenter, "map", "--volumes"}).out);
+    nlohmann::json volumes =
+        parseJson(run({"--host", kDatacenter, "map", "--volumes", "--json"}).out);
+    ASSERT_TRUE(volumes.is_array());
+    std::map<std::string, nlohmann::json> byUdid;
+    for (const nlohmann::json& volume : volumes)
+        byUdid[volume["udid"]] = volume;
+    // Every UDID of the map is one volume, the control node none.
+    std::set<std::string> udids;
+    for (const nlohmann::json& entry : parseJson(run({"--host", kDatacenter, "map", "--json"}).out))
+        if (entry["kind"] != "dm-control")
+            udids.insert(entry["Uid"].get<std::string>());
+    EXPECT_EQ(byUdid.size(), udids.size());
+    EXPECT_EQ(
+        byUdid["UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3A:B1:1E:00:4C:8F:5E:59:72:C3:E0:"
+               "11"],
+        nlohmann::json::parse(
+            R"({"udid": "UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3A:B1:1E:00:4C:8F:5E:59:72:C3:E0:11",
+            "host_local": false,
+            "paths": [{"device": "/dev/sdb", "address": [3, 0, 0, 0], "state": "running"}],
+            "pseudo_devices": [{"device": "/dev/emcpowerb", "kind": "powerpath", "state": "running"},
+                               {"device": "/dev/mapper/mpatha", "kind": "dm-multipath", "state": "running"}],
+            "warnings": ["one path only"]})"));
+    EXPECT_EQ(byUdid["UDID######/DEV/SDN@DBHOST01.EXAMPLE.COM"]["host_local"], true);
 }

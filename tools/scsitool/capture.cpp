@@ -16,8 +16,10 @@
 
 #include "commands.h"
 #include "device_discovery.h"
+#include "device_probe.h"
 #include "errors.h"
 #include "fi_system.h"
+#include "output_file.h"
 #include "progress.h"
 #include "scsitool.h"
 #include "simhost.h"
@@ -124,32 +126,6 @@ std::map<std::string, PartitionEntry> readPartitions()
     return disks;
 }
 
-Bytes toBytes(const ScsiPagePtr& page, unsigned int length)
-{
-    if (!page || page->get() == nullptr) {
-        return Bytes();
-    }
-    return Bytes(page->get(), page->get() + length);
-}
-
-// One answer of the device: the standard INQUIRY data (evpd false, code 0) or a VPD page.
-bool readPage(CScsiTool& tool, CScsiDeviceHandle& handle, CScsiDeviceData& record,
-              unsigned int code, bool evpd, Bytes& bytes)
-{
-    unsigned int length = 0;
-    ScsiPagePtr page;
-    try {
-        if (tool.GetModePageInfo(handle, record, code, length, evpd ? 1 : 0, page) != 0 ||
-            length == 0) {
-            return false;
-        }
-    } catch (...) {
-        return false;
-    }
-    bytes = toBytes(page, length);
-    return !bytes.empty();
-}
-
 // The filer identity command that the NetApp generator sends; its raw answer, trailing zero
 // bytes left out.
 bool readNetAppIdentity(const std::string& node, Bytes& answer)
@@ -208,17 +184,18 @@ simhost::SimDevice captureDevice(Session& session, const std::string& node, bool
         device.state = simhost::DeviceState::Unresponsive;
         return device;
     }
-    if (!readPage(tool, handle, record, 0, false, device.inquiry)) {
+    if (!readDevicePage(tool, handle, record, 0, false, device.inquiry)) {
         device.state = simhost::DeviceState::Unresponsive;
         return device;
     }
     Bytes supported;
-    if (readPage(tool, handle, record, 0, true, supported)) {
+    if (readDevicePage(tool, handle, record, 0, true, supported)) {
         device.vpd[0] = supported;
         size_t count = supported.size() > 3 ? supported[3] : 0;
         for (size_t i = 4; i < 4 + count && i < supported.size(); ++i) {
             Bytes page;
-            if (supported[i] != 0 && readPage(tool, handle, record, supported[i], true, page)) {
+            if (supported[i] != 0 &&
+                readDevicePage(tool, handle, record, supported[i], true, page)) {
                 device.vpd[supported[i]] = page;
             }
         }
@@ -293,19 +270,6 @@ std::vector<ListedDisk> listedDisks()
     return disks;
 }
 
-bool isWholeDisk(const std::string& name)
-{
-    if (name.size() < 3 || name.compare(0, 2, "sd") != 0) {
-        return false;
-    }
-    for (size_t i = 2; i < name.size(); ++i) {
-        if (!std::islower(static_cast<unsigned char>(name[i]))) {
-            return false;
-        }
-    }
-    return true;
-}
-
 // Disks whose address could not be read (they do not answer) take the disks of
 // "/proc/scsi/scsi" that no answering disk holds, in order, with the identity the kernel still
 // shows for them; past those, free LUNs of 0:0:0. The kernel does not say which node sits at
@@ -359,7 +323,7 @@ Bytes identity(Session& session, const std::string& node)
     Bytes key;
     for (unsigned int code : {0x83u, 0x80u}) {
         Bytes page;
-        if (readPage(tool, handle, record, code, true, page)) {
+        if (readDevicePage(tool, handle, record, code, true, page)) {
             key.insert(key.end(), page.begin(), page.end());
         }
     }
@@ -367,7 +331,7 @@ Bytes identity(Session& session, const std::string& node)
         return key;
     }
     Bytes inquiry;
-    readPage(tool, handle, record, 0, false, inquiry);
+    readDevicePage(tool, handle, record, 0, false, inquiry);
     key.insert(key.end(), inquiry.begin(), inquiry.end());
     return key;
 }
@@ -473,8 +437,22 @@ void captureHost(Session& session, simhost::SimHost& snapshot)
             identities.emplace_back(key, name);
         }
     }
-    // Disks the kernel lists whose node does not open.
+    // Disks the kernel lists whose node does not open. Without the rights to open them a
+    // capture would show live disks as gone: it is refused.
     std::map<std::string, PartitionEntry> partitions = readPartitions();
+    std::vector<std::pair<std::string, int>> denied;
+    for (const auto& listed : partitions) {
+        const int error = isWholeDisk(listed.first) ? openErrno("/dev/" + listed.first) : 0;
+        if (error == EACCES || error == EPERM) {
+            denied.emplace_back("/dev/" + listed.first, error);
+        }
+    }
+    if (!denied.empty()) {
+        reportUnopened(denied);
+        throw CommandError(kExitNotFound, "capture refused: " + std::to_string(denied.size()) +
+                                              " disk nodes cannot be opened (the capture needs "
+                                              "root to open every disk node)");
+    }
     for (const auto& listed : partitions) {
         if (isWholeDisk(listed.first) &&
             std::find(opened.begin(), opened.end(), listed.first) == opened.end()) {
@@ -539,13 +517,7 @@ std::string runCapture(Session& session, const std::string& file)
     if (file == "-") {
         return text;
     }
-    std::ofstream out(file, std::ios::binary | std::ios::trunc);
-    out << text;
-    out.close();
-    if (!out) {
-        throw CommandError(kExitBadInput,
-                           file + ": cannot write the snapshot: " + std::strerror(errno));
-    }
+    writeFileInPlace(file, text, "cannot write the snapshot");
     return "";
 }
 

@@ -2,10 +2,14 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "WWPN_discovery.h"
+#include "device_probe.h"
 #include "device_udid_factory.h"
 #include "errors.h"
 #include "fi_system.h"
+#include "map_view.h"
 #include "output.h"
 #include "progress.h"
 #include "scsitool.h"
@@ -25,7 +29,38 @@ std::string runMap(Session& session, const MapOptions& options)
         map = session.factory().enumerateDeviceMap(options.rescanBuses, options.busScan,
                                                    options.removeLun0);
     }
-    return options.json ? formatMapJson(map) : formatMapTable(map);
+    std::vector<MapRow> rows = describeMap(session, map, Session::hostName());
+
+    // Every node that did not open is named, those of the map and those the library could not
+    // list at all (without the rights to open them, none is listed).
+    std::vector<std::pair<std::string, int>> failures;
+    bool queried = false;
+    for (const MapRow& row : rows) {
+        if (row.probe.openErrno != 0) {
+            failures.emplace_back(row.info.DeviceName, row.probe.openErrno);
+        } else if (row.kind != "dm-control") {
+            queried = true;
+        }
+    }
+    for (const std::string& node : candidateNodes()) {
+        if (map.count(node) == 0) {
+            if (int error = openErrno(node)) {
+                failures.emplace_back(node, error);
+            }
+        }
+    }
+    std::sort(failures.begin(), failures.end());
+    const int denied = reportUnopened(failures);
+    if (!queried && !failures.empty()) {
+        throw CommandError(kExitNotFound,
+                           denied > 0 ? "no device could be queried: permission denied (the "
+                                        "command needs root to open the disk nodes)"
+                                      : "no device could be queried");
+    }
+    if (options.volumes) {
+        return options.json ? formatVolumesJson(rows) : formatVolumes(rows);
+    }
+    return options.json ? formatMapRowsJson(rows) : formatMapRows(rows);
 }
 
 std::string runUdid(Session& session, const std::string& device, bool rescanIfMissing)
@@ -37,7 +72,7 @@ std::string runUdid(Session& session, const std::string& device, bool rescanIfMi
         udid = session.factory().getCachedUniqueDeviceID(node.c_str(), rescanIfMissing);
     }
     if (udid.empty()) {
-        throw CommandError(kExitNotFound, node + ": device not found");
+        throwUnanswered(node);
     }
     return udid + "\n";
 }
@@ -81,11 +116,7 @@ std::string runShow(Session& session, const std::string& device, bool json)
     }
     report.warnings = session.stopCapture();
     if (status != SCSI_STATUS_OK) {
-        struct stat st;
-        if (kzfi_pdk_4_4::fiSystem().stat(node.c_str(), &st) != 0) {
-            throw CommandError(kExitNotFound, node + ": device not found");
-        }
-        throw CommandError(kExitNotFound, node + ": the device does not answer as a disk");
+        throwUnanswered(node);
     }
 
     report.device = node;

@@ -13,6 +13,7 @@ struct MapOptions {
     bool rescanBuses = false;
     bool busScan = false;
     bool removeLun0 = false;
+    bool volumes = false;
 };
 
 std::string runMap(Session& session, const MapOptions& options);

@@ -1,7 +1,9 @@
 // scsitool: the device map of this host or of a host snapshot, one device's identity and pages,
 // the host's initiator names, and the capture of a snapshot.
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <string>
 
@@ -65,6 +67,8 @@ int main(int argc, char** argv)
                   "handed to the bus rescan (the Linux rescan accepts it and does not use it)");
     map->add_flag("--remove-lun0", mapOptions.removeLun0,
                   "let the rescan remove dead devices at LUN 0 too");
+    map->add_flag("--volumes", mapOptions.volumes,
+                  "one entry per UDID with its paths and pseudo-devices");
 
     std::string device;
     bool rescanIfMissing = false;
@@ -118,7 +122,11 @@ int main(int argc, char** argv)
             output = runCapture(session, captureFile);
         }
         std::fwrite(output.data(), 1, output.size(), stdout);
-        return std::fflush(stdout) == 0 ? kExitSuccess : kExitBadInput;
+        if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+            reportError(std::string("standard output: ") + std::strerror(errno));
+            return kExitBadInput;
+        }
+        return kExitSuccess;
     } catch (const CommandError& e) {
         reportError(e.what());
         return e.exitCode();

@@ -15,11 +15,6 @@ std::string padRight(const std::string& text, size_t width)
     return text.size() >= width ? text : text + std::string(width - text.size(), ' ');
 }
 
-std::string padLeft(const std::string& text, size_t width)
-{
-    return text.size() >= width ? text : std::string(width - text.size(), ' ') + text;
-}
-
 std::string pageLabel(unsigned int code)
 {
     char label[32];
@@ -51,38 +46,6 @@ std::string generatorLabel(const std::string& name)
 }
 
 }  // namespace
-
-std::string formatMapTable(const DeviceMap& map)
-{
-    size_t width = std::string("DEVICE").size();
-    for (const auto& entry : map) {
-        width = std::max(width, entry.first.size());
-    }
-    // An empty UDID shows as "-" so that every row has three columns.
-    std::string text = padRight("DEVICE", width) + "  LEVEL  UDID\n";
-    for (const auto& entry : map) {
-        const SDeviceInfo& info = entry.second;
-        text += padRight(entry.first, width) + "  " +
-                padLeft(std::to_string(info.dmpClaimLevel), 5) + "  " +
-                (info.Uid.empty() ? std::string("-") : info.Uid) + "\n";
-    }
-    return text;
-}
-
-std::string formatMapJson(const DeviceMap& map)
-{
-    ordered_json entries = ordered_json::array();
-    for (const auto& entry : map) {
-        const SDeviceInfo& info = entry.second;
-        ordered_json object;
-        object["DeviceName"] = info.DeviceName;
-        object["Uid"] = info.Uid;
-        object["dmpClaimLevel"] = info.dmpClaimLevel;
-        object["NativePath"] = info.NativePath;
-        entries.push_back(object);
-    }
-    return jsonString(entries);
-}
 
 std::string hexString(const ByteString& bytes)
 {

@@ -37,8 +37,6 @@ struct InitiatorReport {
     std::vector<std::string> portNames;
 };
 
-std::string formatMapTable(const DeviceMap& map);
-std::string formatMapJson(const DeviceMap& map);
 std::string formatDeviceTable(const DeviceReport& report);
 std::string formatDeviceJson(const DeviceReport& report);
 std::string formatInitiatorsTable(const InitiatorReport& report);
