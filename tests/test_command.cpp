@@ -563,3 +563,21 @@ TEST(CommandMap, VolumesGroupPathsAndPseudoDevicesByUdid)
             "warnings": ["one path only"]})"));
     EXPECT_EQ(byUdid["UDID######/DEV/SDN@DBHOST01.EXAMPLE.COM"]["host_local"], true);
 }
+
+TEST(CommandLine, GlobalOptionsGoAnywhereAndTheVersionIsShown)
+{
+    const std::string host24 = kExamples + "host24.json";
+    const Result before = run({"--host", host24, "map", "--json"});
+    ASSERT_EQ(before.status, 0) << before.err;
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {"map", "--host", host24, "--json"},
+             {"map", "--json", "--host", host24},
+             {"map", "--trace", "-", "--trace-level", "1", "--host", host24, "--json"}}) {
+        Result result = run(args);
+        EXPECT_EQ(result.status, 0) << describe(args) << "\n" << result.err;
+        EXPECT_EQ(result.out, before.out) << describe(args);
+    }
+    Result version = run({"--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out, "scsitool " SCSITOOL_VERSION "\n");
+}

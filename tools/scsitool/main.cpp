@@ -20,8 +20,9 @@ const char* const kFooter =
     "  0  success\n"
     "  1  usage: a bad option or argument\n"
     "  2  bad input: a snapshot, configuration, trace or output file that cannot be used\n"
-    "  3  device not found, or it does not answer\n"
-    "  4  the library failed unexpectedly";
+    "  3  device not found, cannot be opened (the reason is named), or it does not answer\n"
+    "  4  the library failed unexpectedly\n"
+    "  5  the device maps compared differ";
 
 // One line on stderr, whatever the message held.
 void reportError(const std::string& message)
@@ -41,6 +42,10 @@ int main(int argc, char** argv)
 {
     CLI::App app{"SCSI disks and their unique device ids (UDIDs)", "scsitool"};
     app.footer(kFooter);
+    app.set_version_flag("--version", "scsitool " SCSITOOL_VERSION);
+    // Global options are taken after the subcommand too: the subcommands made below pass what
+    // they do not know on to the command.
+    app.fallthrough();
     // At most one; none is reported after parsing, so that a misspelt one is named.
     app.require_subcommand(0, 1);
 
