@@ -86,6 +86,9 @@ public:
     static std::unique_ptr<SimHost> fromFile(const std::string& path, std::string& error);
     // The snapshot of this host's current state (the format fromJson reads).
     std::string toJson() const;
+    // Where a captured snapshot came from (a JSON object's text, "" for none); kept, not used.
+    void setCapture(const std::string& json);
+    std::string capture() const;
 
     // Building a host (tests, benchmarks, the capture command).
     void setHostname(const std::string& name);

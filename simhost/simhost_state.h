@@ -55,6 +55,7 @@ struct SimHost::State {
     std::map<std::string, std::string> files;
     std::set<std::string> executables;
     std::map<std::string, SimCommandScript> commands;
+    std::string capture;  // the snapshot's "capture" object as JSON text ("" when none)
 
     std::vector<SimEvent> events;
     int openCalls = 0;

@@ -257,7 +257,8 @@ std::vector<SimPseudoDevice> readPseudoDevices(const json& root, const std::stri
         if (key == "powerpath" && state.find(pseudo.name)) {
             fail(fields.at("name"), "node /dev/" + pseudo.name + " is a device's node");
         }
-        if (!state.find(pseudo.device)) {
+        // "" for a node that fronts no device (an LVM or crypt map answers no SCSI command).
+        if (!pseudo.device.empty() && !state.find(pseudo.device)) {
             fail(fields.at("device"), "unknown device " + pseudo.device);
         }
         result.push_back(pseudo);
@@ -297,6 +298,13 @@ void readHost(const json& root, SimHost::State& state)
             fail(path + ".address", "duplicate address " + addressText(device));
         }
         state.devices.push_back(device);
+    }
+    // Where a capture came from; the host model does not use it.
+    if (const json* capture = fields.get("capture", false)) {
+        if (!capture->is_object()) {
+            fail("capture", "expected an object");
+        }
+        state.capture = capture->dump();
     }
     fields.get("multipath_maps", false);
     state.maps = readPseudoDevices(root, "multipath_maps", state);
@@ -430,6 +438,16 @@ std::unique_ptr<SimHost> SimHost::fromFile(const std::string& path, std::string&
     return host;
 }
 
+void SimHost::setCapture(const std::string& json)
+{
+    m_state->capture = json;
+}
+
+std::string SimHost::capture() const
+{
+    return m_state->capture;
+}
+
 std::string SimHost::toJson() const
 {
     using ordered = nlohmann::ordered_json;
@@ -494,6 +512,9 @@ std::string SimHost::toJson() const
     for (const auto& command : state.commands) {
         root["commands"][command.first] =
             ordered{{"exit", command.second.exitCode}, {"output", command.second.output}};
+    }
+    if (!state.capture.empty()) {
+        root["capture"] = ordered::parse(state.capture);
     }
     // Addresses on one line: "address": [3, 0, 0, 1].
     static const std::regex address(R"re("address": \[\s*(\d+),\s*(\d+),\s*(\d+),\s*(\d+)\s*\])re");

@@ -174,7 +174,9 @@ TEST(CommandCapture, ReplayOfACaptureGivesTheSameMapAndCapturesToItself)
         TempDir dir;
         const std::string original = kExamples + host + ".json";
         const std::string first = dir.file("first.json"), second = dir.file("second.json");
-        Result captured = run({"--host", original, "capture", first});
+        // The capture's time is the same in every capture.
+        const std::string fixedTime = "SOURCE_DATE_EPOCH=1700000000 ";
+        Result captured = run({"--host", original, "capture", first}, fixedTime);
         ASSERT_EQ(captured.status, 0) << host << ": " << captured.err;
         EXPECT_EQ(captured.out, "") << host;
         Result expected = run({"--host", original, "map", "--json"});
@@ -184,9 +186,9 @@ TEST(CommandCapture, ReplayOfACaptureGivesTheSameMapAndCapturesToItself)
         EXPECT_EQ(run({"--host", first, "initiators", "--json"}).out,
                   run({"--host", original, "initiators", "--json"}).out)
             << host;
-        ASSERT_EQ(run({"--host", first, "capture", second}).status, 0) << host;
+        ASSERT_EQ(run({"--host", first, "capture", second}, fixedTime).status, 0) << host;
         EXPECT_EQ(readFile(second), readFile(first)) << host << ": a capture of the replay differs";
-        EXPECT_EQ(run({"--host", first, "capture", "-"}).out, readFile(first)) << host;
+        EXPECT_EQ(run({"--host", first, "capture", "-"}, fixedTime).out, readFile(first)) << host;
     }
 }
 
@@ -381,7 +383,7 @@ TEST(CommandErrors, OneLineOnStderrTheExitCodeAndNothingOnStdout)
     const std::string none = dir.file("no/such/dir");
     // clang-format off
     const std::vector<ErrorCase> cases = {
-        {{}, 1, "scsitool: a subcommand is required: map, udid, show, initiators or capture\n"},
+        {{}, 1, "scsitool: a subcommand is required: map, udid, show, initiators, capture or verify\n"},
         {{"mpa"}, 1, "scsitool: The following argument was not expected: mpa\n"},
         {{"map", "--bogus"}, 1, "scsitool: The following argument was not expected: --bogus\n"},
         {{"udid"}, 1, "scsitool: DEVICE is required\n"},
@@ -580,4 +582,70 @@ TEST(CommandLine, GlobalOptionsGoAnywhereAndTheVersionIsShown)
     Result version = run({"--version"});
     EXPECT_EQ(version.status, 0);
     EXPECT_EQ(version.out, "scsitool " SCSITOOL_VERSION "\n");
+}
+
+TEST(CommandVerify, TheReplayOfACaptureGivesItsRecordedMap)
+{
+    TempDir dir;
+    // A device-mapper node that is no multipath map (an LVM volume) fronts no device.
+    nlohmann::json host = parseJson(readFile(kExamples + "modern.json"));
+    host["multipath_maps"].push_back({{"name", "vg0-home"}, {"device", ""}});
+    writeFile(dir.file("lvm.json"), host.dump());
+    const std::string capture = dir.file("capture.json");
+    ASSERT_EQ(
+        run({"--host", dir.file("lvm.json"), "capture", capture}, "SOURCE_DATE_EPOCH=0 ").status,
+        0);
+    nlohmann::json captured = parseJson(readFile(capture));
+    EXPECT_EQ(captured["capture"]["time"], "1970-01-01T00:00:00Z");
+    EXPECT_EQ(captured["capture"]["scsitool_version"], SCSITOOL_VERSION);
+    EXPECT_EQ(captured["capture"]["anonymised"], false);
+    EXPECT_EQ(captured["capture"]["map"],
+              parseJson(run({"--host", dir.file("lvm.json"), "map", "--json"}).out));
+    EXPECT_EQ(captured["multipath_maps"][1],
+              nlohmann::json::parse(R"({"name": "vg0-home", "device": ""})"));
+
+    // The recorded map, changed: one UDID, one device left out.
+    nlohmann::json changed = captured;
+    changed["capture"]["map"][3]["Uid"] = "UDID##X";
+    changed["capture"]["map"].erase(2);
+    writeFile(dir.file("changed.json"), changed.dump());
+    nlohmann::json unrecorded = captured;
+    unrecorded.erase("capture");
+    writeFile(dir.file("unrecorded.json"), unrecorded.dump());
+
+    Result same = run({"verify", capture});
+    EXPECT_EQ(same.status, 0) << same.err;
+    EXPECT_EQ(same.out, "the replay gives the recorded map: 4 devices\n");
+    Result differs = run({"verify", dir.file("changed.json")});
+    EXPECT_EQ(differs.status, 5) << differs.err;
+    EXPECT_EQ(differs.out,
+              "/dev/sda: in the replay, not recorded\n"
+              "/dev/sdb: Uid recorded \"UDID##X\", replayed \"" +
+                  captured["capture"]["map"][3]["Uid"].get<std::string>() + "\"\n");
+    expectErrors({
+        {{"verify", dir.file("unrecorded.json")},
+         2,
+         "scsitool: " + dir.file("unrecorded.json") +
+             ": no recorded map: the snapshot was not written by capture\n"},
+        {{"--host", capture, "verify", capture},
+         1,
+         "scsitool: verify replays its CAPTURE: --host is not taken\n"},
+    });
+}
+
+TEST(CommandCapture, AnonymisedCaptureReplacesHostNamesConsistently)
+{
+    TempDir dir;
+    const std::string capture = dir.file("anonymous.json");
+    ASSERT_EQ(run({"--host", kDatacenter, "capture", "--anonymise", capture}).status, 0);
+    const std::string text = readFile(capture);
+    for (const char* name : {"dbhost01", "DBHOST01", "dc01a7f3e2b1", "21000024ff2c3d4e"})
+        EXPECT_EQ(text.find(name), std::string::npos) << name << " is still in the capture";
+    EXPECT_EQ(run({"--host", capture, "initiators", "--json"}).out,
+              "{\n  \"iscsi_initiator\": \"iqn.2000-01.invalid.example:initiator\",\n"
+              "  \"fc_port_names\": [\n    \"2000000000000001\"\n  ]\n}\n");
+    // The host-local UDIDs of the recorded map carry the stand-in too: the replay agrees.
+    EXPECT_EQ(run({"verify", capture}).status, 0);
+    EXPECT_NE(run({"--host", capture, "udid", "sdn"}).out.find("@HOST.EXAMPLE.INVALID"),
+              std::string::npos);
 }

@@ -12,7 +12,8 @@ enum ExitCode : int {
     kExitUsage = 1,     // a bad option or argument
     kExitBadInput = 2,  // a snapshot, configuration or output file that cannot be used
     kExitNotFound = 3,  // the device does not exist or does not answer
-    kExitFailure = 4    // the library failed unexpectedly
+    kExitFailure = 4,   // the library failed unexpectedly
+    kExitDiffers = 5    // the device maps compared differ
 };
 
 // Stops the command: main writes "scsitool: " + what() as one line on stderr and exits with

@@ -98,6 +98,17 @@ int main(int argc, char** argv)
         ->required()
         ->type_name("FILE");
 
+    bool anonymise = false;
+    capture->add_flag("--anonymise", anonymise,
+                      "replace the host name, iSCSI initiator name and FC port names");
+
+    std::string verifyFile;
+    CLI::App* verify = app.add_subcommand(
+        "verify", "replay a capture and compare its map with the one recorded (5: differs)");
+    verify->add_option("CAPTURE", verifyFile, "a snapshot written by capture")
+        ->required()
+        ->type_name("FILE");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -108,8 +119,15 @@ int main(int argc, char** argv)
         return kExitUsage;
     }
     if (app.get_subcommands().empty()) {
-        reportError("a subcommand is required: map, udid, show, initiators or capture");
+        reportError("a subcommand is required: map, udid, show, initiators, capture or verify");
         return kExitUsage;
+    }
+    if (verify->parsed()) {
+        if (!global.hostFile.empty()) {
+            reportError("verify replays its CAPTURE: --host is not taken");
+            return kExitUsage;
+        }
+        global.hostFile = verifyFile;
     }
 
     try {
@@ -124,14 +142,18 @@ int main(int argc, char** argv)
         } else if (initiators->parsed()) {
             output = runInitiators(session, initiatorsJson);
         } else if (capture->parsed()) {
-            output = runCapture(session, captureFile);
+            output = runCapture(session, captureFile, anonymise);
+        }
+        bool same = true;
+        if (verify->parsed()) {
+            output = runVerify(session, verifyFile, same);
         }
         std::fwrite(output.data(), 1, output.size(), stdout);
         if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
             reportError(std::string("standard output: ") + std::strerror(errno));
             return kExitBadInput;
         }
-        return kExitSuccess;
+        return same ? kExitSuccess : kExitDiffers;
     } catch (const CommandError& e) {
         reportError(e.what());
         return e.exitCode();
