@@ -326,6 +326,7 @@ void readHost(const json& root, SimHost::State& state)
         adapter.procText = adapterFields.string("proc_text", false);
         adapter.fcHost = adapterFields.boolean("fc_host", false);
         adapter.portName = adapterFields.string("port_name", false);
+        adapter.portState = adapterFields.string("port_state", false);
         if (!hosts.insert(adapter.host).second) {
             fail(adapterFields.at("host"), "duplicate host " + std::to_string(adapter.host));
         }
@@ -499,6 +500,9 @@ std::string SimHost::toJson() const
         entry["proc_text"] = adapter.procText;
         entry["fc_host"] = adapter.fcHost;
         entry["port_name"] = adapter.portName;
+        if (!adapter.portState.empty()) {
+            entry["port_state"] = adapter.portState;
+        }
         adapters.push_back(entry);
     }
     root["adapters"] = adapters;

@@ -335,15 +335,30 @@ TEST(CommandInitiators, NamesTheInitiatorAndPortsOrNullWhenThereIsNone)
         std::string json;
     } cases[] = {
         {kDatacenter,
+         // The library's search finds the QLogic port only; sysfs shows both hosts.
          "{\n  \"iscsi_initiator\": \"iqn.1994-05.com.redhat:dc01a7f3e2b1\",\n"
-         "  \"fc_port_names\": [\n    \"21000024ff2c3d4e\"\n  ]\n}\n"},
-        {dir.file("bare.json"), "{\n  \"iscsi_initiator\": null,\n  \"fc_port_names\": []\n}\n"},
+         "  \"fc_port_names\": [\n    \"21000024ff2c3d4e\"\n  ],\n"
+         "  \"fc_hosts\": [\n"
+         "    {\n      \"host\": 3,\n      \"driver\": \"qla2xxx\",\n      \"port_state\": "
+         "\"Online\",\n"
+         "      \"port_name\": \"21:00:00:24:ff:2c:3d:4e\"\n    },\n"
+         "    {\n      \"host\": 4,\n      \"driver\": \"lpfc\",\n      \"port_state\": "
+         "\"Linkdown\",\n"
+         "      \"port_name\": \"10:00:00:00:c9:a1:b2:c3\"\n    }\n  ]\n}\n"},
+        {dir.file("bare.json"),
+         "{\n  \"iscsi_initiator\": null,\n  \"fc_port_names\": [],\n  \"fc_hosts\": []\n}\n"},
     };
     for (const Case& c : cases) {
         Result result = run({"--host", c.host, "initiators", "--json"});
         EXPECT_EQ(result.status, 0) << c.host;
         EXPECT_EQ(result.out, c.json) << c.host;
     }
+    EXPECT_EQ(run({"--host", kDatacenter, "initiators"}).out,
+              "iSCSI initiator  iqn.1994-05.com.redhat:dc01a7f3e2b1\n"
+              "FC port names    21000024ff2c3d4e\n\n"
+              "FC hosts in /sys/class/fc_host (the command's own reading):\n"
+              "  host3   qla2xxx   Online    21:00:00:24:ff:2c:3d:4e\n"
+              "  host4   lpfc      Linkdown  10:00:00:00:c9:a1:b2:c3\n");
 }
 
 TEST(CommandTrace, GoesToTheFileAtTheLevelAsked)
@@ -534,8 +549,9 @@ TEST(CommandOutput, AWriteThatFailsExitsTwoAndLeavesTheOldFile)
                               "scsitool: standard output: File too large\n");
 
     // A complete capture replaces the old file.
-    ASSERT_EQ(run({"--host", kDatacenter, "capture", file}).status, 0);
-    EXPECT_EQ(readFile(file), run({"--host", kDatacenter, "capture", "-"}).out);
+    ASSERT_EQ(run({"--host", kDatacenter, "capture", file}, "SOURCE_DATE_EPOCH=0 ").status, 0);
+    EXPECT_EQ(readFile(file),
+              run({"--host", kDatacenter, "capture", "-"}, "SOURCE_DATE_EPOCH=0 ").out);
 }
 
 TEST(CommandMap, VolumesGroupPathsAndPseudoDevicesByUdid)
@@ -641,9 +657,10 @@ TEST(CommandCapture, AnonymisedCaptureReplacesHostNamesConsistently)
     const std::string text = readFile(capture);
     for (const char* name : {"dbhost01", "DBHOST01", "dc01a7f3e2b1", "21000024ff2c3d4e"})
         EXPECT_EQ(text.find(name), std::string::npos) << name << " is still in the capture";
-    EXPECT_EQ(run({"--host", capture, "initiators", "--json"}).out,
-              "{\n  \"iscsi_initiator\": \"iqn.2000-01.invalid.example:initiator\",\n"
-              "  \"fc_port_names\": [\n    \"2000000000000001\"\n  ]\n}\n");
+    nlohmann::json initiators = parseJson(run({"--host", capture, "initiators", "--json"}).out);
+    EXPECT_EQ(initiators["iscsi_initiator"], "iqn.2000-01.invalid.example:initiator");
+    EXPECT_EQ(initiators["fc_port_names"], nlohmann::json::array({"2000000000000001"}));
+    EXPECT_EQ(initiators["fc_hosts"][1]["port_name"], "20:00:00:00:00:00:00:02");
     // The host-local UDIDs of the recorded map carry the stand-in too: the replay agrees.
     EXPECT_EQ(run({"verify", capture}).status, 0);
     EXPECT_NE(run({"--host", capture, "udid", "sdn"}).out.find("@HOST.EXAMPLE.INVALID"),

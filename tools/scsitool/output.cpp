@@ -162,6 +162,16 @@ std::string formatInitiatorsTable(const InitiatorReport& report)
     for (size_t i = 0; i < report.portNames.size(); ++i) {
         text += padRight(i == 0 ? "FC port names" : "", 17) + report.portNames[i] + "\n";
     }
+    text += "\nFC hosts in /sys/class/fc_host (the command's own reading):\n";
+    if (report.fcHosts.empty()) {
+        text += "  -\n";
+    }
+    for (const FcHost& host : report.fcHosts) {
+        text += "  " + padRight("host" + std::to_string(host.host), 8) +
+                padRight(host.driver.empty() ? "-" : host.driver, 10) +
+                padRight(host.portState.empty() ? "-" : host.portState, 10) +
+                (host.portName.empty() ? "-" : host.portName) + "\n";
+    }
     return text;
 }
 
@@ -170,6 +180,16 @@ std::string formatInitiatorsJson(const InitiatorReport& report)
     ordered_json object;
     object["iscsi_initiator"] = report.hasIqn ? ordered_json(report.iqn) : ordered_json(nullptr);
     object["fc_port_names"] = report.portNames;
+    ordered_json hosts = ordered_json::array();
+    for (const FcHost& host : report.fcHosts) {
+        ordered_json entry;
+        entry["host"] = host.host;
+        entry["driver"] = host.driver;
+        entry["port_state"] = host.portState;
+        entry["port_name"] = host.portName;
+        hosts.push_back(entry);
+    }
+    object["fc_hosts"] = hosts;
     return jsonString(object);
 }
 
