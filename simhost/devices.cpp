@@ -101,6 +101,24 @@ Outcome execute(const SimDevice* device, const Bytes& cdb)
     return illegalRequest(0x20);  // INVALID COMMAND OPERATION CODE
 }
 
+// Whether the disk node `name` of `disk` refuses to open, errno set: a gone device's node is
+// still there without the device behind it; a denied one needs rights the caller lacks.
+bool refusedOpen(const SimDevice* disk, const std::string& name)
+{
+    if (disk == nullptr || disk->name != name) {
+        return false;
+    }
+    if (disk->state == DeviceState::Gone) {
+        errno = ENXIO;
+        return true;
+    }
+    if (disk->state == DeviceState::Denied) {
+        errno = EACCES;
+        return true;
+    }
+    return false;
+}
+
 }  // namespace
 
 int SimHost::open(const char* path, int flags)
@@ -132,9 +150,7 @@ int SimHost::open(const char* path, int flags)
     std::string device;
     if (state.indexedAnswerer(node, device)) {
         if (node.compare(0, 12, "/dev/mapper/") != 0) {
-            const SimDevice* disk = state.find(device);
-            if (disk && disk->name == name && disk->state == DeviceState::Gone) {
-                errno = ENXIO;  // the node is still there, the device behind it is not
+            if (refusedOpen(state.find(device), name)) {
                 return -1;
             }
         }
@@ -160,9 +176,7 @@ int SimHost::open(const char* path, int flags)
                 }
             }
         }
-        const SimDevice* disk = state.find(device);
-        if (disk && disk->name == name && disk->state == DeviceState::Gone) {
-            errno = ENXIO;  // the node is still there, the device behind it is not
+        if (refusedOpen(state.find(device), name)) {
             return -1;
         }
     }

@@ -388,6 +388,9 @@ SimTree SimHost::State::tree(bool kernelText, const std::string& subtree) const
         if (adapter.fcHost) {
             const std::string fcHost = "/sys/class/fc_host/" + host;
             file(fcHost + "/port_name", adapter.portName + "\n", true, false);
+            if (!adapter.portState.empty()) {
+                file(fcHost + "/port_state", adapter.portState + "\n", true, false);
+            }
             file(fcHost + "/issue_lip", "", false, true);
             file(scsiHost + "/device/fc_host/" + host + "/port_name", adapter.portName + "\n", true,
                  false);

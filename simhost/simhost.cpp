@@ -179,7 +179,7 @@ const SimDevice* SimHost::State::find(const std::string& name) const
 bool SimHost::State::listed(const SimDevice& device)
 {
     return device.state == DeviceState::Running || device.state == DeviceState::Unresponsive ||
-           device.state == DeviceState::Gone;
+           device.state == DeviceState::Gone || device.state == DeviceState::Denied;
 }
 
 // --- building ----------------------------------------------------------------------------------

@@ -21,7 +21,8 @@ enum class DeviceState {
     Latent,        // present but invisible until a scan finds its address
     Unresponsive,  // its node opens, every command fails
     Gone,          // still listed by the kernel, its node cannot be opened (ENXIO)
-    Removed        // forgotten by the kernel after a removal; no scan brings it back
+    Removed,       // forgotten by the kernel after a removal; no scan brings it back
+    Denied         // listed and answering, but its node opens for root only (EACCES)
 };
 
 struct SimDevice {
@@ -49,10 +50,11 @@ struct SimPseudoDevice {
 // A host adapter: /sys/class/scsi_host/hostN, and the driver's /proc/scsi/<driver>/N file.
 struct SimAdapter {
     int host = 0;
-    std::string driver;    // "qla2xxx", "qla2300", "lpfc", "mptspi", ...
-    std::string procText;  // contents of /proc/scsi/<driver>/<host> ("" when none)
-    bool fcHost = false;   // has /sys/class/fc_host/hostN
-    std::string portName;  // its port_name, e.g. "0x21000024ff2c3d4e"
+    std::string driver;     // "qla2xxx", "qla2300", "lpfc", "mptspi", ...
+    std::string procText;   // contents of /proc/scsi/<driver>/<host> ("" when none)
+    bool fcHost = false;    // has /sys/class/fc_host/hostN
+    std::string portName;   // its port_name, e.g. "0x21000024ff2c3d4e"
+    std::string portState = std::string();  // its port_state, e.g. "Online"; "" for no such file
 };
 
 struct SimCommandScript {
@@ -85,6 +87,9 @@ public:
     static std::unique_ptr<SimHost> fromFile(const std::string& path, std::string& error);
     // The snapshot of this host's current state (the format fromJson reads).
     std::string toJson() const;
+    // Where a captured snapshot came from (a JSON object's text, "" for none); kept, not used.
+    void setCapture(const std::string& json);
+    std::string capture() const;
 
     // Building a host (tests, benchmarks, the capture command).
     void setHostname(const std::string& name);
@@ -117,6 +122,8 @@ public:
     // Read access to the model, for tests and the capture command.
     std::vector<SimDevice> devices() const;
     std::vector<SimAdapter> adapters() const;
+    // The values of the semaphore set of `key`; empty when there is none.
+    std::vector<int> semaphoreValues(int key) const;
     // The text a read of `path` gives now; false when the file does not exist.
     bool fileText(const std::string& path, std::string& text) const;
 
@@ -134,6 +141,10 @@ public:
     int gethostname(char* name, size_t length) override;
     unsigned int sleep(unsigned int seconds) override;
     int system(const char* command) override;
+    // The host's own semaphore sets: the real host's are never touched.
+    int semget(key_t key, int count, int flags) override;
+    int semop(int id, struct sembuf* operations, size_t count) override;
+    int semctl(int id, int number, int command) override;
     int exec(const std::string& command, std::vector<std::string>& output,
              unsigned long limitSeconds, int& sysErrno) override;
 

@@ -55,6 +55,7 @@ struct SimHost::State {
     std::map<std::string, std::string> files;
     std::set<std::string> executables;
     std::map<std::string, SimCommandScript> commands;
+    std::string capture;  // the snapshot's "capture" object as JSON text ("" when none)
 
     std::vector<SimEvent> events;
     int openCalls = 0;
@@ -66,6 +67,11 @@ struct SimHost::State {
     int nextFd = 3;
     std::map<std::string, std::vector<Bytes>> cdbs;
     std::set<void*> dirs;  // open directory handles
+
+    // System V semaphore sets of this host (semaphores.cpp): ids by key, values by id.
+    std::map<int, int> semaphoreIds;
+    std::map<int, std::vector<int>> semaphores;
+    int nextSemaphore = 1;
 
     // Devices.
     SimDevice* find(const std::string& name);

@@ -27,7 +27,8 @@ struct SnapshotError {
     throw SnapshotError{path + ": " + what};
 }
 
-const char* const kStateNames[] = {"running", "latent", "unresponsive", "gone", "removed"};
+const char* const kStateNames[] = {"running", "latent",  "unresponsive",
+                                   "gone",    "removed", "denied"};
 
 // Reads the members of one JSON object, rejecting what it does not know.
 class Fields {
@@ -256,7 +257,8 @@ std::vector<SimPseudoDevice> readPseudoDevices(const json& root, const std::stri
         if (key == "powerpath" && state.find(pseudo.name)) {
             fail(fields.at("name"), "node /dev/" + pseudo.name + " is a device's node");
         }
-        if (!state.find(pseudo.device)) {
+        // "" for a node that fronts no device (an LVM or crypt map answers no SCSI command).
+        if (!pseudo.device.empty() && !state.find(pseudo.device)) {
             fail(fields.at("device"), "unknown device " + pseudo.device);
         }
         result.push_back(pseudo);
@@ -297,6 +299,13 @@ void readHost(const json& root, SimHost::State& state)
         }
         state.devices.push_back(device);
     }
+    // Where a capture came from; the host model does not use it.
+    if (const json* capture = fields.get("capture", false)) {
+        if (!capture->is_object()) {
+            fail("capture", "expected an object");
+        }
+        state.capture = capture->dump();
+    }
     fields.get("multipath_maps", false);
     state.maps = readPseudoDevices(root, "multipath_maps", state);
     fields.get("powerpath", false);
@@ -317,6 +326,7 @@ void readHost(const json& root, SimHost::State& state)
         adapter.procText = adapterFields.string("proc_text", false);
         adapter.fcHost = adapterFields.boolean("fc_host", false);
         adapter.portName = adapterFields.string("port_name", false);
+        adapter.portState = adapterFields.string("port_state", false);
         if (!hosts.insert(adapter.host).second) {
             fail(adapterFields.at("host"), "duplicate host " + std::to_string(adapter.host));
         }
@@ -429,6 +439,16 @@ std::unique_ptr<SimHost> SimHost::fromFile(const std::string& path, std::string&
     return host;
 }
 
+void SimHost::setCapture(const std::string& json)
+{
+    m_state->capture = json;
+}
+
+std::string SimHost::capture() const
+{
+    return m_state->capture;
+}
+
 std::string SimHost::toJson() const
 {
     using ordered = nlohmann::ordered_json;
@@ -480,6 +500,9 @@ std::string SimHost::toJson() const
         entry["proc_text"] = adapter.procText;
         entry["fc_host"] = adapter.fcHost;
         entry["port_name"] = adapter.portName;
+        if (!adapter.portState.empty()) {
+            entry["port_state"] = adapter.portState;
+        }
         adapters.push_back(entry);
     }
     root["adapters"] = adapters;
@@ -493,6 +516,9 @@ std::string SimHost::toJson() const
     for (const auto& command : state.commands) {
         root["commands"][command.first] =
             ordered{{"exit", command.second.exitCode}, {"output", command.second.output}};
+    }
+    if (!state.capture.empty()) {
+        root["capture"] = ordered::parse(state.capture);
     }
     // Addresses on one line: "address": [3, 0, 0, 1].
     static const std::regex address(R"re("address": \[\s*(\d+),\s*(\d+),\s*(\d+),\s*(\d+)\s*\])re");

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/sem.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -30,11 +32,12 @@ struct Result {
     std::string err;
 };
 
-// Runs the command with `args`; stdout and stderr are kept apart, stdin is empty.
-Result run(const std::vector<std::string>& args)
+// Runs the command with `args`; stdout and stderr are kept apart, stdin is empty. `shell` runs
+// before it, in the same shell (limits, traps).
+Result run(const std::vector<std::string>& args, const std::string& shell = "")
 {
     TempDir dir;
-    std::string command = "'" + kBinary + "'";
+    std::string command = shell + "'" + kBinary + "'";
     for (const std::string& arg : args)
         command += " '" + arg + "'";
     command += " </dev/null >" + dir.file("out") + " 2>" + dir.file("err");
@@ -100,8 +103,8 @@ TEST(CommandGolden, MapOfEveryExampleHostAsTableAndJson)
                 args.push_back("--json");
             Result result = run(args);
             EXPECT_EQ(result.status, 0) << describe(args) << "\n" << result.err;
-            // No progress line either: stderr is not a terminal here.
-            EXPECT_EQ(result.err, "") << describe(args);
+            // The nodes that do not open, and no progress line: stderr is not a terminal here.
+            expectGolden(host + ".map.err", result.err);
             expectGolden(host + (json ? ".map.json" : ".map.txt"), result.out);
         }
     }
@@ -144,6 +147,25 @@ std::string inquiryHex(const std::string& vendor, const std::string& product)
     return text;
 }
 
+// A command line, its exit code and all it writes on stderr; stdout stays empty on failure.
+struct ErrorCase {
+    std::vector<std::string> args;
+    int status;
+    std::string err;
+};
+
+void expectErrors(const std::vector<ErrorCase>& cases)
+{
+    for (const ErrorCase& c : cases) {
+        Result result = run(c.args);
+        EXPECT_EQ(result.status, c.status) << describe(c.args);
+        EXPECT_EQ(result.err, c.err) << describe(c.args);
+        if (c.status != 0) {
+            EXPECT_EQ(result.out, "") << describe(c.args);
+        }
+    }
+}
+
 }  // namespace
 
 TEST(CommandCapture, ReplayOfACaptureGivesTheSameMapAndCapturesToItself)
@@ -152,7 +174,9 @@ TEST(CommandCapture, ReplayOfACaptureGivesTheSameMapAndCapturesToItself)
         TempDir dir;
         const std::string original = kExamples + host + ".json";
         const std::string first = dir.file("first.json"), second = dir.file("second.json");
-        Result captured = run({"--host", original, "capture", first});
+        // The capture's time is the same in every capture.
+        const std::string fixedTime = "SOURCE_DATE_EPOCH=1700000000 ";
+        Result captured = run({"--host", original, "capture", first}, fixedTime);
         ASSERT_EQ(captured.status, 0) << host << ": " << captured.err;
         EXPECT_EQ(captured.out, "") << host;
         Result expected = run({"--host", original, "map", "--json"});
@@ -162,9 +186,9 @@ TEST(CommandCapture, ReplayOfACaptureGivesTheSameMapAndCapturesToItself)
         EXPECT_EQ(run({"--host", first, "initiators", "--json"}).out,
                   run({"--host", original, "initiators", "--json"}).out)
             << host;
-        ASSERT_EQ(run({"--host", first, "capture", second}).status, 0) << host;
+        ASSERT_EQ(run({"--host", first, "capture", second}, fixedTime).status, 0) << host;
         EXPECT_EQ(readFile(second), readFile(first)) << host << ": a capture of the replay differs";
-        EXPECT_EQ(run({"--host", first, "capture", "-"}).out, readFile(first)) << host;
+        EXPECT_EQ(run({"--host", first, "capture", "-"}, fixedTime).out, readFile(first)) << host;
     }
 }
 
@@ -317,15 +341,30 @@ TEST(CommandInitiators, NamesTheInitiatorAndPortsOrNullWhenThereIsNone)
         std::string json;
     } cases[] = {
         {kDatacenter,
+         // The library's search finds the QLogic port only; sysfs shows both hosts.
          "{\n  \"iscsi_initiator\": \"iqn.1994-05.com.redhat:dc01a7f3e2b1\",\n"
-         "  \"fc_port_names\": [\n    \"21000024ff2c3d4e\"\n  ]\n}\n"},
-        {dir.file("bare.json"), "{\n  \"iscsi_initiator\": null,\n  \"fc_port_names\": []\n}\n"},
+         "  \"fc_port_names\": [\n    \"21000024ff2c3d4e\"\n  ],\n"
+         "  \"fc_hosts\": [\n"
+         "    {\n      \"host\": 3,\n      \"driver\": \"qla2xxx\",\n      \"port_state\": "
+         "\"Online\",\n"
+         "      \"port_name\": \"21:00:00:24:ff:2c:3d:4e\"\n    },\n"
+         "    {\n      \"host\": 4,\n      \"driver\": \"lpfc\",\n      \"port_state\": "
+         "\"Linkdown\",\n"
+         "      \"port_name\": \"10:00:00:00:c9:a1:b2:c3\"\n    }\n  ]\n}\n"},
+        {dir.file("bare.json"),
+         "{\n  \"iscsi_initiator\": null,\n  \"fc_port_names\": [],\n  \"fc_hosts\": []\n}\n"},
     };
     for (const Case& c : cases) {
         Result result = run({"--host", c.host, "initiators", "--json"});
         EXPECT_EQ(result.status, 0) << c.host;
         EXPECT_EQ(result.out, c.json) << c.host;
     }
+    EXPECT_EQ(run({"--host", kDatacenter, "initiators"}).out,
+              "iSCSI initiator  iqn.1994-05.com.redhat:dc01a7f3e2b1\n"
+              "FC port names    21000024ff2c3d4e\n\n"
+              "FC hosts in /sys/class/fc_host (the command's own reading):\n"
+              "  host3   qla2xxx   Online    21:00:00:24:ff:2c:3d:4e\n"
+              "  host4   lpfc      Linkdown  10:00:00:00:c9:a1:b2:c3\n");
 }
 
 TEST(CommandTrace, GoesToTheFileAtTheLevelAsked)
@@ -334,7 +373,7 @@ TEST(CommandTrace, GoesToTheFileAtTheLevelAsked)
     const std::string trace = dir.file("trace.log");
     Result result = run({"--host", kDatacenter, "--trace", trace, "--trace-level", "3", "map"});
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.err, readFile(kGolden + "datacenter.map.err"));
     std::string text = readFile(trace);
     EXPECT_NE(text.find(" L3 Printing m_deviceMap\n"), std::string::npos) << text;
     EXPECT_EQ(text.find(" L6 "), std::string::npos);
@@ -365,15 +404,10 @@ TEST(CommandErrors, OneLineOnStderrTheExitCodeAndNothingOnStdout)
     format2.replace(format2.find("\"format\": 1"), 11, "\"format\": 2");
     writeFile(dir.file("format2.json"), format2);
     const std::string missing = dir.file("missing.json");
-    struct Case {
-        std::vector<std::string> args;
-        int status;
-        std::string err;
-    };
     const std::string none = dir.file("no/such/dir");
     // clang-format off
-    const Case cases[] = {
-        {{}, 1, "scsitool: a subcommand is required: map, udid, show, initiators, capture, diff or fleet\n"},
+    const std::vector<ErrorCase> cases = {
+        {{}, 1, "scsitool: a subcommand is required: map, udid, show, initiators, capture, verify, diff or fleet\n"},
         {{"mpa"}, 1, "scsitool: The following argument was not expected: mpa\n"},
         {{"map", "--bogus"}, 1, "scsitool: The following argument was not expected: --bogus\n"},
         {{"udid"}, 1, "scsitool: DEVICE is required\n"},
@@ -399,14 +433,7 @@ TEST(CommandErrors, OneLineOnStderrTheExitCodeAndNothingOnStdout)
         {{"fleet", kDatacenter, dir.file("badhex.json")}, 2, "scsitool: " + dir.file("badhex.json") + ": devices[0].inquiry: not hexadecimal\n"},
     };
     // clang-format on
-    for (const Case& c : cases) {
-        Result result = run(c.args);
-        EXPECT_EQ(result.status, c.status) << describe(c.args);
-        EXPECT_EQ(result.err, c.err) << describe(c.args);
-        if (c.status != 0) {
-            EXPECT_EQ(result.out, "") << describe(c.args);
-        }
-    }
+    expectErrors(cases);
 }
 
 TEST(CommandMap, FlagsReachTheRescan)
@@ -432,7 +459,7 @@ TEST(CommandMap, FlagsReachTheRescan)
         } else {
             EXPECT_EQ(result.err.find(" L3 removeDeadDevices"), std::string::npos);
         }
-        EXPECT_EQ(result.out.find("\n/dev/sdo ") != std::string::npos, c.latentAppears)
+        EXPECT_EQ(result.out.find(" /dev/sdo ") != std::string::npos, c.latentAppears)
             << describe(args);
     }
 }
@@ -495,4 +522,200 @@ TEST(CommandFleet, SharedVolumesAndConflictsOfTwoHosts)
     ASSERT_EQ(fleet["conflicts"].size(), 1u);
     EXPECT_EQ(fleet["conflicts"][0]["udids"][1]["hosts"],
               nlohmann::json::array({"dbhost02.example.com"}));
+}
+
+TEST(CommandReplay, LeavesTheRealRescanSemaphoreAlone)
+{
+    // A framework process of this machine holds the host-wide rescan semaphore set.
+    const int id = semget(1001, 1, IPC_CREAT | 0666);
+    ASSERT_GE(id, 0);
+    for (const char* flag : {"--rescan-buses", "--json"}) {
+        Result result = run({"--host", kDatacenter, "map", flag});
+        EXPECT_EQ(result.status, 0) << flag << ": " << result.err;
+        EXPECT_EQ(semget(1001, 1, 0), id) << flag << ": the replay removed the real set";
+        EXPECT_EQ(semctl(id, 0, GETVAL), 0) << flag;
+    }
+}
+
+TEST(CommandAccess, NodesThatDoNotOpenAreNamedWithTheReason)
+{
+    TempDir dir;
+    const std::string disk = R"("address": [0, 0, 0, LUN], "inquiry": ")" +
+                             inquiryHex("ACME", "DISK") +
+                             R"(", "vpd": {"00": "00 00 00 01 83",
+        "83": "00 83 00 0c 01 03 00 08 60 0a 98 00 00 00 00 0N"})";
+    auto device = [&](const std::string& name, int lun, const std::string& state) {
+        std::string text = disk;
+        text.replace(text.find("LUN"), 3, std::to_string(lun));
+        text.replace(text.find("0N"), 2, "0" + std::to_string(lun));
+        return R"({"name": ")" + name + R"(", "state": ")" + state + R"(", )" + text + "}";
+    };
+    writeFile(dir.file("root.json"),
+              snapshotWith(device("sda", 0, "denied") + ", " + device("sdb", 1, "denied")));
+    writeFile(dir.file("mixed.json"),
+              snapshotWith(device("sda", 0, "running") + ", " + device("sdb", 1, "denied")));
+    const std::string root = dir.file("root.json"), mixed = dir.file("mixed.json");
+    const std::string sdaDenied = "scsitool: /dev/sda: cannot open: Permission denied\n";
+    const std::string sdbDenied = "scsitool: /dev/sdb: cannot open: Permission denied\n";
+    // clang-format off
+    const std::vector<ErrorCase> cases = {
+        {{"--host", root, "map"}, 3, sdaDenied + sdbDenied + "scsitool: no device could be queried: permission denied (the command needs root to open the disk nodes)\n"},
+        {{"--host", root, "map", "--volumes"}, 3, sdaDenied + sdbDenied + "scsitool: no device could be queried: permission denied (the command needs root to open the disk nodes)\n"},
+        {{"--host", root, "udid", "sda"}, 3, sdaDenied},
+        {{"--host", root, "show", "sdb"}, 3, sdbDenied},
+        {{"--host", root, "capture", dir.file("c.json")}, 3, sdaDenied + sdbDenied + "scsitool: capture refused: 2 disk nodes cannot be opened (the capture needs root to open every disk node)\n"},
+        {{"--host", mixed, "map"}, 0, sdbDenied},
+        {{"--host", mixed, "udid", "sda"}, 0, ""},
+    };
+    // clang-format on
+    expectErrors(cases);
+    EXPECT_FALSE(std::ifstream(dir.file("c.json")).good()) << "a refused capture wrote a file";
+    EXPECT_EQ(run({"--host", mixed, "map"}).out,
+              "[H:C:T:L]  DEVICE    KIND  VENDOR  PRODUCT  STATE    UDID\n"
+              "[0:0:0:0]  /dev/sda  disk  ACME    DISK     running  "
+              "UDID##ACME##DISK##/DEV/SDA@TEST01  (host-local)\n");
+}
+
+TEST(CommandOutput, AWriteThatFailsExitsTwoAndLeavesTheOldFile)
+{
+    TempDir dir;
+    const std::string file = dir.file("capture.json");
+    writeFile(file, "the previous capture\n");
+    // Files may grow to one block: every write beyond fails with EFBIG.
+    const std::string small = "trap '' XFSZ; ulimit -f 1; ";
+    Result result = run({"--host", kDatacenter, "capture", file}, small);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "scsitool: " + file + ": cannot write the snapshot: File too large\n");
+    EXPECT_EQ(readFile(file), "the previous capture\n");
+    std::vector<std::string> left;
+    if (DIR* listing = opendir(dir.file("").c_str())) {
+        while (struct dirent* entry = readdir(listing))
+            if (entry->d_name[0] != '.')
+                left.push_back(entry->d_name);
+        closedir(listing);
+    }
+    EXPECT_EQ(left, std::vector<std::string>{"capture.json"}) << "a temporary file was left";
+
+    result = run({"--host", kDatacenter, "map", "--json"}, small);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, readFile(kGolden + "datacenter.map.err") +
+                              "scsitool: standard output: File too large\n");
+
+    // A complete capture replaces the old file.
+    ASSERT_EQ(run({"--host", kDatacenter, "capture", file}, "SOURCE_DATE_EPOCH=0 ").status, 0);
+    EXPECT_EQ(readFile(file),
+              run({"--host", kDatacenter, "capture", "-"}, "SOURCE_DATE_EPOCH=0 ").out);
+}
+
+TEST(CommandMap, VolumesGroupPathsAndPseudoDevicesByUdid)
+{
+    expectGolden("datacenter.volumes.txt", run({"--host", kDatacenter, "map", "--volumes"}).out);
+    nlohmann::json volumes =
+        parseJson(run({"--host", kDatacenter, "map", "--volumes", "--json"}).out);
+    ASSERT_TRUE(volumes.is_array());
+    std::map<std::string, nlohmann::json> byUdid;
+    for (const nlohmann::json& volume : volumes)
+        byUdid[volume["udid"]] = volume;
+    // Every UDID of the map is one volume, the control node none.
+    std::set<std::string> udids;
+    for (const nlohmann::json& entry : parseJson(run({"--host", kDatacenter, "map", "--json"}).out))
+        if (entry["kind"] != "dm-control")
+            udids.insert(entry["Uid"].get<std::string>());
+    EXPECT_EQ(byUdid.size(), udids.size());
+    EXPECT_EQ(
+        byUdid["UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3A:B1:1E:00:4C:8F:5E:59:72:C3:E0:"
+               "11"],
+        nlohmann::json::parse(
+            R"({"udid": "UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3A:B1:1E:00:4C:8F:5E:59:72:C3:E0:11",
+            "host_local": false,
+            "paths": [{"device": "/dev/sdb", "address": [3, 0, 0, 0], "state": "running"}],
+            "pseudo_devices": [{"device": "/dev/emcpowerb", "kind": "powerpath", "state": "running"},
+                               {"device": "/dev/mapper/mpatha", "kind": "dm-multipath", "state": "running"}],
+            "warnings": ["one path only"]})"));
+    EXPECT_EQ(byUdid["UDID######/DEV/SDN@DBHOST01.EXAMPLE.COM"]["host_local"], true);
+}
+
+TEST(CommandLine, GlobalOptionsGoAnywhereAndTheVersionIsShown)
+{
+    const std::string host24 = kExamples + "host24.json";
+    const Result before = run({"--host", host24, "map", "--json"});
+    ASSERT_EQ(before.status, 0) << before.err;
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {"map", "--host", host24, "--json"},
+             {"map", "--json", "--host", host24},
+             {"map", "--trace", "-", "--trace-level", "1", "--host", host24, "--json"}}) {
+        Result result = run(args);
+        EXPECT_EQ(result.status, 0) << describe(args) << "\n" << result.err;
+        EXPECT_EQ(result.out, before.out) << describe(args);
+    }
+    Result version = run({"--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out, "scsitool " SCSITOOL_VERSION "\n");
+}
+
+TEST(CommandVerify, TheReplayOfACaptureGivesItsRecordedMap)
+{
+    TempDir dir;
+    // A device-mapper node that is no multipath map (an LVM volume) fronts no device.
+    nlohmann::json host = parseJson(readFile(kExamples + "modern.json"));
+    host["multipath_maps"].push_back({{"name", "vg0-home"}, {"device", ""}});
+    writeFile(dir.file("lvm.json"), host.dump());
+    const std::string capture = dir.file("capture.json");
+    ASSERT_EQ(
+        run({"--host", dir.file("lvm.json"), "capture", capture}, "SOURCE_DATE_EPOCH=0 ").status,
+        0);
+    nlohmann::json captured = parseJson(readFile(capture));
+    EXPECT_EQ(captured["capture"]["time"], "1970-01-01T00:00:00Z");
+    EXPECT_EQ(captured["capture"]["scsitool_version"], SCSITOOL_VERSION);
+    EXPECT_EQ(captured["capture"]["anonymised"], false);
+    EXPECT_EQ(captured["capture"]["map"],
+              parseJson(run({"--host", dir.file("lvm.json"), "map", "--json"}).out));
+    EXPECT_EQ(captured["multipath_maps"][1],
+              nlohmann::json::parse(R"({"name": "vg0-home", "device": ""})"));
+
+    // The recorded map, changed: one UDID, one device left out.
+    nlohmann::json changed = captured;
+    changed["capture"]["map"][3]["Uid"] = "UDID##X";
+    changed["capture"]["map"].erase(2);
+    writeFile(dir.file("changed.json"), changed.dump());
+    nlohmann::json unrecorded = captured;
+    unrecorded.erase("capture");
+    writeFile(dir.file("unrecorded.json"), unrecorded.dump());
+
+    Result same = run({"verify", capture});
+    EXPECT_EQ(same.status, 0) << same.err;
+    EXPECT_EQ(same.out, "the replay gives the recorded map: 4 devices\n");
+    Result differs = run({"verify", dir.file("changed.json")});
+    EXPECT_EQ(differs.status, 5) << differs.err;
+    EXPECT_EQ(differs.out,
+              "/dev/sda: in the replay, not recorded\n"
+              "/dev/sdb: Uid recorded \"UDID##X\", replayed \"" +
+                  captured["capture"]["map"][3]["Uid"].get<std::string>() + "\"\n");
+    expectErrors({
+        {{"verify", dir.file("unrecorded.json")},
+         2,
+         "scsitool: " + dir.file("unrecorded.json") +
+             ": no recorded map: the snapshot was not written by capture\n"},
+        {{"--host", capture, "verify", capture},
+         1,
+         "scsitool: verify replays its CAPTURE: --host is not taken\n"},
+    });
+}
+
+TEST(CommandCapture, AnonymisedCaptureReplacesHostNamesConsistently)
+{
+    TempDir dir;
+    const std::string capture = dir.file("anonymous.json");
+    ASSERT_EQ(run({"--host", kDatacenter, "capture", "--anonymise", capture}).status, 0);
+    const std::string text = readFile(capture);
+    for (const char* name : {"dbhost01", "DBHOST01", "dc01a7f3e2b1", "21000024ff2c3d4e"})
+        EXPECT_EQ(text.find(name), std::string::npos) << name << " is still in the capture";
+    nlohmann::json initiators = parseJson(run({"--host", capture, "initiators", "--json"}).out);
+    EXPECT_EQ(initiators["iscsi_initiator"], "iqn.2000-01.invalid.example:initiator");
+    EXPECT_EQ(initiators["fc_port_names"], nlohmann::json::array({"2000000000000001"}));
+    EXPECT_EQ(initiators["fc_hosts"][1]["port_name"], "20:00:00:00:00:00:00:02");
+    // The host-local UDIDs of the recorded map carry the stand-in too: the replay agrees.
+    EXPECT_EQ(run({"verify", capture}).status, 0);
+    EXPECT_NE(run({"--host", capture, "udid", "sdn"}).out.find("@HOST.EXAMPLE.INVALID"),
+              std::string::npos);
 }

@@ -5,6 +5,7 @@
 #define KZFI_PDK_FI_SYSTEM_H
 
 #include <dirent.h>
+#include <sys/sem.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 
@@ -45,6 +46,11 @@ public:
     virtual int gethostname(char* name, size_t length);
     virtual unsigned int sleep(unsigned int seconds);
     virtual int system(const char* command);
+
+    // The System V semaphore calls of the host-wide rescan lock.
+    virtual int semget(key_t key, int count, int flags);
+    virtual int semop(int id, struct sembuf* operations, size_t count);
+    virtual int semctl(int id, int number, int command);
 
     // Runs `command` through /bin/sh -c with standard output and error captured one element per
     // line (without the newline). Lines of the two streams are kept whole and apart, in the order

@@ -146,6 +146,21 @@ int CFiSystem::gethostname(char* name, size_t length)
     return ::gethostname(name, length);
 }
 
+int CFiSystem::semget(key_t key, int count, int flags)
+{
+    return ::semget(key, count, flags);
+}
+
+int CFiSystem::semop(int id, struct sembuf* operations, size_t count)
+{
+    return ::semop(id, operations, count);
+}
+
+int CFiSystem::semctl(int id, int number, int command)
+{
+    return ::semctl(id, number, command);
+}
+
 unsigned int CFiSystem::sleep(unsigned int seconds)
 {
     return ::sleep(seconds);

@@ -16,10 +16,24 @@ libdir=$(cd "$prefix" && dirname "$(find . -name libscsitool.so -print -quit)")
 [ "$libdir" != "." ] || fail "libscsitool.so is not installed"
 for file in bin/scsitool include/scsitool/device_udid_factory.h include/scsitool/fi_trace.h \
             "$libdir/libfikit.so" "$libdir/pkgconfig/scsitool.pc" \
-            "$libdir/cmake/scsitool/scsitoolConfig.cmake"; do
+            "$libdir/cmake/scsitool/scsitoolConfig.cmake" share/man/man1/scsitool.1 \
+            share/bash-completion/completions/scsitool; do
   [ -e "$prefix/$file" ] || fail "$file is not installed"
 done
 "$prefix/bin/scsitool" --help >/dev/null || fail "the installed command does not run"
+[ "$("$prefix/bin/scsitool" --version)" = "scsitool 1.0.0" ] || fail "the installed command's version"
+grep -q '^\.TH SCSITOOL 1 .*"scsitool 1\.0\.0"' "$prefix/share/man/man1/scsitool.1" ||
+  fail "the manual page does not name the version"
+if command -v man >/dev/null; then
+  man -l "$prefix/share/man/man1/scsitool.1" 2>&1 >/dev/null | grep . && fail "the manual page has errors"
+fi
+# The completion offers the subcommands, and a subcommand's options after it.
+completions=$(bash -c '_init_completion() { cur=${COMP_WORDS[COMP_CWORD]}; prev=${COMP_WORDS[COMP_CWORD-1]}; words=("${COMP_WORDS[@]}"); cword=$COMP_CWORD; }
+  source "$1"; COMP_WORDS=(scsitool --host x.json map --v); COMP_CWORD=4; _scsitool; echo "${COMPREPLY[*]}"
+  COMP_WORDS=(scsitool ve); COMP_CWORD=1; _scsitool; echo "${COMPREPLY[*]}"' _ \
+  "$prefix/share/bash-completion/completions/scsitool")
+[ "$completions" = $'--volumes --version\nverify' ] ||
+  fail "the completion offered '$completions'"
 
 expected="generators 13, last :"
 

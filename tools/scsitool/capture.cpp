@@ -3,17 +3,24 @@
 // is replayed reproduces that snapshot.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <ctime>
+#include <nlohmann/json.hpp>
 
 #include "capture_parts.h"
 #include "commands.h"
+#include "device_udid_factory.h"
 #include "errors.h"
 #include "fi_system.h"
+#include "map_view.h"
+#include "output_file.h"
 #include "progress.h"
 #include "simhost.h"
+#include "stringtool.h"
 
 namespace scsitool_cli {
 
@@ -110,14 +117,95 @@ void captureHost(Session& session, simhost::SimHost& snapshot)
 
 }  // namespace
 
-std::string runCapture(Session& session, const std::string& file)
+namespace {
+
+// "2026-11-22T21:50:00Z": now, or SOURCE_DATE_EPOCH when set, for captures that compare equal.
+std::string captureTime()
+{
+    time_t now = std::time(nullptr);
+    if (const char* epoch = std::getenv("SOURCE_DATE_EPOCH")) {
+        now = static_cast<time_t>(std::strtoll(epoch, nullptr, 10));
+    }
+    struct tm utc;
+    gmtime_r(&now, &utc);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+    return text;
+}
+
+void replaceAll(std::string& text, const std::string& from, const std::string& to)
+{
+    if (from.empty()) {
+        return;
+    }
+    for (size_t at = text.find(from); at != std::string::npos;
+         at = text.find(from, at + to.size())) {
+        text.replace(at, from.size(), to);
+    }
+}
+
+// The names that identify the customer's host, each with its stand-in: the host name (also
+// upper-case, as host-local UDIDs hold it), the iSCSI initiator name and the FC port names
+// (their 16 hexadecimal digits, in either case).
+std::vector<std::pair<std::string, std::string>> standIns(const simhost::SimHost& snapshot)
+{
+    std::vector<std::pair<std::string, std::string>> names;
+    char name[256] = {0};
+    if (fiSystem().gethostname(name, sizeof name - 1) == 0 && name[0] != '\0') {
+        names.emplace_back(name, "host.example.invalid");
+        names.emplace_back(CStringTool::tostrupper(name), "HOST.EXAMPLE.INVALID");
+    }
+    std::string initiator;
+    if (snapshot.fileText(kInitiatorFile, initiator)) {
+        size_t at = initiator.find("InitiatorName=");
+        if (at != std::string::npos) {
+            names.emplace_back(firstLine(initiator.substr(at + 14)),
+                               "iqn.2000-01.invalid.example:initiator");
+        }
+    }
+    int port = 0;
+    for (const simhost::SimAdapter& adapter : snapshot.adapters()) {
+        std::string digits = adapter.portName;
+        if (digits.compare(0, 2, "0x") == 0) {
+            digits = digits.substr(2);
+        }
+        if (digits.size() == 16) {
+            char standIn[24];
+            std::snprintf(standIn, sizeof standIn, "20000000000000%02x", ++port & 0xff);
+            std::string lower = digits, upper = digits;
+            std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
+            std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
+            names.emplace_back(lower, standIn);
+            names.emplace_back(upper, CStringTool::tostrupper(standIn));
+        }
+    }
+    return names;
+}
+
+}  // namespace
+
+std::string runCapture(Session& session, const std::string& file, bool anonymise)
 {
     std::string text;
     {
         ProgressLine progress("capturing the host");
         simhost::SimHost snapshot;
         captureHost(session, snapshot);
+        // The map as this host gives it, for verify.
+        DeviceMap map = session.factory().enumerateDeviceMap(false, false, false);
+        nlohmann::ordered_json origin;
+        origin["scsitool_version"] = SCSITOOL_VERSION;
+        origin["time"] = captureTime();
+        origin["anonymised"] = anonymise;
+        origin["map"] = nlohmann::ordered_json::parse(
+            formatMapRowsJson(describeMap(session, map, Session::hostName())));
+        snapshot.setCapture(origin.dump());
         text = snapshot.toJson();
+        if (anonymise) {
+            for (const auto& name : standIns(snapshot)) {
+                replaceAll(text, name.first, name.second);
+            }
+        }
     }
     if (!text.empty() && text.back() != '\n') {
         text += '\n';
@@ -125,13 +213,7 @@ std::string runCapture(Session& session, const std::string& file)
     if (file == "-") {
         return text;
     }
-    std::ofstream out(file, std::ios::binary | std::ios::trunc);
-    out << text;
-    out.close();
-    if (!out) {
-        throw CommandError(kExitBadInput,
-                           file + ": cannot write the snapshot: " + std::strerror(errno));
-    }
+    writeFileInPlace(file, text, "cannot write the snapshot");
     return "";
 }
 

@@ -51,6 +51,9 @@ void captureAdapters(simhost::SimHost& snapshot)
             if (readText("/sys/class/fc_host/" + name + "/port_name", text)) {
                 adapter->portName = firstLine(text);
             }
+            if (readText("/sys/class/fc_host/" + name + "/port_state", text)) {
+                adapter->portState = firstLine(text);
+            }
         }
     }
     for (const auto& adapter : adapters) {

@@ -1,10 +1,13 @@
 // `scsitool capture`: the disks, their address, INQUIRY data, pages and partitions.
 #include <algorithm>
+#include <cerrno>
 #include <cctype>
 #include <map>
 #include <set>
 
 #include "capture_parts.h"
+#include "device_probe.h"
+#include "errors.h"
 #include "device_discovery.h"
 #include "kernel_files.h"
 #include "scsitool.h"
@@ -81,17 +84,17 @@ simhost::SimDevice captureDevice(Session& session, const std::string& node, bool
         device.state = simhost::DeviceState::Unresponsive;
         return device;
     }
-    if (!readPage(tool, handle, record, 0, false, device.inquiry)) {
+    if (!readDevicePage(tool, handle, record, 0, false, device.inquiry)) {
         device.state = simhost::DeviceState::Unresponsive;
         return device;
     }
     Bytes supported;
-    if (readPage(tool, handle, record, 0, true, supported)) {
+    if (readDevicePage(tool, handle, record, 0, true, supported)) {
         device.vpd[0] = supported;
         size_t count = supported.size() > 3 ? supported[3] : 0;
         for (size_t i = 4; i < 4 + count && i < supported.size(); ++i) {
             Bytes page;
-            if (supported[i] != 0 && readPage(tool, handle, record, supported[i], true, page)) {
+            if (supported[i] != 0 && readDevicePage(tool, handle, record, supported[i], true, page)) {
                 device.vpd[supported[i]] = page;
             }
         }
@@ -109,18 +112,6 @@ simhost::SimDevice captureDevice(Session& session, const std::string& node, bool
 
 typedef std::vector<int> Address;  // host, channel, id, LUN
 
-bool isWholeDisk(const std::string& name)
-{
-    if (name.size() < 3 || name.compare(0, 2, "sd") != 0) {
-        return false;
-    }
-    for (size_t i = 2; i < name.size(); ++i) {
-        if (!std::islower(static_cast<unsigned char>(name[i]))) {
-            return false;
-        }
-    }
-    return true;
-}
 
 // Disks whose address could not be read (they do not answer) take the disks of
 // "/proc/scsi/scsi" that no answering disk holds, in order, with the identity the kernel still
@@ -166,33 +157,7 @@ void placeDisks(std::vector<simhost::SimDevice>& disks, const std::vector<bool>&
     }
 }
 
-Bytes toBytes(const ScsiPagePtr& page, unsigned int length)
-{
-    if (!page || page->get() == nullptr) {
-        return Bytes();
-    }
-    return Bytes(page->get(), page->get() + length);
-}
-
 }  // namespace
-
-// One answer of the device: the standard INQUIRY data (evpd false, code 0) or a VPD page.
-bool readPage(CScsiTool& tool, CScsiDeviceHandle& handle, CScsiDeviceData& record,
-              unsigned int code, bool evpd, Bytes& bytes)
-{
-    unsigned int length = 0;
-    ScsiPagePtr page;
-    try {
-        if (tool.GetModePageInfo(handle, record, code, length, evpd ? 1 : 0, page) != 0 ||
-            length == 0) {
-            return false;
-        }
-    } catch (...) {
-        return false;
-    }
-    bytes = toBytes(page, length);
-    return !bytes.empty();
-}
 
 Identities captureDisks(Session& session, simhost::SimHost& snapshot)
 {
@@ -220,8 +185,22 @@ Identities captureDisks(Session& session, simhost::SimHost& snapshot)
             identities.emplace_back(key, name);
         }
     }
-    // Disks the kernel lists whose node does not open.
+    // Disks the kernel lists whose node does not open. Without the rights to open them a
+    // capture would show live disks as gone: it is refused.
     std::map<std::string, PartitionEntry> partitions = readPartitions();
+    std::vector<std::pair<std::string, int>> denied;
+    for (const auto& listed : partitions) {
+        const int error = isWholeDisk(listed.first) ? openErrno("/dev/" + listed.first) : 0;
+        if (error == EACCES || error == EPERM) {
+            denied.emplace_back("/dev/" + listed.first, error);
+        }
+    }
+    if (!denied.empty()) {
+        reportUnopened(denied);
+        throw CommandError(kExitNotFound, "capture refused: " + std::to_string(denied.size()) +
+                                              " disk nodes cannot be opened (the capture needs "
+                                              "root to open every disk node)");
+    }
     for (const auto& listed : partitions) {
         if (isWholeDisk(listed.first) &&
             std::find(opened.begin(), opened.end(), listed.first) == opened.end()) {

@@ -24,9 +24,6 @@ std::string firstLine(const std::string& text);
 std::vector<std::string> listDirectory(const std::string& path);
 bool isNumber(const std::string& text);
 
-// One answer of the device: the standard INQUIRY data (evpd false, code 0) or a VPD page.
-bool readPage(CScsiTool& tool, CScsiDeviceHandle& handle, CScsiDeviceData& record,
-              unsigned int code, bool evpd, Bytes& bytes);
 // The disks discovery opens and those the kernel still lists, with their pages and partitions.
 Identities captureDisks(Session& session, simhost::SimHost& snapshot);
 // The identity a node shows: its identification pages and INQUIRY data; empty when it has none.

@@ -1,5 +1,6 @@
 // `scsitool capture`: the multipath maps and PowerPath devices, paired with their disks.
 #include "capture_parts.h"
+#include "device_probe.h"
 #include "fi_system.h"
 #include "scsitool.h"
 
@@ -19,7 +20,7 @@ Bytes identity(Session& session, const std::string& node)
     Bytes key;
     for (unsigned int code : {0x83u, 0x80u}) {
         Bytes page;
-        if (readPage(tool, handle, record, code, true, page)) {
+        if (readDevicePage(tool, handle, record, code, true, page)) {
             key.insert(key.end(), page.begin(), page.end());
         }
     }
@@ -27,7 +28,7 @@ Bytes identity(Session& session, const std::string& node)
         return key;
     }
     Bytes inquiry;
-    readPage(tool, handle, record, 0, false, inquiry);
+    readDevicePage(tool, handle, record, 0, false, inquiry);
     key.insert(key.end(), inquiry.begin(), inquiry.end());
     return key;
 }

@@ -2,10 +2,14 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "WWPN_discovery.h"
+#include "device_probe.h"
 #include "device_udid_factory.h"
 #include "errors.h"
 #include "fi_system.h"
+#include "map_view.h"
 #include "output.h"
 #include "progress.h"
 #include "scsitool.h"
@@ -25,7 +29,38 @@ std::string runMap(Session& session, const MapOptions& options)
         map = session.factory().enumerateDeviceMap(options.rescanBuses, options.busScan,
                                                    options.removeLun0);
     }
-    return options.json ? formatMapJson(map) : formatMapTable(map);
+    std::vector<MapRow> rows = describeMap(session, map, Session::hostName());
+
+    // Every node that did not open is named, those of the map and those the library could not
+    // list at all (without the rights to open them, none is listed).
+    std::vector<std::pair<std::string, int>> failures;
+    bool queried = false;
+    for (const MapRow& row : rows) {
+        if (row.probe.openErrno != 0) {
+            failures.emplace_back(row.info.DeviceName, row.probe.openErrno);
+        } else if (row.kind != "dm-control") {
+            queried = true;
+        }
+    }
+    for (const std::string& node : candidateNodes()) {
+        if (map.count(node) == 0) {
+            if (int error = openErrno(node)) {
+                failures.emplace_back(node, error);
+            }
+        }
+    }
+    std::sort(failures.begin(), failures.end());
+    const int denied = reportUnopened(failures);
+    if (!queried && !failures.empty()) {
+        throw CommandError(kExitNotFound,
+                           denied > 0 ? "no device could be queried: permission denied (the "
+                                        "command needs root to open the disk nodes)"
+                                      : "no device could be queried");
+    }
+    if (options.volumes) {
+        return options.json ? formatVolumesJson(rows) : formatVolumes(rows);
+    }
+    return options.json ? formatMapRowsJson(rows) : formatMapRows(rows);
 }
 
 std::string runUdid(Session& session, const std::string& device, bool rescanIfMissing)
@@ -37,7 +72,7 @@ std::string runUdid(Session& session, const std::string& device, bool rescanIfMi
         udid = session.factory().getCachedUniqueDeviceID(node.c_str(), rescanIfMissing);
     }
     if (udid.empty()) {
-        throw CommandError(kExitNotFound, node + ": device not found");
+        throwUnanswered(node);
     }
     return udid + "\n";
 }
@@ -66,11 +101,7 @@ std::string runShow(Session& session, const std::string& device, bool json)
     }
     report.warnings = session.stopCapture();
     if (status != SCSI_STATUS_OK) {
-        struct stat st;
-        if (kzfi_pdk_4_4::fiSystem().stat(node.c_str(), &st) != 0) {
-            throw CommandError(kExitNotFound, node + ": device not found");
-        }
-        throw CommandError(kExitNotFound, node + ": the device does not answer as a disk");
+        throwUnanswered(node);
     }
 
     report.device = node;
@@ -90,6 +121,71 @@ std::string runShow(Session& session, const std::string& device, bool json)
     return json ? formatDeviceJson(report) : formatDeviceTable(report);
 }
 
+namespace {
+
+// The first line of a sysfs attribute, "" when it cannot be read.
+std::string attribute(const std::string& path)
+{
+    std::string line;
+    if (FILE* file = kzfi_pdk_4_4::fiSystem().fopen(path.c_str(), "r")) {
+        char buffer[256];
+        if (std::fgets(buffer, sizeof buffer, file) != nullptr) {
+            line = buffer;
+        }
+        std::fclose(file);
+    }
+    while (!line.empty() && (line.back() == '\n' || line.back() == ' ')) {
+        line.pop_back();
+    }
+    return line;
+}
+
+// "0x21000024ff2c3d4e" as "21:00:00:24:ff:2c:3d:4e"; other text as it is.
+std::string colonForm(std::string name)
+{
+    if (name.compare(0, 2, "0x") == 0) {
+        name = name.substr(2);
+    }
+    if (name.size() != 16 ||
+        name.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+        return name;
+    }
+    std::string text;
+    for (size_t i = 0; i < name.size(); i += 2) {
+        text += (i == 0 ? "" : ":") + name.substr(i, 2);
+    }
+    return text;
+}
+
+// Every FC host of /sys/class/fc_host, by host number.
+std::vector<FcHost> readFcHosts()
+{
+    std::vector<FcHost> hosts;
+    void* dir = kzfi_pdk_4_4::fiSystem().opendir("/sys/class/fc_host/");
+    if (dir == nullptr) {
+        return hosts;
+    }
+    while (struct dirent* entry = kzfi_pdk_4_4::fiSystem().readdir(dir)) {
+        const std::string name = entry->d_name;
+        if (name.compare(0, 4, "host") != 0 || name.size() == 4 ||
+            name.find_first_not_of("0123456789", 4) != std::string::npos) {
+            continue;
+        }
+        FcHost host;
+        host.host = std::stoi(name.substr(4));
+        host.driver = attribute("/sys/class/scsi_host/" + name + "/proc_name");
+        host.portState = attribute("/sys/class/fc_host/" + name + "/port_state");
+        host.portName = colonForm(attribute("/sys/class/fc_host/" + name + "/port_name"));
+        hosts.push_back(host);
+    }
+    kzfi_pdk_4_4::fiSystem().closedir(dir);
+    std::sort(hosts.begin(), hosts.end(),
+              [](const FcHost& a, const FcHost& b) { return a.host < b.host; });
+    return hosts;
+}
+
+}  // namespace
+
 std::string runInitiators(Session& session, bool json)
 {
     InitiatorReport report;
@@ -100,6 +196,7 @@ std::string runInitiators(Session& session, bool json)
     WWPN wwpn;
     wwpn.registerTraceLog(session.log());
     report.portNames = wwpn.getWWPN();
+    report.fcHosts = readFcHosts();
     return json ? formatInitiatorsJson(report) : formatInitiatorsTable(report);
 }
 

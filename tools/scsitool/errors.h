@@ -13,7 +13,7 @@ enum ExitCode : int {
     kExitBadInput = 2,  // a snapshot, configuration or output file that cannot be used
     kExitNotFound = 3,  // the device does not exist or does not answer
     kExitFailure = 4,   // the library failed unexpectedly
-    kExitDiffer = 5     // diff: the two device maps differ
+    kExitDiffers = 5    // the device maps compared differ
 };
 
 // Stops the command: main writes "scsitool: " + what() as one line on stderr and exits with

@@ -1,7 +1,9 @@
 // scsitool: the device map of this host or of a host snapshot, one device's identity and pages,
 // the host's initiator names, and the capture of a snapshot.
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -20,9 +22,9 @@ const char* const kFooter =
     "  0  success\n"
     "  1  usage: a bad option or argument\n"
     "  2  bad input: a snapshot, configuration, trace or output file that cannot be used\n"
-    "  3  device not found, or it does not answer\n"
+    "  3  device not found, cannot be opened (the reason is named), or it does not answer\n"
     "  4  the library failed unexpectedly\n"
-    "  5  diff: the two device maps differ";
+    "  5  the device maps compared differ";
 
 // One line on stderr, whatever the message held.
 void reportError(const std::string& message)
@@ -42,6 +44,10 @@ int main(int argc, char** argv)
 {
     CLI::App app{"SCSI disks and their unique device ids (UDIDs)", "scsitool"};
     app.footer(kFooter);
+    app.set_version_flag("--version", "scsitool " SCSITOOL_VERSION);
+    // Global options are taken after the subcommand too: the subcommands made below pass what
+    // they do not know on to the command.
+    app.fallthrough();
     // At most one; none is reported after parsing, so that a misspelt one is named.
     app.require_subcommand(0, 1);
 
@@ -68,6 +74,8 @@ int main(int argc, char** argv)
                   "handed to the bus rescan (the Linux rescan accepts it and does not use it)");
     map->add_flag("--remove-lun0", mapOptions.removeLun0,
                   "let the rescan remove dead devices at LUN 0 too");
+    map->add_flag("--volumes", mapOptions.volumes,
+                  "one entry per UDID with its paths and pseudo-devices");
 
     std::string device;
     bool rescanIfMissing = false;
@@ -106,6 +114,17 @@ int main(int argc, char** argv)
     fleet->add_option("CAPTURE", captures, "captures of the hosts")->type_name("FILE");
     fleet->add_flag("--json", compareJson, "a JSON object");
 
+    bool anonymise = false;
+    capture->add_flag("--anonymise", anonymise,
+                      "replace the host name, iSCSI initiator name and FC port names");
+
+    std::string verifyFile;
+    CLI::App* verify = app.add_subcommand(
+        "verify", "replay a capture and compare its map with the one recorded (5: differs)");
+    verify->add_option("CAPTURE", verifyFile, "a snapshot written by capture")
+        ->required()
+        ->type_name("FILE");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -117,8 +136,16 @@ int main(int argc, char** argv)
     }
     if (app.get_subcommands().empty()) {
         reportError(
-            "a subcommand is required: map, udid, show, initiators, capture, diff or fleet");
+            "a subcommand is required: map, udid, show, initiators, capture, verify, diff or "
+            "fleet");
         return kExitUsage;
+    }
+    if (verify->parsed()) {
+        if (!global.hostFile.empty()) {
+            reportError("verify replays its CAPTURE: --host is not taken");
+            return kExitUsage;
+        }
+        global.hostFile = verifyFile;
     }
 
     try {
@@ -134,16 +161,24 @@ int main(int argc, char** argv)
         } else if (initiators->parsed()) {
             output = runInitiators(session, initiatorsJson);
         } else if (capture->parsed()) {
-            output = runCapture(session, captureFile);
+            output = runCapture(session, captureFile, anonymise);
         } else if (diff->parsed()) {
             bool differ = false;
             output = runDiff(session, sides[0], sides[1], compareJson, differ);
-            exitCode = differ ? kExitDiffer : kExitSuccess;
+            exitCode = differ ? kExitDiffers : kExitSuccess;
         } else if (fleet->parsed()) {
             output = runFleet(session, captures, compareJson);
+        } else if (verify->parsed()) {
+            bool same = true;
+            output = runVerify(session, verifyFile, same);
+            exitCode = same ? kExitSuccess : kExitDiffers;
         }
         std::fwrite(output.data(), 1, output.size(), stdout);
-        return std::fflush(stdout) == 0 ? exitCode : kExitBadInput;
+        if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+            reportError(std::string("standard output: ") + std::strerror(errno));
+            return kExitBadInput;
+        }
+        return exitCode;
     } catch (const CommandError& e) {
         reportError(e.what());
         return e.exitCode();

@@ -15,11 +15,6 @@ std::string padRight(const std::string& text, size_t width)
     return text.size() >= width ? text : text + std::string(width - text.size(), ' ');
 }
 
-std::string padLeft(const std::string& text, size_t width)
-{
-    return text.size() >= width ? text : std::string(width - text.size(), ' ') + text;
-}
-
 std::string pageLabel(unsigned int code)
 {
     char label[32];
@@ -51,38 +46,6 @@ std::string generatorLabel(const std::string& name)
 }
 
 }  // namespace
-
-std::string formatMapTable(const DeviceMap& map)
-{
-    size_t width = std::string("DEVICE").size();
-    for (const auto& entry : map) {
-        width = std::max(width, entry.first.size());
-    }
-    // An empty UDID shows as "-" so that every row has three columns.
-    std::string text = padRight("DEVICE", width) + "  LEVEL  UDID\n";
-    for (const auto& entry : map) {
-        const SDeviceInfo& info = entry.second;
-        text += padRight(entry.first, width) + "  " +
-                padLeft(std::to_string(info.dmpClaimLevel), 5) + "  " +
-                (info.Uid.empty() ? std::string("-") : info.Uid) + "\n";
-    }
-    return text;
-}
-
-std::string formatMapJson(const DeviceMap& map)
-{
-    ordered_json entries = ordered_json::array();
-    for (const auto& entry : map) {
-        const SDeviceInfo& info = entry.second;
-        ordered_json object;
-        object["DeviceName"] = info.DeviceName;
-        object["Uid"] = info.Uid;
-        object["dmpClaimLevel"] = info.dmpClaimLevel;
-        object["NativePath"] = info.NativePath;
-        entries.push_back(object);
-    }
-    return jsonString(entries);
-}
 
 std::string hexString(const ByteString& bytes)
 {
@@ -209,6 +172,16 @@ std::string formatInitiatorsTable(const InitiatorReport& report)
     for (size_t i = 0; i < report.portNames.size(); ++i) {
         text += padRight(i == 0 ? "FC port names" : "", 17) + report.portNames[i] + "\n";
     }
+    text += "\nFC hosts in /sys/class/fc_host (the command's own reading):\n";
+    if (report.fcHosts.empty()) {
+        text += "  -\n";
+    }
+    for (const FcHost& host : report.fcHosts) {
+        text += "  " + padRight("host" + std::to_string(host.host), 8) +
+                padRight(host.driver.empty() ? "-" : host.driver, 10) +
+                padRight(host.portState.empty() ? "-" : host.portState, 10) +
+                (host.portName.empty() ? "-" : host.portName) + "\n";
+    }
     return text;
 }
 
@@ -217,6 +190,16 @@ std::string formatInitiatorsJson(const InitiatorReport& report)
     ordered_json object;
     object["iscsi_initiator"] = report.hasIqn ? ordered_json(report.iqn) : ordered_json(nullptr);
     object["fc_port_names"] = report.portNames;
+    ordered_json hosts = ordered_json::array();
+    for (const FcHost& host : report.fcHosts) {
+        ordered_json entry;
+        entry["host"] = host.host;
+        entry["driver"] = host.driver;
+        entry["port_state"] = host.portState;
+        entry["port_name"] = host.portName;
+        hosts.push_back(entry);
+    }
+    object["fc_hosts"] = hosts;
     return jsonString(object);
 }
 

@@ -32,15 +32,22 @@ struct DeviceReport {
     std::vector<std::string> warnings;
 };
 
+// An FC host as sysfs shows it: the command's own reading, beside the library's answer.
+struct FcHost {
+    int host = 0;
+    std::string driver;     // "" when unknown
+    std::string portState;  // "" when unknown
+    std::string portName;   // colon form, "21:00:00:24:ff:2c:3d:4e"
+};
+
 struct InitiatorReport {
     bool hasIqn = false;
     std::string iqn;
     int iqnStatus = 0;  // GetHostIQN's result: 0, 6 (no iSCSI tools), 26 (no initiator file)
     std::vector<std::string> portNames;
+    std::vector<FcHost> fcHosts;
 };
 
-std::string formatMapTable(const DeviceMap& map);
-std::string formatMapJson(const DeviceMap& map);
 std::string formatDeviceTable(const DeviceReport& report);
 std::string formatDeviceJson(const DeviceReport& report);
 std::string formatInitiatorsTable(const InitiatorReport& report);

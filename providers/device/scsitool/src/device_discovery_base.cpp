@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 
+#include "fi_system.h"
 #include "trace_call.h"
 
 using kzfi_pdk_4_4::CFiTraceLogPtr;
@@ -19,6 +20,11 @@ struct SDeviceSemaphore {
     sem_t posix;
     int id;
     key_t key;
+    kzfi_pdk_4_4::CFiSystem* system;  // the system that made the set
+
+    // A set made by a system that is no longer installed (a replayed host) went with it; its id
+    // means nothing to the system installed now.
+    bool live() const { return systemV && &kzfi_pdk_4_4::fiSystem() == system; }
 };
 
 SDeviceSemaphore* g_deviceSemaphore = nullptr;
@@ -31,7 +37,9 @@ void removeDeviceSemaphore()
         return;
     }
     if (g_deviceSemaphore->systemV) {
-        semctl(g_deviceSemaphore->id, 0, IPC_RMID);
+        if (g_deviceSemaphore->live()) {
+            g_deviceSemaphore->system->semctl(g_deviceSemaphore->id, 0, IPC_RMID);
+        }
     } else {
         sem_destroy(&g_deviceSemaphore->posix);
     }
@@ -43,7 +51,8 @@ SDeviceSemaphore* createDeviceSemaphore()
 {
     static SDeviceSemaphore semaphore;
     semaphore.key = CDeviceDiscoveryBase::kRescanSemaphoreKey;
-    semaphore.id = semget(semaphore.key, 1, IPC_CREAT | 0666);
+    semaphore.system = &kzfi_pdk_4_4::fiSystem();
+    semaphore.id = semaphore.system->semget(semaphore.key, 1, IPC_CREAT | 0666);
     semaphore.systemV = true;
     g_deviceSemaphore = &semaphore;
     std::atexit(removeDeviceSemaphore);
@@ -65,7 +74,9 @@ void lockDeviceSemaphore(SDeviceSemaphore& semaphore)
     operations[1].sem_num = 0;
     operations[1].sem_op = 1;
     operations[1].sem_flg = SEM_UNDO | IPC_NOWAIT;
-    semop(semaphore.id, operations, 2);
+    if (semaphore.live()) {
+        semaphore.system->semop(semaphore.id, operations, 2);
+    }
 }
 
 void unlockDeviceSemaphore(SDeviceSemaphore& semaphore)
@@ -78,7 +89,9 @@ void unlockDeviceSemaphore(SDeviceSemaphore& semaphore)
     operation.sem_num = 0;
     operation.sem_op = -1;
     operation.sem_flg = SEM_UNDO | IPC_NOWAIT;
-    semop(semaphore.id, &operation, 1);
+    if (semaphore.live()) {
+        semaphore.system->semop(semaphore.id, &operation, 1);
+    }
 }
 
 // Releases the lock on every way out of a rescan.
