@@ -133,6 +133,13 @@ TEST(GeneratorTable, ClaimTestsStripTrailingBlanksInPlace)
     EXPECT_EQ(other->m_vendorId, "EMX");
     EXPECT_EQ(other->m_productId, " SYMMETRIX  ");  // untouched once the vendor fails
 
+    // The HP and LSI tests strip both ids first, whatever the vendor.
+    for (size_t row : {0, 1, 2, 8, 10}) {
+        auto device = makeDevice("ACME  ", "Big Disk  ");
+        EXPECT_FALSE(table()[row]->claimDevice(device.get()));
+        EXPECT_EQ(device->m_vendorId + "/" + device->m_productId, "ACME/Big Disk") << row;
+    }
+
     auto hp = makeDevice("HP      ", "HSV210  ");
     EXPECT_EQ(claimerOf(hp.get())->getGeneratorName(), "HP:HSV");
     EXPECT_EQ(hp->m_vendorId + "/" + hp->m_productId, "HP/HSV210");

@@ -61,29 +61,32 @@ struct SClaimRule {
     const char* products[13];
     EMatch productMatch;
     bool ignoreCase;
+    // The HP and LSI tests strip both ids before they test either; the others strip the product
+    // only once the vendor has matched.
+    bool stripBothFirst;
 };
 
 // One row per generator that claims by pattern, found by its claim strings. The IBM rows are
 // no pattern: their vendor prefix and the model lists they share stay in their own claimDevice.
 // clang-format off
 const SClaimRule kClaimRules[] = {
-    // claim strings       vendors           match      products                match      no case
-    {"HP", "MSA",          {"COMPAQ", "HP"}, kContains, {"MSA"},                kContains, false},
-    {"HP", "HSV",          {"COMPAQ", "HP"}, kExact,    {"HSV"},                kPrefix,   false},
-    {"HP", "XP",           {"HP"},           kExact,    {"OPEN-V", "OPEN-0V"},  kPrefix,   false},
-    {"DGC", "",            {"DGC"},          kExact,    {"RAID", "DISK", "VNX",
-                                                         "CX"},                 kContains, false},
-    {"EMC", "SYMMETRIX",   {"EMC"},          kExact,    {"SYMMETRIX"},          kExact,    false},
-    {"HITACHI", "HDS",     {"HITACHI"},      kExact,    {"9200", "9500V", "DF600F",
-                                                         "DF600F-V", "OPEN-V",
-                                                         "OPEN-0V", "9900", "9910",
-                                                         "9980V", "9970V", "9960",
-                                                         "USP"},                kPrefix,   false},
-    {"ENGENIO", "UNIVERSAL", {"LSI"},        kExact,    {"INF", "UNIVERSAL",
-                                                         "MPP_VIRTUAL_DISK"},   kPrefix,   true},
-    {"NETAPP", "LUN",      {"NETAPP"},       kExact,    {"LUN"},                kExact,    false},
-    {"HP", "3PAR",         {"3PARdata"},     kExact,    {"VV"},                 kExact,    false},
-    {"FUJITSU", "ETERNUS", {"FUJITSU"},      kExact,    {"ETERNUS"},            kPrefix,   false},
+    // claim strings         vendors           match      products                match      no case  both
+    {"HP", "MSA",            {"COMPAQ", "HP"}, kContains, {"MSA"},                kContains, false,   true},
+    {"HP", "HSV",            {"COMPAQ", "HP"}, kExact,    {"HSV"},                kPrefix,   false,   true},
+    {"HP", "XP",             {"HP"},           kExact,    {"OPEN-V", "OPEN-0V"},  kPrefix,   false,   true},
+    {"DGC", "",              {"DGC"},          kExact,    {"RAID", "DISK", "VNX",
+                                                           "CX"},                 kContains, false,   false},
+    {"EMC", "SYMMETRIX",     {"EMC"},          kExact,    {"SYMMETRIX"},          kExact,    false,   false},
+    {"HITACHI", "HDS",       {"HITACHI"},      kExact,    {"9200", "9500V", "DF600F",
+                                                           "DF600F-V", "OPEN-V",
+                                                           "OPEN-0V", "9900", "9910",
+                                                           "9980V", "9970V", "9960",
+                                                           "USP"},                kPrefix,   false,   false},
+    {"ENGENIO", "UNIVERSAL", {"LSI"},          kExact,    {"INF", "UNIVERSAL",
+                                                           "MPP_VIRTUAL_DISK"},   kPrefix,   true,    true},
+    {"NETAPP", "LUN",        {"NETAPP"},       kExact,    {"LUN"},                kExact,    false,   false},
+    {"HP", "3PAR",           {"3PARdata"},     kExact,    {"VV"},                 kExact,    false,   true},
+    {"FUJITSU", "ETERNUS",   {"FUJITSU"},      kExact,    {"ETERNUS"},            kPrefix,   false,   false},
 };
 // clang-format on
 
@@ -131,7 +134,11 @@ bool CUdidGenerator::claimDevice(CScsiDeviceData* device)
         }
         return false;
     };
-    return matches(stripVendorId(device), rule->vendors, rule->vendorMatch) &&
+    const std::string& vendor = stripVendorId(device);
+    if (rule->stripBothFirst) {
+        stripProductId(device);
+    }
+    return matches(vendor, rule->vendors, rule->vendorMatch) &&
            matches(stripProductId(device), rule->products, rule->productMatch);
 }
 
