@@ -47,58 +47,6 @@ simhost::SimDevice disk(int index)
     return d;
 }
 
-// A simulated host whose named nodes misbehave on request: a node vanishes (turns Gone) at its
-// n-th ioctl, or fails every ioctl of the listed kinds while still opening.
-class FaultyHost : public TestHost {
-public:
-    int open(const char* path, int flags) override
-    {
-        if (path == vanishing && ++m_opens == vanishAtOpen) {
-            findDevice(vanishing.substr(5))->state = DeviceState::Gone;
-        }
-        int fd = SimHost::open(path, flags);
-        if (fd >= 0) {
-            m_nodes[fd] = path;
-        }
-        return fd;
-    }
-    int ioctl(int fd, unsigned long request, void* arg) override
-    {
-        const std::string node = m_nodes.count(fd) ? m_nodes[fd] : "";
-        if (node == vanishing && ++m_ioctls == vanishAt) {
-            findDevice(node.substr(5))->state = DeviceState::Gone;
-        }
-        if (node == failing && (failRequest == 0 || failRequest == request)) {
-            errno = EIO;
-            return -1;
-        }
-        return SimHost::ioctl(fd, request, arg);
-    }
-    // Hands `output` back with the code of a command killed at its limit.
-    int exec(const std::string& command, std::vector<std::string>& output, unsigned long limit,
-             int& sysErrno) override
-    {
-        if (command == hanging) {
-            SimHost::exec(command, output, limit, sysErrno);
-            output.push_back("partial line");
-            sysErrno = 0;
-            return kzfi_pdk_4_4::FI_EXEC_TIMED_OUT;
-        }
-        return SimHost::exec(command, output, limit, sysErrno);
-    }
-    std::string vanishing;  // "/dev/sdX"
-    int vanishAt = 0;       // at its n-th ioctl
-    int vanishAtOpen = 0;   // at its n-th open
-    std::string failing;
-    unsigned long failRequest = 0;  // 0: every request
-    std::string hanging;
-
-private:
-    std::map<int, std::string> m_nodes;
-    int m_ioctls = 0;
-    int m_opens = 0;
-};
-
 DeviceMap enumerate(simhost::SimHost& host, TraceCapture* trace = nullptr)
 {
     simhost::SimHostInstall installed(host);
@@ -131,7 +79,7 @@ void expectOthersKept(const DeviceMap& healthy, const DeviceMap& faulty, const s
 // sda and sdc never notice.
 TEST(Faults, DeviceVanishingBetweenEnumerationAndQueryCostsOnlyItself)
 {
-    FaultyHost healthyHost;
+    simhost::SimHost healthyHost;
     for (int i = 0; i < 3; ++i) {
         healthyHost.addDevice(disk(i));
     }
@@ -156,13 +104,12 @@ TEST(Faults, DeviceVanishingBetweenEnumerationAndQueryCostsOnlyItself)
         {5, 0, "", ""},                                    // every query was done
     };
     for (const Case& c : cases) {
-        FaultyHost host;
+        simhost::SimHost host;
         for (int i = 0; i < 3; ++i) {
             host.addDevice(disk(i));
         }
-        host.vanishing = "/dev/sdb";
-        host.vanishAt = c.vanishAt;
-        host.vanishAtOpen = c.vanishAtOpen;
+        host.findDevice("sdb")->vanishAtIoctl = c.vanishAt;
+        host.findDevice("sdb")->vanishAtOpen = c.vanishAtOpen;
         TraceCapture trace;
         const DeviceMap map = enumerate(host, &trace);
         SCOPED_TRACE(c.vanishAt * 10 + c.vanishAtOpen);
@@ -178,8 +125,8 @@ TEST(Faults, DeviceVanishingBetweenEnumerationAndQueryCostsOnlyItself)
 
 TEST(Faults, UnresponsiveDeviceInTheMiddleOfTwoHundred)
 {
-    FaultyHost healthyHost;
-    FaultyHost host;
+    simhost::SimHost healthyHost;
+    simhost::SimHost host;
     for (int i = 0; i < 200; ++i) {
         healthyHost.addDevice(disk(i));
         simhost::SimDevice d = disk(i);
@@ -213,25 +160,24 @@ TEST(Faults, UnresponsiveDeviceInTheMiddleOfTwoHundred)
 TEST(Faults, NodeThatOpensButFailsItsIoctls)
 {
     struct Case {
-        unsigned long request;
+        std::vector<std::string> failing;
         std::vector<std::string> warnings;
     } cases[] = {
-        {0,
+        {{"SEND_COMMAND", "GET_IDLUN", "SG_IO"},
          {"WARNING: UpdateStdInquiryString invalid SCSI inq page size, device may have been "
           "removed.",
           "WARNING: CScsiToolBase::UpdateDevice() call to UpdateStdInquiryString for device "
           "/dev/sdb"}},
-        {SCSITOOL_IOCTL_GET_IDLUN, {"UpdateDevice: Exception Occurred"}},
+        {{"GET_IDLUN"}, {"UpdateDevice: Exception Occurred"}},
     };
     for (const Case& c : cases) {
-        FaultyHost host;
+        simhost::SimHost host;
         host.addDevice(disk(0));
         simhost::SimDevice filer = disk(1);
         filer.hasVendorCommand = true;
         filer.vendorCommand = PageBuilder(300).byte(8, 0x22).text(36, "FILER");
+        filer.failingIoctls = c.failing;
         host.addDevice(filer);
-        host.failing = "/dev/sdb";
-        host.failRequest = c.request;
         simhost::SimHostInstall installed(host);
         TraceCapture trace(2);
         CScsiTool tool;
@@ -244,7 +190,7 @@ TEST(Faults, NodeThatOpensButFailsItsIoctls)
         EXPECT_EQ(tool.UpdateDevice(&sda), 0);
         EXPECT_EQ(sda.m_pageCache.count(0x83), 1u);
         CNetAppUdidGenerator netapp("NETAPP", "LUN");
-        EXPECT_EQ(netapp.getEnclosureID(&sdb), c.request == 0 ? "" : "FILER");
+        EXPECT_EQ(netapp.getEnclosureID(&sdb), c.failing.size() > 1 ? "" : "FILER");
     }
 }
 
@@ -252,10 +198,11 @@ TEST(Faults, NodeThatOpensButFailsItsIoctls)
 // command in the framework tests), so the port names come from sysfs.
 TEST(Faults, HangingCommandIsKilledAtItsLimit)
 {
-    FaultyHost host;
+    simhost::SimHost host;
     host.addAdapter(
         {3, "qla2xxx", "scsi-qla0-adapter-port=21000024ff2c3d4e;\n", true, "0x21000024ff2c3d4e"});
-    host.hanging = "/bin/ls /proc/scsi/qla2xxx/";
+    host.scriptCommand("/bin/ls /proc/scsi/qla2xxx/",
+                       {kzfi_pdk_4_4::FI_EXEC_TIMED_OUT, {"3", "partial line"}});
     simhost::SimHostInstall installed(host);
     TraceCapture trace(1);
     WWPN wwpn;
@@ -319,19 +266,20 @@ TEST(Faults, GarbageConfigurationKeepsTheDefaults)
 // it still count.
 TEST(Faults, ProcLinesOverTheLineLimitAreSplitNotOverrun)
 {
-    FaultyHost host;
+    simhost::SimHost host;
     const std::string longVendor = "  Vendor: " + std::string(300, 'V') + "\n";
-    host.texts["/proc/scsi/scsi"] =
+    host.setKernelFile(
+        "/proc/scsi/scsi",
         "Attached devices:\n"
         "Host: scsi0 Channel: 00 Id: 00 Lun: 00\n  Vendor: A\n  Type:   Direct-Access\n"
         "Host: scsi0 Channel: 00 Id: 01 Lun: 00\n" +
-        longVendor +
-        "  Type:   Direct-Access\n"
-        "Host: scsi0 Channel: 00 Id: 02 Lun: 00\n  Vendor: C\n  Type:   Direct-Access" +
-        std::string(300, ' ') + "\n";
-    host.texts["/proc/partitions"] = "major minor  #blocks  name\n\n   8  0  1000 sda\n" +
-                                     std::string(250, ' ') + "8 16 1000 sdb1 8 32 1000 sdc\n" +
-                                     "   8  48  1000 sddverylongname\n";
+            longVendor +
+            "  Type:   Direct-Access\n"
+            "Host: scsi0 Channel: 00 Id: 02 Lun: 00\n  Vendor: C\n  Type:   Direct-Access" +
+            std::string(300, ' ') + "\n");
+    host.setKernelFile("/proc/partitions",
+                       "major minor  #blocks  name\n\n   8  0  1000 sda\n" + std::string(250, ' ') +
+                           "8 16 1000 sdb1 8 32 1000 sdc\n" + "   8  48  1000 sddverylongname\n");
     simhost::SimHostInstall installed(host);
     CLinuxDeviceDiscovery discovery;
     std::vector<std::pair<int, int>> ids;

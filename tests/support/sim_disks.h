@@ -13,20 +13,6 @@
 #include "simhost.h"
 #include "trace_capture.h"
 
-// A simulated host some of whose files are overridden: a file of `texts` reads as the given text,
-// and appends to a file of `inertFiles` are kept (see inertWrites) without the host acting on them.
-class TestHost : public simhost::SimHost {
-public:
-    std::map<std::string, std::string> texts;
-    std::set<std::string> inertFiles;
-    ~TestHost() override;
-    FILE* fopen(const char* path, const char* mode) override;
-    std::vector<std::string> inertWrites() const;
-
-private:
-    std::deque<std::pair<char*, size_t>> m_inert;
-};
-
 // A direct-access disk "ACME Disk" named `name` at host:channel:id:lun.
 simhost::SimDevice simDisk(const std::string& name, int host, int channel, int id, int lun,
                            simhost::DeviceState state = simhost::DeviceState::Running);
