@@ -47,8 +47,8 @@ int main(int argc, char** argv)
                                        "run on a host snapshot through the simulated host")
                             ->type_name("FILE");
     app.add_option("--events", global.eventsFile,
-                   "write what the simulated kernel saw to FILE: control-file writes, commands "
-                   "run, sleeps")
+                   "write what the simulated kernel saw to FILE (- for stdout): control-file "
+                   "writes, commands run, sleeps")
         ->type_name("FILE")
         ->needs(host);
     CLI::Option* trace =

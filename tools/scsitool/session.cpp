@@ -119,7 +119,8 @@ Session::Session(const GlobalOptions& options) : m_sink(nullptr)
         m_install.reset(new simhost::SimHostInstall(*m_host));
     }
     if (!options.eventsFile.empty()) {
-        m_events = std::fopen(options.eventsFile.c_str(), "w");
+        // "-": standard output, after what the command prints.
+        m_events = options.eventsFile == "-" ? stdout : std::fopen(options.eventsFile.c_str(), "w");
         if (m_events == nullptr) {
             throw CommandError(kExitBadInput, options.eventsFile + ": cannot write the events: " +
                                                   std::strerror(errno));
@@ -141,7 +142,11 @@ Session::~Session()
     if (m_events != nullptr) {
         const std::string lines = m_host ? m_host->eventLines() : std::string();
         std::fwrite(lines.data(), 1, lines.size(), m_events);
-        std::fclose(m_events);
+        if (m_events == stdout) {
+            std::fflush(stdout);
+        } else {
+            std::fclose(m_events);
+        }
     }
 }
 
