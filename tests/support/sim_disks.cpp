@@ -31,29 +31,3 @@ simhost::SimAdapter simAdapter(int host, const std::string& driver, bool fcHost,
     adapter.procText = procText;
     return adapter;
 }
-
-SharedLogCapture::SharedLogCapture() : TraceCapture(fiPluginTraceLog()) {}
-
-SharedLogCapture::~SharedLogCapture()
-{
-    log()->setSink(nullptr);
-    log()->setLevel(0);
-}
-
-std::vector<std::string> writtenTo(const simhost::SimHost& host, const std::string& path)
-{
-    std::vector<std::string> data;
-    for (const simhost::SimEvent& event : host.writesTo(path))
-        data.push_back(event.data);
-    return data;
-}
-
-std::vector<std::string> allWrites(const simhost::SimHost& host)
-{
-    std::vector<std::string> writes;
-    for (const simhost::SimEvent& event : host.events()) {
-        if (event.kind == simhost::SimEvent::Write)
-            writes.push_back(event.text + " " + event.data);
-    }
-    return writes;
-}

@@ -1,5 +1,4 @@
-// Disks for the simulated host and a capture of the plug-in's shared trace log, for the
-// discovery tests.
+// Disks and adapters for the simulated host, for the discovery tests.
 #ifndef TESTS_SIM_DISKS_H
 #define TESTS_SIM_DISKS_H
 
@@ -21,17 +20,5 @@ simhost::SimDevice simDisk(const std::string& name, int host, int channel, int i
 // /proc/scsi/<driver>/<host> file.
 simhost::SimAdapter simAdapter(int host, const std::string& driver, bool fcHost = false,
                                const std::string& procText = "");
-
-// What the library writes to the plug-in's shared trace log while the object lives.
-class SharedLogCapture : public TraceCapture {
-public:
-    SharedLogCapture();
-    ~SharedLogCapture();
-};
-
-// The data of every write to `path`, in order.
-std::vector<std::string> writtenTo(const simhost::SimHost& host, const std::string& path);
-// Every write as "path data", in order.
-std::vector<std::string> allWrites(const simhost::SimHost& host);
 
 #endif
