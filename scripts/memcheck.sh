@@ -31,18 +31,19 @@ for name in "${programs[@]}"; do
   fi
 done
 if [ $# -eq 0 ]; then
+  # The scenarios with the command under memcheck, two directories at a time.
   start=$(date +%s)
-  if python3 tests/scenarios/run.py --binary build/default/tools/scsitool/scsitool --source . \
-      --wrapper "valgrind --tool=memcheck --error-exitcode=99 --leak-check=full \
-        --errors-for-leak-kinds=definite,indirect --show-leak-kinds=definite,indirect \
-        --num-callers=30 --log-file=$logs/scenario.%p.log" \
-      tests/scenarios/*/ >"$logs/scenarios.out" 2>&1; then
+  if ls -d tests/scenarios/*/ | xargs -P 2 -I{} sh -c 'python3 tests/scenarios/run.py \
+      --binary build/default/tools/scsitool/scsitool --source . --wrapper "valgrind \
+      --tool=memcheck --error-exitcode=99 --leak-check=full \
+      --errors-for-leak-kinds=definite,indirect --show-leak-kinds=definite,indirect \
+      --num-callers=30 --log-file=$1/scenario.%p.log" "{}" >"$1/$(basename {}).out" 2>&1 ||
+      { cat "$1/$(basename {}).out"; exit 1; }' sh "$logs"; then
     echo "memcheck: scenarios clean ($(( $(date +%s) - start ))s)"
   else
     echo "memcheck: scenarios FAILED ($(( $(date +%s) - start ))s)"
-    tail -60 "$logs/scenarios.out"
-    grep -l "ERROR SUMMARY: [1-9]\|definitely lost: [1-9]\|indirectly lost: [1-9]" "$logs"/scenario.*.log |
-      head -3 | xargs -r tail -60
+    grep -l "ERROR SUMMARY: [1-9]\|definitely lost: [1-9]\|indirectly lost: [1-9]" \
+      "$logs"/scenario.*.log | head -3 | xargs -r tail -60
     status=1
   fi
 fi
