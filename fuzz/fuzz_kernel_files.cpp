@@ -14,7 +14,6 @@
 #include "fuzz_input.h"
 #include "scsitool.h"
 #include "simhost.h"
-#include "simhost_state.h"
 
 namespace {
 
