@@ -6,6 +6,7 @@
 #include <string>
 
 #include "device_discovery.h"
+#include "sim_disks.h"
 #include "simhost.h"
 #include "trace_capture.h"
 
@@ -100,5 +101,17 @@ TEST_F(RescanProtocol, ValidationKeepsAFailedDeviceAndTakesNoLock)
         3,
         "libscsitool: Info: CDeviceDiscoveryBase:: validateDevice FAILED - Remove disk /dev/sdq."));
     EXPECT_FALSE(capture.has(3, "Got the lock ."));
+    deleteAll(records);
+
+    // A device that answers is validated without a word.
+    simhost::SimDevice sda = simDisk("sda", 0, 0, 0, 0);
+    sda.vpd[0x00] = {0x00, 0x00, 0x00, 0x00};
+    host.addDevice(sda);
+    capture.clear();
+    records = discovery.validateDevice("/dev/sda");
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_FALSE(capture.has(3,
+                             "libscsitool: Info: CDeviceDiscoveryBase:: validateDevice FAILED "
+                             "- Remove disk /dev/sda."));
     deleteAll(records);
 }
