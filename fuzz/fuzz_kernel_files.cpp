@@ -14,23 +14,8 @@
 #include "fuzz_input.h"
 #include "scsitool.h"
 #include "simhost.h"
-#include "simhost_state.h"
 
 namespace {
-
-// A simulated host whose files can be replaced, the kernel's generated ones included.
-class FileHost : public simhost::SimHost {
-public:
-    FILE* fopen(const char* path, const char* mode) override
-    {
-        auto found = m_files.find(path ? path : "");
-        if (found != m_files.end() && mode && mode[0] == 'r') {
-            return simhost::openTextStream(found->second);
-        }
-        return SimHost::fopen(path, mode);
-    }
-    std::map<std::string, std::string> m_files;
-};
 
 CLinuxDeviceDiscovery& discovery()
 {
@@ -55,7 +40,7 @@ void split(const std::vector<uint8_t>& data, std::string& head, std::string& res
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    FileHost host;
+    simhost::SimHost host;
     host.setProcScsi(false);
     host.addExecutable("/sbin/iscsiadm");
     for (const fuzzinput::Chunk& chunk : fuzzinput::parseChunks(data, size)) {
@@ -63,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         std::string rest;
         split(chunk.data, head, rest);
         if (chunk.tag == 'f') {
-            host.m_files[head] = rest;
+            host.setKernelFile(head, rest);
         } else if (chunk.tag == 'c') {
             simhost::SimCommandScript script;
             script.exitCode = chunk.code;

@@ -2,7 +2,8 @@
 # Runs test programs of the default build under valgrind memcheck: any invalid access, use of an
 # uninitialised value, or definite or indirect leak fails the run. Objects kept for the process
 # (generators, multipath modules, singletons) are still reachable at exit and are not errors.
-#   scripts/memcheck.sh [TEST_PROGRAM_NAME...]   (default: every tests/test_* program)
+#   scripts/memcheck.sh [TEST_PROGRAM_NAME...]   (default: every tests/test_* program, then the
+#                                                 scenarios with scsitool under memcheck)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=build/default/tests
@@ -29,4 +30,21 @@ for name in "${programs[@]}"; do
     status=1
   fi
 done
+if [ $# -eq 0 ]; then
+  # The scenarios with the command under memcheck, two directories at a time.
+  start=$(date +%s)
+  if ls -d tests/scenarios/*/ | xargs -P 2 -I{} sh -c 'python3 tests/scenarios/run.py \
+      --binary build/default/tools/scsitool/scsitool --source . --wrapper "valgrind \
+      --tool=memcheck --error-exitcode=99 --leak-check=full \
+      --errors-for-leak-kinds=definite,indirect --show-leak-kinds=definite,indirect \
+      --num-callers=30 --log-file=$1/scenario.%p.log" "{}" >"$1/$(basename {}).out" 2>&1 ||
+      { cat "$1/$(basename {}).out"; exit 1; }' sh "$logs"; then
+    echo "memcheck: scenarios clean ($(( $(date +%s) - start ))s)"
+  else
+    echo "memcheck: scenarios FAILED ($(( $(date +%s) - start ))s)"
+    grep -l "ERROR SUMMARY: [1-9]\|definitely lost: [1-9]\|indirectly lost: [1-9]" \
+      "$logs"/scenario.*.log | head -3 | xargs -r tail -60
+    status=1
+  fi
+fi
 exit $status

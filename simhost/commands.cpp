@@ -1,6 +1,7 @@
 // Commands: scripted answers, the few commands the model answers itself, and the shell's
 // "not found".
 #include <errno.h>
+#include <stdio.h>
 
 #include <regex>
 #include <sstream>
@@ -104,8 +105,10 @@ int SimHost::exec(const std::string& command, std::vector<std::string>& output,
                   unsigned long limitSeconds, int& sysErrno)
 {
     (void)limitSeconds;
+    const size_t at = m_state->events.size();
     m_state->events.push_back(SimEvent{SimEvent::Command, command, "", 0});
     const int result = m_state->run(command, output, false);
+    m_state->events[at].status = result;
     // A script may answer as a command that ran out of time or could not be started.
     sysErrno = result == kzfi_pdk_4_4::FI_EXEC_TIMED_OUT     ? ETIMEDOUT
                : result == kzfi_pdk_4_4::FI_EXEC_NOT_STARTED ? EAGAIN
@@ -118,12 +121,61 @@ int SimHost::system(const char* command)
     if (!command) {
         return 1;  // a shell is available
     }
+    const size_t at = m_state->events.size();
     m_state->events.push_back(SimEvent{SimEvent::System, command, "", 0});
     std::vector<std::string> output;
     // system() returns a wait status: the exit code in the second byte, a signal in the first;
     // a command that could not run at all gives -1.
     const int result = m_state->run(command, output, true);
+    m_state->events[at].status = result;
     return result < 256 ? result << 8 : result < 256 + 128 ? result - 256 : -1;
+}
+
+namespace {
+
+std::string quoted(const std::string& text)
+{
+    std::string out = "\"";
+    for (unsigned char c : text) {
+        if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c == '"' || c == '\\') {
+            out += '\\';
+            out += static_cast<char>(c);
+        } else if (c < 0x20 || c >= 0x7f) {
+            char hex[5];
+            snprintf(hex, sizeof hex, "\\x%02x", c);
+            out += hex;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out + "\"";
+}
+
+}  // namespace
+
+std::string SimHost::eventLines() const
+{
+    std::string lines;
+    for (const SimEvent& event : m_state->events) {
+        switch (event.kind) {
+            case SimEvent::Write:
+                lines += "write " + event.text + " " + quoted(event.data) + "\n";
+                break;
+            case SimEvent::Command:
+            case SimEvent::System:
+                lines += (event.kind == SimEvent::Command ? "exec " : "system ") +
+                         quoted(event.text) + " exit " + std::to_string(event.status) + "\n";
+                break;
+            case SimEvent::Sleep:
+                lines += "sleep " + std::to_string(event.seconds) + "\n";
+                break;
+        }
+    }
+    return lines;
 }
 
 }  // namespace simhost

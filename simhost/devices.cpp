@@ -123,7 +123,16 @@ bool refusedOpen(const SimDevice* disk, const std::string& name)
 
 int SimHost::open(const char* path, int flags)
 {
-    (void)flags;
+    const int fd = openNode(path);
+    char flagText[16];
+    snprintf(flagText, sizeof flagText, "0x%x", static_cast<unsigned int>(flags));
+    m_state->nodeCalls.push_back("open " + std::string(path ? path : "(null)") + " " + flagText +
+                                 " = " + std::to_string(fd));
+    return fd;
+}
+
+int SimHost::openNode(const char* path)
+{
     State& state = *m_state;
     ++state.openCalls;
     if (!path) {
@@ -147,6 +156,11 @@ int SimHost::open(const char* path, int flags)
     // Which device answers on this node: a disk, one of its partitions, or the device that a
     // multipath map or a PowerPath pseudo-device fronts.
     std::string name = node.substr(node.rfind('/') + 1);
+    SimDevice* own = node == "/dev/" + name ? state.find(name) : nullptr;
+    if (own && own->name == name && own->vanishAtOpen > 0 &&
+        ++state.opensOf[name] == own->vanishAtOpen) {
+        own->state = DeviceState::Gone;
+    }
     std::string device;
     if (state.indexedAnswerer(node, device)) {
         if (node.compare(0, 12, "/dev/mapper/") != 0) {
@@ -187,6 +201,7 @@ int SimHost::open(const char* path, int flags)
 
 int SimHost::close(int fd)
 {
+    m_state->nodeCalls.push_back("close " + std::to_string(fd));
     if (m_state->fds.erase(fd) == 0) {
         errno = EBADF;
         return -1;
@@ -208,6 +223,29 @@ int SimHost::ioctl(int fd, unsigned long request, void* arg)
     }
     SimDevice* device = state.find(open->second.device);
     std::vector<Bytes>& sent = state.cdbs[open->second.node];
+
+    const char* kind = request == SCSI_IOCTL_SEND_COMMAND ? "SEND_COMMAND"
+                       : request == SCSI_IOCTL_GET_IDLUN  ? "GET_IDLUN"
+                       : request == SG_IO      ? "SG_IO"
+                                               : "";
+    std::string call = "ioctl " + std::to_string(fd) + " " + kind;
+    if (request == SCSI_IOCTL_SEND_COMMAND) {
+        const uint8_t* words = static_cast<const uint8_t*>(arg);
+        call += " " + std::to_string(littleEndian32(words)) + " " +
+                std::to_string(littleEndian32(words + 4));
+    }
+    state.nodeCalls.push_back(call);
+    if (device && open->second.node == "/dev/" + device->name) {
+        if (device->vanishAtIoctl > 0 && ++state.ioctlsOf[device->name] == device->vanishAtIoctl) {
+            device->state = DeviceState::Gone;
+        }
+        for (const std::string& failing : device->failingIoctls) {
+            if (failing == kind) {
+                errno = EIO;
+                return -1;
+            }
+        }
+    }
 
     if (request == SCSI_IOCTL_SEND_COMMAND) {
         // Buffer: input length, output length (both little-endian), then the CDB; the answer

@@ -276,6 +276,24 @@ bool SimHost::State::forEachDeviceNode(
 
 bool SimHost::State::lookup(const std::string& path, SimNode& found) const
 {
+    const bool known = lookupModel(path, found);
+    auto text = kernelFiles.find(path);
+    const bool inert = inertFiles.count(path) != 0;
+    if (text == kernelFiles.end() && !inert) {
+        return known;
+    }
+    if (!known || found.kind != SimNode::File) {
+        found = SimNode();
+    }
+    if (text != kernelFiles.end()) {
+        found.content = text->second;
+    }
+    found.writable = found.writable || inert;
+    return true;
+}
+
+bool SimHost::State::lookupModel(const std::string& path, SimNode& found) const
+{
     // The paths asked for most often are answered without building the whole tree.
     if ((path == "/proc/scsi/scsi" && procScsi) || path == "/proc/partitions") {
         found = SimNode();
@@ -418,6 +436,21 @@ SimTree SimHost::State::tree(bool kernelText, const std::string& subtree) const
         });
     }
 
+    // Kernel files whose text the snapshot gives, and control files the kernel ignores.
+    for (const auto& entry : kernelFiles) {
+        auto existing = tree.find(entry.first);
+        const bool writable = existing != tree.end() && existing->second.writable;
+        file(entry.first, kernelText ? entry.second : std::string(), true,
+             writable || inertFiles.count(entry.first));
+    }
+    for (const std::string& path : inertFiles) {
+        if (wanted(path) && !kernelFiles.count(path)) {
+            auto existing = tree.find(path);
+            file(path, existing != tree.end() ? existing->second.content : std::string(), true,
+                 true);
+        }
+    }
+
     // Every parent of an entry is a directory.
     std::vector<std::string> parents;
     for (const auto& entry : tree) {
@@ -474,6 +507,9 @@ void SimHost::State::actOnWrite(const std::string& written, const std::string& d
 {
     events.push_back(SimEvent{SimEvent::Write, written, data, 0});
     const std::string path = normalizePath(written);
+    if (inertFiles.count(path)) {
+        return;
+    }
     std::vector<std::string> lines;
     std::stringstream stream(data);
     for (std::string line; std::getline(stream, line);) {

@@ -269,6 +269,21 @@ void SimHost::scriptCommand(const std::string& commandLine, const SimCommandScri
     m_state->commands[commandLine] = script;
 }
 
+void SimHost::setKernelFile(const std::string& path, const std::string& text)
+{
+    m_state->kernelFiles[normalizePath(path)] = text;
+}
+
+void SimHost::addInertFile(const std::string& path)
+{
+    m_state->inertFiles.insert(normalizePath(path));
+}
+
+void SimHost::setNextDescriptor(int fd)
+{
+    m_state->nextFd = fd;
+}
+
 std::vector<SimDevice> SimHost::devices() const
 {
     return std::vector<SimDevice>(m_state->devices.begin(), m_state->devices.end());
@@ -325,6 +340,12 @@ void SimHost::clearEvents()
     m_state->events.clear();
     m_state->cdbs.clear();
     m_state->openCalls = 0;
+    m_state->nodeCalls.clear();
+}
+
+const std::vector<std::string>& SimHost::nodeCalls() const
+{
+    return m_state->nodeCalls;
 }
 
 int SimHost::openCalls() const

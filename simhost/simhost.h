@@ -38,6 +38,12 @@ struct SimDevice {
     DeviceState state = DeviceState::Running;
     std::vector<std::string> partitions;   // partition names in /proc/partitions, e.g. "sdc1"
     unsigned long long blocks = 10485760;  // size in 1 KiB blocks, as /proc/partitions shows it
+    // Faults: the device turns Gone at the n-th open of its node, or at the n-th ioctl on it
+    // (0: never); the ioctls ("SEND_COMMAND", "GET_IDLUN", "SG_IO") that fail with EIO on it
+    // while its node still opens.
+    int vanishAtOpen = 0;
+    int vanishAtIoctl = 0;
+    std::vector<std::string> failingIoctls;
 };
 
 // A device-mapper multipath map (/dev/mapper/<name>) or a PowerPath pseudo-device
@@ -70,6 +76,7 @@ struct SimEvent {
     std::string text;          // the command line, or the path written
     std::string data;          // the bytes written (Write)
     unsigned int seconds = 0;  // Sleep
+    int status = 0;            // Command, System: the exec result, or the exit code system() saw
 };
 
 // The host's format on disk is described in docs/host-snapshot.md. One thread at a time: the
@@ -109,14 +116,28 @@ public:
     void addFile(const std::string& path, const std::string& content);
     void addExecutable(const std::string& path);
     void scriptCommand(const std::string& commandLine, const SimCommandScript& script);
+    // A kernel file whose text wins over the one the model generates (it exists even where the
+    // model would have none), e.g. "/proc/partitions" with a line the parser must survive.
+    void setKernelFile(const std::string& path, const std::string& text);
+    // A control file whose writes are recorded and otherwise ignored by the kernel.
+    void addInertFile(const std::string& path);
+    // The descriptor number the next successful open hands out (later ones count up from it).
+    void setNextDescriptor(int fd);
 
     // What the library did, in order; and views of it.
     const std::vector<SimEvent>& events() const;
     std::vector<std::string> commandsRun() const;  // exec and system() command lines
     std::vector<SimEvent> writesTo(const std::string& path) const;
     std::vector<unsigned int> sleeps() const;
+    // The events one a line, in order: `write PATH "TEXT"`, `exec "COMMAND" exit N`,
+    // `system "COMMAND" exit N`, `sleep N`; texts C-escaped.
+    std::string eventLines() const;
     void clearEvents();     // also forgets the CDBs sent and the count of open() calls
     int openCalls() const;  // successful and failed open() calls on device nodes
+    // The calls on device nodes, in order: "open /dev/sdc 0x802 = 3" (flags in hex, -1 when it
+    // failed), "ioctl 3 SEND_COMMAND 0 96" (the buffer's input and output lengths),
+    // "ioctl 3 GET_IDLUN", "ioctl 3 SG_IO", "close 3".
+    const std::vector<std::string>& nodeCalls() const;
     // The CDBs sent through ioctl to a node, in order ("/dev/sdc" or "sdc").
     std::vector<Bytes> cdbsSent(const std::string& node) const;
     // Read access to the model, for tests and the capture command.
@@ -151,6 +172,7 @@ public:
     struct State;  // the model's state; defined and used only inside simhost/
 
 private:
+    int openNode(const char* path);
     std::unique_ptr<State> m_state;
 };
 

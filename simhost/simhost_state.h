@@ -56,15 +56,20 @@ struct SimHost::State {
     std::set<std::string> executables;
     std::map<std::string, SimCommandScript> commands;
     std::string capture;  // the snapshot's "capture" object as JSON text ("" when none)
+    std::map<std::string, std::string> kernelFiles;  // text that wins over the generated one
+    std::set<std::string> inertFiles;                // control files whose writes do nothing
 
     std::vector<SimEvent> events;
     int openCalls = 0;
+    std::vector<std::string> nodeCalls;
     struct OpenNode {
         std::string node;    // the path as opened
         std::string device;  // the SimDevice that answers ("" for none)
     };
     std::map<int, OpenNode> fds;
     int nextFd = 3;
+    std::map<std::string, int> opensOf;   // opens of a device's own node, by device name
+    std::map<std::string, int> ioctlsOf;  // ioctls on a device's own node, by device name
     std::map<std::string, std::vector<Bytes>> cdbs;
     std::set<void*> dirs;  // open directory handles
 
@@ -118,6 +123,8 @@ struct SimHost::State {
     // keeps only that path and what lies below it (and the directories above those).
     SimTree tree(bool kernelText = true, const std::string& under = std::string()) const;
     bool lookup(const std::string& normalPath, SimNode& node) const;  // false: no such path
+    // The same without the snapshot's kernel-file texts and inert control files.
+    bool lookupModel(const std::string& normalPath, SimNode& node) const;
     // Visits the nodes under /dev until `visit` returns true; true when it did.
     bool forEachDeviceNode(
         const std::function<bool(const std::string&, const SimNode&)>& visit) const;

@@ -227,6 +227,16 @@ void readDeviceFields(const json& value, const std::string& path, SimDevice& dev
     }
     device.blocks = static_cast<unsigned long long>(
         fields.integer("blocks", false, 0, 1LL << 50, static_cast<long long>(device.blocks)));
+    device.vanishAtOpen = static_cast<int>(fields.integer("vanish_at_open", false, 0, 1000000));
+    device.vanishAtIoctl = static_cast<int>(fields.integer("vanish_at_ioctl", false, 0, 1000000));
+    device.failingIoctls = fields.strings("failing_ioctls");
+    for (size_t i = 0; i < device.failingIoctls.size(); ++i) {
+        const std::string& kind = device.failingIoctls[i];
+        if (kind != "SEND_COMMAND" && kind != "GET_IDLUN" && kind != "SG_IO") {
+            fail(fields.at("failing_ioctls") + "[" + std::to_string(i) + "]",
+                 "unknown ioctl \"" + kind + "\" (expected SEND_COMMAND, GET_IDLUN or SG_IO)");
+        }
+    }
 }
 
 SimDevice readDevice(const json& value, const std::string& path)
@@ -348,6 +358,29 @@ void readHost(const json& root, SimHost::State& state)
             state.files[normalizePath(it.key())] = it->get<std::string>();
         }
     }
+    if (const json* texts = fields.get("kernel_files", false)) {
+        if (!texts->is_object()) {
+            fail("kernel_files", "expected an object of path: text");
+        }
+        for (auto it = texts->begin(); it != texts->end(); ++it) {
+            const std::string path = "kernel_files[\"" + it.key() + "\"]";
+            if (it.key().empty() || it.key()[0] != '/') {
+                fail(path, "not an absolute path");
+            }
+            if (!it->is_string()) {
+                fail(path, "expected a string");
+            }
+            state.kernelFiles[normalizePath(it.key())] = it->get<std::string>();
+        }
+    }
+    std::vector<std::string> inert = fields.strings("inert_files");
+    for (size_t i = 0; i < inert.size(); ++i) {
+        if (inert[i].empty() || inert[i][0] != '/') {
+            fail("inert_files[" + std::to_string(i) + "]", "not an absolute path");
+        }
+        state.inertFiles.insert(normalizePath(inert[i]));
+    }
+    state.nextFd = static_cast<int>(fields.integer("next_descriptor", false, 0, 1 << 20, 3));
     std::vector<std::string> executables = fields.strings("executables");
     for (size_t i = 0; i < executables.size(); ++i) {
         if (executables[i].empty() || executables[i][0] != '/') {
@@ -480,6 +513,15 @@ std::string SimHost::toJson() const
             entry["partitions"] = device.partitions;
         }
         entry["blocks"] = device.blocks;
+        if (device.vanishAtOpen) {
+            entry["vanish_at_open"] = device.vanishAtOpen;
+        }
+        if (device.vanishAtIoctl) {
+            entry["vanish_at_ioctl"] = device.vanishAtIoctl;
+        }
+        if (!device.failingIoctls.empty()) {
+            entry["failing_ioctls"] = device.failingIoctls;
+        }
         devices.push_back(entry);
     }
     root["devices"] = devices;
@@ -509,6 +551,16 @@ std::string SimHost::toJson() const
     root["files"] = ordered::object();
     for (const auto& file : state.files) {
         root["files"][file.first] = file.second;
+    }
+    if (!state.kernelFiles.empty()) {
+        root["kernel_files"] = state.kernelFiles;
+    }
+    if (!state.inertFiles.empty()) {
+        root["inert_files"] =
+            std::vector<std::string>(state.inertFiles.begin(), state.inertFiles.end());
+    }
+    if (state.nextFd != 3) {
+        root["next_descriptor"] = state.nextFd;
     }
     root["executables"] =
         ordered(std::vector<std::string>(state.executables.begin(), state.executables.end()));

@@ -1,5 +1,7 @@
-// The scsitool command, run as a program: golden device maps of the example hosts, capture and
-// replay, one device's report, and the one-line errors with their exit codes.
+// The scsitool command where one command line is not enough to show it: JSON answers checked
+// field by field, runs that need a shell around them (file-size limits, the environment), a
+// capture followed by its replay, and the host's own rescan semaphore beside a replay. Everything
+// one command line shows is a scenario file under tests/scenarios/.
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -24,7 +26,6 @@ namespace {
 const std::string kBinary = std::string(SCSITOOL_BINARY_DIR) + "/tools/scsitool/scsitool";
 const std::string kSource = SCSITOOL_SOURCE_DIR;
 const std::string kExamples = kSource + "/examples/hosts/";
-const std::string kGolden = kSource + "/tests/golden/";
 
 struct Result {
     int status = -1;
@@ -54,75 +55,12 @@ std::string describe(const std::vector<std::string>& args)
     return text;
 }
 
-// The example hosts, by file stem.
-std::vector<std::string> exampleHosts()
-{
-    std::vector<std::string> names;
-    if (DIR* dir = opendir(kExamples.c_str())) {
-        while (struct dirent* entry = readdir(dir)) {
-            std::string name = entry->d_name;
-            if (name.size() > 5 && name.compare(name.size() - 5, 5, ".json") == 0)
-                names.push_back(name.substr(0, name.size() - 5));
-        }
-        closedir(dir);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-// Compares `actual` with a golden file and shows a unified diff when they differ. With
-// SCSITOOL_UPDATE_GOLDEN set the golden file is rewritten instead.
-void expectGolden(const std::string& name, const std::string& actual)
-{
-    const std::string path = kGolden + name;
-    if (std::getenv("SCSITOOL_UPDATE_GOLDEN") != nullptr) {
-        writeFile(path, actual);
-        return;
-    }
-    const std::string expected = readFile(path);
-    if (expected == actual)
-        return;
-    TempDir dir;
-    writeFile(dir.file("actual"), actual);
-    std::system(
-        ("diff -u '" + path + "' '" + dir.file("actual") + "' >" + dir.file("diff")).c_str());
-    const std::string diff = readFile(dir.file("diff"));
-    ADD_FAILURE() << name << " differs from its golden file:\n" << diff;
-}
-
-}  // namespace
-
-TEST(CommandGolden, MapOfEveryExampleHostAsTableAndJson)
-{
-    std::vector<std::string> hosts = exampleHosts();
-    ASSERT_FALSE(hosts.empty()) << "no example hosts in " << kExamples;
-    for (const std::string& host : hosts) {
-        for (bool json : {false, true}) {
-            std::vector<std::string> args{"--host", kExamples + host + ".json", "map"};
-            if (json)
-                args.push_back("--json");
-            Result result = run(args);
-            EXPECT_EQ(result.status, 0) << describe(args) << "\n" << result.err;
-            // The nodes that do not open, and no progress line: stderr is not a terminal here.
-            expectGolden(host + ".map.err", result.err);
-            expectGolden(host + (json ? ".map.json" : ".map.txt"), result.out);
-        }
-    }
-}
-
-namespace {
 
 const std::string kDatacenter = kExamples + "datacenter.json";
 
 nlohmann::json parseJson(const std::string& text)
 {
     return nlohmann::json::parse(text, nullptr, false);
-}
-
-std::string withoutBlanks(std::string text)
-{
-    text.erase(std::remove(text.begin(), text.end(), ' '), text.end());
-    return text;
 }
 
 // A minimal snapshot: one host adapter and the given devices (JSON objects).
@@ -168,262 +106,18 @@ void expectErrors(const std::vector<ErrorCase>& cases)
 
 }  // namespace
 
-TEST(CommandCapture, ReplayOfACaptureGivesTheSameMapAndCapturesToItself)
-{
-    for (const std::string& host : exampleHosts()) {
-        TempDir dir;
-        const std::string original = kExamples + host + ".json";
-        const std::string first = dir.file("first.json"), second = dir.file("second.json");
-        // The capture's time is the same in every capture.
-        const std::string fixedTime = "SOURCE_DATE_EPOCH=1700000000 ";
-        Result captured = run({"--host", original, "capture", first}, fixedTime);
-        ASSERT_EQ(captured.status, 0) << host << ": " << captured.err;
-        EXPECT_EQ(captured.out, "") << host;
-        Result expected = run({"--host", original, "map", "--json"});
-        Result replayed = run({"--host", first, "map", "--json"});
-        EXPECT_EQ(replayed.status, 0) << host << ": " << replayed.err;
-        EXPECT_EQ(replayed.out, expected.out) << host;
-        EXPECT_EQ(run({"--host", first, "initiators", "--json"}).out,
-                  run({"--host", original, "initiators", "--json"}).out)
-            << host;
-        ASSERT_EQ(run({"--host", first, "capture", second}, fixedTime).status, 0) << host;
-        EXPECT_EQ(readFile(second), readFile(first)) << host << ": a capture of the replay differs";
-        EXPECT_EQ(run({"--host", first, "capture", "-"}, fixedTime).out, readFile(first)) << host;
-    }
-}
-
-TEST(CommandCapture, KeepsPagesAddressesAndHostFacts)
-{
-    TempDir dir;
-    ASSERT_EQ(run({"--host", kDatacenter, "capture", dir.file("c.json")}).status, 0);
-    nlohmann::json original = parseJson(readFile(kDatacenter));
-    nlohmann::json captured = parseJson(readFile(dir.file("c.json")));
-    ASSERT_FALSE(captured.is_discarded());
-    for (const char* key : {"hostname", "kernel_release", "proc_scsi", "device_mapper",
-                            "multipath_maps", "powerpath", "adapters", "files", "executables"}) {
-        EXPECT_EQ(captured[key], original[key]) << key;
-    }
-    std::map<std::string, nlohmann::json> capturedDevices;
-    for (const nlohmann::json& device : captured["devices"])
-        capturedDevices[device["name"]] = device;
-    for (const nlohmann::json& device : original["devices"]) {
-        const std::string name = device["name"];
-        const std::string state = device["state"];
-        if (name.compare(0, 2, "sd") != 0 || state == "latent") {
-            EXPECT_EQ(capturedDevices.count(name), 0u) << name << " cannot be seen on a host";
-            continue;
-        }
-        ASSERT_EQ(capturedDevices.count(name), 1u) << name;
-        const nlohmann::json& copy = capturedDevices[name];
-        EXPECT_EQ(copy["address"], device["address"]) << name;
-        EXPECT_EQ(copy["state"], device["state"]) << name;
-        if (state == "running") {
-            EXPECT_EQ(copy["inquiry"], device["inquiry"]) << name;
-            EXPECT_EQ(copy["vpd"], device["vpd"]) << name;
-            EXPECT_EQ(copy.contains("vendor_command"), device.contains("vendor_command")) << name;
-        }
-    }
-}
-
-TEST(CommandShow, ReportsWhatTheDeviceAnsweredAndTheMapsUdid)
-{
-    nlohmann::json snapshot = parseJson(readFile(kDatacenter));
-    nlohmann::json map = parseJson(run({"--host", kDatacenter, "map", "--json"}).out);
-    std::map<std::string, std::string> udids;
-    for (const nlohmann::json& entry : map)
-        udids[entry["DeviceName"]] = entry["Uid"];
-    int shown = 0;
-    for (const nlohmann::json& device : snapshot["devices"]) {
-        const std::string name = device["name"];
-        if (device["state"] != "running" || name.compare(0, 2, "sd") != 0)
-            continue;
-        Result result = run({"--host", kDatacenter, "show", name, "--json"});
-        ASSERT_EQ(result.status, 0) << name << ": " << result.err;
-        nlohmann::json report = parseJson(result.out);
-        ASSERT_TRUE(report.is_object()) << result.out;
-        std::vector<std::string> keys;
-        for (auto it = report.begin(); it != report.end(); ++it)
-            keys.push_back(it.key());
-        EXPECT_EQ(keys,
-                  (std::vector<std::string>{"address", "device", "failed_generators", "firmware",
-                                            "generator", "inquiry", "product", "supported_pages",
-                                            "udid", "vendor", "vpd", "warnings"}));
-        EXPECT_EQ(report["device"], "/dev/" + name);
-        EXPECT_EQ(report["address"], device["address"]) << name;
-        EXPECT_EQ(report["inquiry"], withoutBlanks(device["inquiry"])) << name;
-        EXPECT_EQ(report["udid"], udids["/dev/" + name]) << name;
-        // Every cached page is the device's own answer, under its two-digit code.
-        for (auto page = report["vpd"].begin(); page != report["vpd"].end(); ++page) {
-            ASSERT_TRUE(device["vpd"].contains(page.key())) << name << " " << page.key();
-            EXPECT_EQ(page.value(), withoutBlanks(device["vpd"][page.key()])) << name;
-        }
-        ++shown;
-    }
-    EXPECT_GT(shown, 10);
-}
-
-TEST(CommandShow, TableShowsIdentityAndHexDump)
-{
-    struct Case {
-        std::string host;
-        std::string device;
-        std::string golden;
-    } cases[] = {
-        {kDatacenter, "/dev/sdg", "datacenter.show-sdg.txt"},       // an array generator
-        {kExamples + "modern.json", "sda", "modern.show-sda.txt"},  // the default generator
-    };
-    for (const Case& c : cases) {
-        Result result = run({"--host", c.host, "show", c.device});
-        EXPECT_EQ(result.status, 0) << result.err;
-        expectGolden(c.golden, result.out);
-    }
-}
-
-TEST(CommandShow, WarningsOfTheQueryAreReported)
-{
-    // A NetApp LUN that does not answer the filer identity command: its generator gives up and
-    // the default generator makes the UDID.
-    TempDir dir;
-    writeFile(dir.file("h.json"), snapshotWith(R"({"name": "sda", "address": [0, 0, 0, 0],
-        "inquiry": ")" + inquiryHex("NETAPP", "LUN") +
-                                               R"(", "vpd": {"00": "00 00 00 01 83",
-        "83": "00 83 00 0c 01 03 00 08 60 0a 98 00 00 00 00 01"}})"));
-    Result result = run({"--host", dir.file("h.json"), "show", "sda", "--json"});
-    ASSERT_EQ(result.status, 0) << result.err;
-    nlohmann::json report = parseJson(result.out);
-    EXPECT_EQ(report["generator"], ":");
-    EXPECT_EQ(report["failed_generators"], nlohmann::json::parse(R"([{"generator": "NETAPP:LUN",
-                  "exception": "MSG_UDID_ERROR_INVALID_SCSI_PAGE_DATA:NETAPP:LUN"}])"));
-    EXPECT_EQ(report["udid"],
-              "UDID##NETAPP##LUN##/DEV/SDA@TEST01");  // host-local: no page 0x00 listed
-    EXPECT_EQ(report["supported_pages"], nlohmann::json::array({131}));
-    EXPECT_EQ(report["vpd"], nlohmann::json({{"83", "0083000c01030008600a980000000001"}}));
-    EXPECT_EQ(report["warnings"],
-              nlohmann::json::array({"getEnclosureID: identity command failed on /dev/sda",
-                                     "WARNING: getUniqueDeviceID caught exception: "
-                                     "[MSG_UDID_ERROR_INVALID_SCSI_PAGE_DATA:NETAPP:LUN],skipping "
-                                     "device."}));
-}
-
-TEST(CommandUdid, AnswersFromTheMapAndRescansForAMissingDeviceOnlyWhenAsked)
-{
-    const std::string sdc = "UDID##EMC##SYMMETRIX##000001879014##0A3F\n";
-    struct Case {
-        std::vector<std::string> args;
-        int status;
-        std::string out;
-    } cases[] = {
-        {{"sdc"}, 0, sdc},
-        {{"/dev/sdc"}, 0, sdc},
-        {{"sdo"}, 3, ""},  // latent: found by a bus rescan only
-        {{"sdo", "--rescan-if-missing"},
-         0,
-         "UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3A:B1:1E:00:4C:8F:5E:59:72:C3:E0:44\n"},
-    };
-    for (const Case& c : cases) {
-        std::vector<std::string> args{"--host", kDatacenter, "udid"};
-        args.insert(args.end(), c.args.begin(), c.args.end());
-        Result result = run(args);
-        EXPECT_EQ(result.status, c.status) << describe(args) << "\n" << result.err;
-        EXPECT_EQ(result.out, c.out) << describe(args);
-        if (c.status == 0) {
-            EXPECT_EQ(result.err, "") << describe(args);
-        }
-    }
-}
-
-TEST(CommandInitiators, NamesTheInitiatorAndPortsOrNullWhenThereIsNone)
-{
-    TempDir dir;
-    writeFile(dir.file("bare.json"), snapshotWith(""));
-    struct Case {
-        std::string host;
-        std::string json;
-    } cases[] = {
-        {kDatacenter,
-         // The library's search finds the QLogic port only; sysfs shows both hosts.
-         "{\n  \"iscsi_initiator\": \"iqn.1994-05.com.redhat:dc01a7f3e2b1\",\n"
-         "  \"fc_port_names\": [\n    \"21000024ff2c3d4e\"\n  ],\n"
-         "  \"fc_hosts\": [\n"
-         "    {\n      \"host\": 3,\n      \"driver\": \"qla2xxx\",\n      \"port_state\": "
-         "\"Online\",\n"
-         "      \"port_name\": \"21:00:00:24:ff:2c:3d:4e\"\n    },\n"
-         "    {\n      \"host\": 4,\n      \"driver\": \"lpfc\",\n      \"port_state\": "
-         "\"Linkdown\",\n"
-         "      \"port_name\": \"10:00:00:00:c9:a1:b2:c3\"\n    }\n  ]\n}\n"},
-        {dir.file("bare.json"),
-         "{\n  \"iscsi_initiator\": null,\n  \"fc_port_names\": [],\n  \"fc_hosts\": []\n}\n"},
-    };
-    for (const Case& c : cases) {
-        Result result = run({"--host", c.host, "initiators", "--json"});
-        EXPECT_EQ(result.status, 0) << c.host;
-        EXPECT_EQ(result.out, c.json) << c.host;
-    }
-    EXPECT_EQ(run({"--host", kDatacenter, "initiators"}).out,
-              "iSCSI initiator  iqn.1994-05.com.redhat:dc01a7f3e2b1\n"
-              "FC port names    21000024ff2c3d4e\n\n"
-              "FC hosts in /sys/class/fc_host (the command's own reading):\n"
-              "  host3   qla2xxx   Online    21:00:00:24:ff:2c:3d:4e\n"
-              "  host4   lpfc      Linkdown  10:00:00:00:c9:a1:b2:c3\n");
-}
-
-TEST(CommandTrace, GoesToTheFileAtTheLevelAsked)
-{
-    TempDir dir;
-    const std::string trace = dir.file("trace.log");
-    Result result = run({"--host", kDatacenter, "--trace", trace, "--trace-level", "3", "map"});
-    EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.err, readFile(kGolden + "datacenter.map.err"));
-    std::string text = readFile(trace);
-    EXPECT_NE(text.find(" L3 Printing m_deviceMap\n"), std::string::npos) << text;
-    EXPECT_EQ(text.find(" L6 "), std::string::npos);
-
-    // Without a level, up to 3.
-    run({"--host", kDatacenter, "--trace", trace, "map"});
-    text = readFile(trace);
-    EXPECT_NE(text.find(" L3 Printing m_deviceMap\n"), std::string::npos);
-    EXPECT_EQ(text.find(" L4 "), std::string::npos);
-
-    result = run({"--host", kDatacenter, "--trace", "-", "--trace-level", "6", "udid", "sdc"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_NE(result.err.find(" L6 Entering Function "), std::string::npos);
-}
-
-TEST(CommandErrors, OneLineOnStderrTheExitCodeAndNothingOnStdout)
+TEST(CommandErrors, DiffAndFleetRefuseWhatIsNotACapture)
 {
     TempDir dir;
     writeFile(dir.file("broken.json"), "{\"format\": 1, \"devices\": [");
     writeFile(dir.file("badhex.json"),
               snapshotWith(R"({"name": "sda", "address": [0, 0, 0, 0], "inquiry": "00 0g"})"));
-    writeFile(dir.file("bad.ini"), "this is not a configuration\n");
-    writeFile(dir.file("good.ini"), "[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=1\n");
-    writeFile(dir.file("dead.json"), snapshotWith(R"({"name": "sda", "address": [0, 0, 0, 0],
-        "state": "unresponsive", "inquiry": ")" + inquiryHex("ACME", "DISK") +
-                                                  R"(", "vpd": {}})"));
     std::string format2 = snapshotWith("");
     format2.replace(format2.find("\"format\": 1"), 11, "\"format\": 2");
     writeFile(dir.file("format2.json"), format2);
     const std::string missing = dir.file("missing.json");
-    const std::string none = dir.file("no/such/dir");
     // clang-format off
     const std::vector<ErrorCase> cases = {
-        {{}, 1, "scsitool: a subcommand is required: map, udid, show, initiators, capture, verify, diff or fleet\n"},
-        {{"mpa"}, 1, "scsitool: The following argument was not expected: mpa\n"},
-        {{"map", "--bogus"}, 1, "scsitool: The following argument was not expected: --bogus\n"},
-        {{"udid"}, 1, "scsitool: DEVICE is required\n"},
-        {{"--trace-level", "3", "map"}, 1, "scsitool: --trace-level requires --trace\n"},
-        {{"--trace", "-", "--trace-level", "9", "map"}, 1, "scsitool: --trace-level: Value 9 not in range 0 to 6\n"},
-        {{"--host", missing, "map"}, 2, "scsitool: cannot read " + missing + ": No such file or directory\n"},
-        {{"--host", dir.file("badhex.json"), "map"}, 2, "scsitool: " + dir.file("badhex.json") + ": devices[0].inquiry: not hexadecimal\n"},
-        {{"--host", dir.file("broken.json"), "map"}, 2, "scsitool: " + dir.file("broken.json") + ": not JSON: parse error at line 1, column 27: syntax error while parsing value - unexpected end of input; expected '[', '{', or a literal\n"},
-        {{"--config", dir.file("none.ini"), "map"}, 2, "scsitool: " + dir.file("none.ini") + ": no such configuration file\n"},
-        {{"--config", dir.file("bad.ini"), "map"}, 2, "scsitool: " + dir.file("bad.ini") + ": not a readable configuration file\n"},
-        {{"--trace", none, "map"}, 2, "scsitool: " + none + ": cannot write the trace: No such file or directory\n"},
-        {{"--host", kDatacenter, "capture", none}, 2, "scsitool: " + none + ": cannot write the snapshot: No such file or directory\n"},
-        {{"--host", kDatacenter, "udid", "sdzz"}, 3, "scsitool: /dev/sdzz: device not found\n"},
-        {{"--host", kDatacenter, "show", "/dev/sdzz"}, 3, "scsitool: /dev/sdzz: device not found\n"},
-        {{"--host", dir.file("dead.json"), "show", "sda"}, 3, "scsitool: /dev/sda: the device does not answer as a disk\n"},
-        {{"--config", dir.file("good.ini"), "--host", dir.file("dead.json"), "map"}, 0, ""},
         {{"diff", kDatacenter}, 1, "scsitool: BEFORE AFTER: At least 2 required but received 1\n"},
         {{"diff", kDatacenter, missing}, 2, "scsitool: cannot read " + missing + ": No such file or directory\n"},
         {{"diff", dir.file("broken.json"), kDatacenter}, 2, "scsitool: " + dir.file("broken.json") + ": not JSON: parse error at line 1, column 27: syntax error while parsing value - unexpected end of input; expected '[', '{', or a literal\n"},
@@ -436,57 +130,6 @@ TEST(CommandErrors, OneLineOnStderrTheExitCodeAndNothingOnStdout)
     expectErrors(cases);
 }
 
-TEST(CommandMap, FlagsReachTheRescan)
-{
-    struct Case {
-        std::vector<std::string> flags;
-        const char* traced;  // a level-3 line the rescan writes, or nullptr for none
-        bool latentAppears;  // the datacenter's latent disk sdo is found by a bus rescan
-    } cases[] = {
-        {{}, nullptr, false},
-        {{"--rescan-buses"}, "removeDeadDevices : removeLun0 = 0", true},
-        {{"--rescan-buses", "--remove-lun0"}, "removeDeadDevices : removeLun0 = 1", true},
-        {{"--rescan-buses", "--bus-scan"}, "removeDeadDevices : removeLun0 = 0", true},
-    };
-    for (const Case& c : cases) {
-        std::vector<std::string> args{"--host", kDatacenter, "--trace", "-", "map"};
-        args.insert(args.end(), c.flags.begin(), c.flags.end());
-        Result result = run(args);
-        EXPECT_EQ(result.status, 0) << describe(args);
-        if (c.traced) {
-            EXPECT_NE(result.err.find(std::string(" L3 ") + c.traced + "\n"), std::string::npos)
-                << describe(args);
-        } else {
-            EXPECT_EQ(result.err.find(" L3 removeDeadDevices"), std::string::npos);
-        }
-        EXPECT_EQ(result.out.find(" /dev/sdo ") != std::string::npos, c.latentAppears)
-            << describe(args);
-    }
-}
-
-TEST(CommandCapture, ARescanOfTheReplayFindsWhatTheHostWouldFind)
-{
-    // Disks that only a rescan makes visible cannot be captured; without them the replay's
-    // rescan (adapters, control files, kernel lists) gives the original's map.
-    for (const std::string& host : exampleHosts()) {
-        TempDir dir;
-        nlohmann::json snapshot = parseJson(readFile(kExamples + host + ".json"));
-        nlohmann::json visible = nlohmann::json::array();
-        for (const nlohmann::json& device : snapshot["devices"]) {
-            if (device["state"] != "latent")
-                visible.push_back(device);
-        }
-        snapshot["devices"] = visible;
-        writeFile(dir.file("visible.json"), snapshot.dump());
-        ASSERT_EQ(run({"--host", dir.file("visible.json"), "capture", dir.file("c.json")}).status,
-                  0);
-        Result expected = run({"--host", dir.file("visible.json"), "map", "--rescan-buses"});
-        Result replayed = run({"--host", dir.file("c.json"), "map", "--rescan-buses"});
-        EXPECT_EQ(replayed.status, 0) << host;
-        EXPECT_EQ(replayed.out, expected.out) << host;
-    }
-}
-
 TEST(CommandDiff, FindingsOfTheLaterDatacenterAndTheExitCode)
 {
     const std::string later = kExamples + "datacenter-later.json";
@@ -496,7 +139,6 @@ TEST(CommandDiff, FindingsOfTheLaterDatacenterAndTheExitCode)
     Result text = run({"diff", kDatacenter, later});
     EXPECT_EQ(text.status, 5) << text.err;
     EXPECT_EQ(text.err, "");
-    expectGolden("datacenter-later.diff.txt", text.out);
     Result json = run({"diff", "--json", kDatacenter, later});
     EXPECT_EQ(json.status, 5) << json.err;
     nlohmann::json findings = parseJson(json.out);
@@ -513,7 +155,6 @@ TEST(CommandFleet, SharedVolumesAndConflictsOfTwoHosts)
 {
     Result text = run({"fleet", kDatacenter, kExamples + "dbhost02.json"});
     EXPECT_EQ(text.status, 0) << text.err;
-    expectGolden("fleet.txt", text.out);
     Result json = run({"fleet", "--json", kDatacenter, kExamples + "dbhost02.json"});
     EXPECT_EQ(json.status, 0) << json.err;
     nlohmann::json fleet = parseJson(json.out);
@@ -598,7 +239,7 @@ TEST(CommandOutput, AWriteThatFailsExitsTwoAndLeavesTheOldFile)
 
     result = run({"--host", kDatacenter, "map", "--json"}, small);
     EXPECT_EQ(result.status, 2);
-    EXPECT_EQ(result.err, readFile(kGolden + "datacenter.map.err") +
+    EXPECT_EQ(result.err, run({"--host", kDatacenter, "map", "--json"}).err +
                               "scsitool: standard output: File too large\n");
 
     // A complete capture replaces the old file.
@@ -609,7 +250,6 @@ TEST(CommandOutput, AWriteThatFailsExitsTwoAndLeavesTheOldFile)
 
 TEST(CommandMap, VolumesGroupPathsAndPseudoDevicesByUdid)
 {
-    expectGolden("datacenter.volumes.txt", run({"--host", kDatacenter, "map", "--volumes"}).out);
     nlohmann::json volumes =
         parseJson(run({"--host", kDatacenter, "map", "--volumes", "--json"}).out);
     ASSERT_TRUE(volumes.is_array());

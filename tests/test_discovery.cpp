@@ -15,7 +15,7 @@ using simhost::DeviceState;
 namespace {
 
 struct Enumeration : ::testing::Test {
-    TestHost host;
+    simhost::SimHost host;
     simhost::SimHostInstall install{host};
     TraceCapture trace;
     CLinuxDeviceDiscovery discovery;
@@ -113,11 +113,12 @@ TEST_F(Enumeration, WholeSdDiskNames)
 
 TEST_F(Enumeration, NativePathsAreWholeSdDisksCutToEightCharacters)
 {
-    host.texts["/proc/partitions"] =
+    host.setKernelFile(
+        "/proc/partitions",
         "major minor  #blocks  name\n\n"
         "   8     0   10485760 sda\n   8     1    5242880 sda1\n   3     0    1000000 hda\n"
         "   8    16   10485760 sdabcdefgh\n 120     0   10485760 emcpowera\n"
-        " 253     0   10485760 dm-0\n   8    32   10485760 sdb\n";
+        " 253     0   10485760 dm-0\n   8    32   10485760 sdb\n");
     EXPECT_EQ(discovery.enumerateNativeDevicePaths(),
               (std::vector<std::string>{"/dev/sda", "/dev/sdabcdef", "/dev/sdb"}));
     EXPECT_TRUE(trace.has(3, "INFO: reading /proc/partitions\n"));

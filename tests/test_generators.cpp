@@ -8,55 +8,35 @@
 #include <memory>
 
 #include "device_udid_generator.h"
-#include "fi_system.h"
 #include "page_builders.h"
+#include "simhost.h"
 #include "trace_capture.h"
 
 using namespace kzfi_pdk_4_4;
 
 namespace {
 
-// Installed for its life: host name and the SG_IO answer of every device node; records calls.
-class FakeSystem : public CFiSystem {
-public:
-    FakeSystem() : m_previous(fiInstallSystem(this)) {}
-    ~FakeSystem() override { fiInstallSystem(m_previous); }
-
-    int open(const char* path, int flags) override
+// A simulated host "testhost", installed for its life, whose /dev/sdc and /dev/sdq answer the
+// filer identity command with `answer`.
+struct FakeHost {
+    explicit FakeHost(const Bytes& answer = Bytes(), bool nodes = true) : installed(host)
     {
-        calls.push_back(std::string("open ") + path +
-                        (flags == (O_RDONLY | O_NONBLOCK) ? " ro,nb" : ""));
-        return openFails ? -1 : 7;
+        host.setHostname("testhost");
+        host.setNextDescriptor(7);
+        for (const char* name : {"sdc", "sdq"}) {
+            simhost::SimDevice disk;
+            disk.name = name;
+            disk.id = name[2] - 'a';
+            disk.inquiry = inquiryPage("NETAPP", "LUN", 36);
+            disk.hasVendorCommand = true;
+            disk.vendorCommand = answer;
+            if (nodes) {
+                host.addDevice(disk);
+            }
+        }
     }
-    int close(int fd) override
-    {
-        calls.push_back("close " + std::to_string(fd));
-        return 0;
-    }
-    int ioctl(int fd, unsigned long request, void* arg) override
-    {
-        calls.push_back("ioctl " + std::to_string(fd) + (request == SG_IO ? " SG_IO" : ""));
-        header = *static_cast<sg_io_hdr_t*>(arg);
-        cdb.assign(header.cmdp, header.cmdp + header.cmd_len);
-        uint8_t* buffer = static_cast<uint8_t*>(header.dxferp);
-        zeroed = std::all_of(buffer, buffer + header.dxfer_len, [](uint8_t b) { return b == 0; });
-        std::copy_n(answer.begin(), std::min<size_t>(answer.size(), header.dxfer_len), buffer);
-        return ioctlResult;
-    }
-    int gethostname(char* name, size_t length) override
-    {
-        snprintf(name, length, "testhost");
-        return hostnameFails ? -1 : 0;
-    }
-
-    bool openFails = false, hostnameFails = false, zeroed = false;
-    int ioctlResult = 0;
-    Bytes answer, cdb;
-    std::vector<std::string> calls;
-    sg_io_hdr_t header{};
-
-private:
-    CFiSystem* m_previous;
+    simhost::SimHost host;
+    simhost::SimHostInstall installed;
 };
 
 // An identity answer whose first record, at byte 8, is of type 0x22 with `text` at its byte 28.
@@ -147,8 +127,7 @@ TEST(GeneratorTable, ClaimTestsStripTrailingBlanksInPlace)
 
 TEST(GeneratorTable, MakesEachArrayUdid)
 {
-    FakeSystem system;
-    system.answer = filerAnswer("1234567890");
+    FakeHost system(filerAnswer("1234567890"));
     struct Case {
         const char* vendor;
         const char* product;
@@ -307,8 +286,7 @@ TEST(GeneratorFailures, EachSiteNamesItsMessageAndClaimStrings)
         {FUJITSU, "ETERNUS", {{0, PageBuilder(44)}, {0x83, PageBuilder(23)}}, DATA + "[FUJITSU] [ETERNUS]"},
     };
     // clang-format on
-    FakeSystem system;
-    system.openFails = true;
+    FakeHost system(Bytes(), false);
     for (const Case& c : cases) {
         auto device = makeDevice("ANY", c.product, c.pages, {0x00, 0x83});
         EXPECT_EQ(bodyOf(table()[c.row], device.get()), c.failure) << "case " << &c - cases;
@@ -328,7 +306,7 @@ TEST(DefaultGenerator, PrefixFromTheDeviceOwnIds)
 
 TEST(DefaultGenerator, BodyFromIdentityPagesOrHostLocal)
 {
-    FakeSystem system;
+    FakeHost system;
     const Bytes page64 = PageBuilder(64).byte(0, 0xAB).byte(39, 0x10).byte(63, 0xFF);
     const std::string local = "/dev/sdc@testhost";
     struct Case {
@@ -352,7 +330,7 @@ TEST(DefaultGenerator, BodyFromIdentityPagesOrHostLocal)
         auto device = makeDevice(c.vendor, "DISK", c.pages, c.supported);
         EXPECT_EQ(generator.getUniqueDeviceID(device.get()), c.body);
     }
-    system.hostnameFails = true;
+    system.host.setHostnameFails();
     EXPECT_EQ(generator.getUniqueDeviceID(makeDevice("ACME", "DISK").get()), "/dev/sdc@UNKNOWN");
 }
 
@@ -372,34 +350,29 @@ TEST(NetAppGenerator, SendsTheIdentityCommandAndWalksItsRecords)
     // clang-format on
     CNetAppUdidGenerator generator("NETAPP", "LUN");
     auto device = makeDevice("NETAPP", "LUN", {}, {}, "/dev/sdq");
-    const std::vector<std::string> calls = {"open /dev/sdq ro,nb", "ioctl 7 SG_IO", "close 7"};
+    const std::vector<std::string> calls = {"open /dev/sdq 0x800 = 7", "ioctl 7 SG_IO", "close 7"};
     for (const auto& c : cases) {
-        FakeSystem system;
-        system.answer = c.first;
+        FakeHost system(c.first);
         EXPECT_EQ(generator.getEnclosureID(device.get()), c.second);
-        EXPECT_EQ(system.calls, calls);
-        EXPECT_EQ(system.cdb, hexBytes("C0 00 00 0A 98 0A 22 10 00 00"));
-        EXPECT_TRUE(system.zeroed);
-        EXPECT_EQ(system.header.interface_id, 'S');
-        EXPECT_EQ(system.header.dxfer_direction, SG_DXFER_FROM_DEV);
-        EXPECT_EQ(system.header.mx_sb_len, 64);
-        EXPECT_EQ(system.header.dxfer_len, 4096u);
-        EXPECT_EQ(system.header.timeout, 10u);
+        EXPECT_EQ(system.host.nodeCalls(), calls);
+        EXPECT_EQ(system.host.cdbsSent("sdq"),
+                  std::vector<Bytes>{hexBytes("C0 00 00 0A 98 0A 22 10 00 00")});
     }
 
-    FakeSystem system;
-    system.answer = filerAnswer("1234567890");
-    system.ioctlResult = -1;
-    EXPECT_EQ(generator.getEnclosureID(device.get()), "");
-    EXPECT_EQ(system.calls, calls);
-    system.calls.clear();
-    system.openFails = true;
-    EXPECT_EQ(generator.getEnclosureID(device.get()), "");
-    EXPECT_EQ(system.calls, std::vector<std::string>{"open /dev/sdq ro,nb"});
+    {
+        FakeHost failing(filerAnswer("1234567890"));
+        failing.host.findDevice("sdq")->failingIoctls = {"SG_IO"};
+        EXPECT_EQ(generator.getEnclosureID(device.get()), "");
+        EXPECT_EQ(failing.host.nodeCalls(), calls);
+    }
+    {
+        FakeHost missing(Bytes(), false);
+        EXPECT_EQ(generator.getEnclosureID(device.get()), "");
+        EXPECT_EQ(missing.host.nodeCalls(), std::vector<std::string>{"open /dev/sdq 0x800 = -1"});
+    }
 
+    FakeHost system(filerAnswer("1234567890"));
     // The one failure that names the page in place of the product.
-    system.openFails = false;
-    system.ioctlResult = 0;
     auto unlisted = makeDevice("NETAPP", "LUN", {{0x83, PageBuilder(33)}}, {0x00, 0x80});
     EXPECT_EQ(bodyOf(&generator, unlisted.get()),
               "MSG_UDID_ERROR_INVALID_SCSI_PAGE_DATA [NETAPP] [0x83]");

@@ -1,11 +1,8 @@
-// Multipath discovery on the simulated host: which device-mapper and PowerPath nodes become
-// pseudo-devices, the commands the modules run and their messages, the manager's module order.
+// The multipath discovery manager: its module order and the modules registered on it.
 #include <gtest/gtest.h>
 
 #include "dmp_discovery_manager.h"
-#include "dmp_linux_device_mapper.h"
-#include "dmp_powerpath.h"
-#include "sim_disks.h"
+#include "simhost.h"
 #include "trace_capture.h"
 
 using Lines = std::vector<std::string>;
@@ -18,122 +15,6 @@ struct Multipath : ::testing::Test {
     TraceCapture trace;
 };
 
-Lines keysOf(const DeviceMap& map)
-{
-    Lines keys;
-    for (const auto& entry : map) {
-        keys.push_back(entry.first);
-        EXPECT_EQ(entry.second.dmpClaimLevel, 16) << entry.first;
-        EXPECT_EQ(entry.second.DeviceName, entry.first);
-        EXPECT_EQ(entry.second.Uid, "") << "an existing entry is overwritten";
-    }
-    return keys;
-}
-
-}  // namespace
-
-TEST_F(Multipath, DeviceMapperEntersWholeMapsTheControlNodeAndDotEntries)
-{
-    for (const char* name : {"mpatha", "mpatha1", "mpathap1", "vg-lv", "mpathb"})
-        host.addMultipathMap(name);
-    CDmpLinuxDeviceMapper mapper;
-    mapper.registerTraceLog(trace.log());
-    DeviceMap map;
-    map["/dev/mapper/mpathb"].Uid = "stale";
-    EXPECT_EQ(mapper.enumerateDmpDevices(map), 0);
-    EXPECT_EQ(keysOf(map),
-              (Lines{"/dev/mapper/.", "/dev/mapper/..", "/dev/mapper/control", "/dev/mapper/mpatha",
-                     "/dev/mapper/mpatha1", "/dev/mapper/mpathb"}));
-    Lines info = trace.at(3);
-    ASSERT_EQ(info.size(), 1u + 8u + 6u);
-    EXPECT_EQ(info[0], "INFO: readdir lines returned [8] devices.");
-    EXPECT_EQ(info[1], "Working on device [/dev/mapper/.]");
-    EXPECT_EQ(info[2], "INFO: adding device mapper multipath device to the map [/dev/mapper/.]");
-
-    // Without /dev/mapper/ there is nothing to enter.
-    host.setDeviceMapper(false);
-    trace.clear();
-    map.clear();
-    mapper.enumerateDmpDevices(map);
-    EXPECT_TRUE(map.empty());
-    EXPECT_EQ(trace.at(3), Lines{"INFO: readdir lines returned [0] devices."});
-}
-
-TEST_F(Multipath, DeviceMapperRescanReportsTheToolsOutputOnFailure)
-{
-    for (int code : {0, 1}) {
-        host.scriptCommand("/sbin/multipath -v0 ", {code, {"no ", "paths"}});
-        trace.clear();
-        CDmpLinuxDeviceMapper mapper;
-        mapper.registerTraceLog(trace.log());
-        EXPECT_EQ(mapper.rescan(), code);
-        EXPECT_EQ(trace.at(1),
-                  code ? Lines{"Failed to refresh devices with message ==>no paths."} : Lines{});
-        EXPECT_TRUE(trace.has(6, "calling command [/sbin/multipath -v0 ]."));
-    }
-    EXPECT_EQ(host.commandsRun(), Lines(2, "/sbin/multipath -v0 "));
-}
-
-TEST_F(Multipath, PowerPathEntersPseudoDevicesAndSkipsTheirPartitions)
-{
-    for (const char* name : {"emcpowera", "emcpowera1", "emcpower", "emcpowerb12"})
-        host.addPowerPathDevice(name);
-    host.addDevice(simDisk("sda", 0, 0, 0, 0));
-    CDmpPowerPathDiscovery powerPath;
-    powerPath.registerTraceLog(trace.log());
-    DeviceMap map;
-    EXPECT_EQ(powerPath.enumerateDmpDevices(map), 0);
-    EXPECT_EQ(keysOf(map), (Lines{"/dev/emcpower", "/dev/emcpowera"}));
-    EXPECT_EQ(trace.at(3), (Lines{"INFO: enumerating devices using command [], lines returned [4]",
-                                  "INFO: adding powerpath device to the map [/dev/emcpower]",
-                                  "INFO: adding powerpath device to the map [/dev/emcpowera]"}));
-}
-
-TEST_F(Multipath, PowerPathRescanRunsAllFourCommandsWhateverTheirResults)
-{
-    const Lines commands = {"/sbin/powermt check force dev=all class=all", "/sbin/powermt release",
-                            "/sbin/powermt config", "/sbin/powermt save"};
-    const Lines failures = {
-        "CDmpPowerPathDiscovery: removal of dead powerpath devices failed with message [ out0 ].",
-        "CDmpPowerPathDiscovery: Linux powermt release failed, some emcpower devices may not "
-        "have been reclaimed for later use, error message - [out1].",
-        "CDmpPowerPathDiscovery: removal of dead powerpath devices failed with error [out2].",
-        "CDmpPowerPathDiscovery: running powerpath save failed with error [ out3]."};
-    const Lines announcements = {
-        "CDmpPowerPathDiscovery: ExecuteEmcPowerPathCommands() called.",
-        "CDmpPowerPathDiscovery: removing dead powerpath devices",
-        "CDmpPowerPathDiscovery: running powermt release (Linux only) ",
-        "CDmpPowerPathDiscovery: running powermt config",
-        "CDmpPowerPathDiscovery: running powermt save",
-        "CDmpPowerPathDiscovery: ExecuteEmcPowerPathCommands() completed."};
-    CDmpPowerPathDiscovery powerPath;
-    powerPath.registerTraceLog(trace.log());
-    // Without the tool: one warning and nothing run.
-    EXPECT_EQ(powerPath.rescan(), 0);
-    EXPECT_TRUE(host.commandsRun().empty());
-    EXPECT_EQ(trace.at(2), Lines{"CDmpPowerPathDiscovery: WARNING: powermt command "
-                                 "(/sbin/powermt) was not found."});
-    EXPECT_EQ(trace.at(3), Lines{announcements[0]});
-
-    host.addExecutable("/sbin/powermt");
-    for (unsigned failing : {0u, 15u, 5u}) {  // bit i: command i fails
-        Lines expected;
-        for (size_t i = 0; i < commands.size(); ++i) {
-            bool fails = failing & (1u << i);
-            host.scriptCommand(commands[i], {fails ? 2 : 0, {"out" + std::to_string(i)}});
-            if (fails)
-                expected.push_back(failures[i]);
-        }
-        host.clearEvents();
-        trace.clear();
-        EXPECT_EQ(powerPath.rescan(), 0);
-        EXPECT_EQ(host.commandsRun(), commands);
-        EXPECT_EQ(trace.at(2), expected) << failing;
-        EXPECT_EQ(trace.at(3), announcements);
-    }
-}
-
-namespace {
 struct RecordingModule : CDmpDiscoveryBase {
     Lines calls;
     int enumerateDmpDevices(DeviceMap& map) override

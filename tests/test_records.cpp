@@ -76,7 +76,10 @@ TEST(StringTool, TextHelpers)
     EXPECT_FALSE(CStringTool::isalphaNumeric("ab-1"));
     EXPECT_FALSE(CStringTool::isalphaNumeric("ab 1"));
     EXPECT_EQ(CStringTool::tostrlower("ABC-1"), "abc-1");
+    EXPECT_EQ(CStringTool::rtrim("120000", '0'), "12");
     EXPECT_EQ(CStringTool::tostrupper(std::wstring(L"ab1")), L"AB1");
+    EXPECT_EQ(CStringTool::tostrlower(std::wstring(L"AB1")), L"ab1");
+    EXPECT_EQ(CStringTool::uint2wstr(4294967295u), L"4294967295");
     EXPECT_EQ(CStringTool::str2wstr("abc"), L"abc");
     EXPECT_EQ(CStringTool::wstr2str(std::wstring(L"abc")), "abc");
     EXPECT_EQ(CStringTool::wstr2str(std::wstring()), "");

@@ -1,10 +1,12 @@
-// The rescan protocol: what a rescan with and without bus rescanning runs, and its messages.
+// The rescan protocol where no command reaches: an enumeration that throws, a failed flush, and
+// the validation of one device.
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <string>
 
 #include "device_discovery.h"
+#include "sim_disks.h"
 #include "simhost.h"
 #include "trace_capture.h"
 
@@ -67,46 +69,6 @@ struct RescanProtocol : ::testing::Test {
 
 }  // namespace
 
-TEST_F(RescanProtocol, BusRescanOrFlushNeverBoth)
-{
-    struct Case {
-        bool rescanBuses, busScanFlag, removeLun0;
-        std::vector<std::string> steps;
-    } cases[] = {
-        {false, true, true, {"enumerate", "flush"}},
-        {true, true, false, {"rescanScsiBus 1", "enumerate", "removeDeadDevices 2 0"}},
-        {true, false, true, {"rescanScsiBus 0", "enumerate", "removeDeadDevices 2 1"}},
-    };
-    for (const Case& c : cases) {
-        discovery.steps.clear();
-        capture.clear();
-        std::vector<CScsiDeviceData*> records =
-            discovery.rescan(c.rescanBuses, c.busScanFlag, c.removeLun0);
-        EXPECT_EQ(discovery.steps, c.steps);
-        // Records whose query failed stay in the result.
-        ASSERT_EQ(records.size(), 2u);
-        EXPECT_EQ(records[0]->m_deviceName, "/dev/sdx");
-        // The discovery's own lines (the SCSI layer adds its own at other levels).
-        std::vector<std::string> own;
-        for (const std::string& line : capture.at(3)) {
-            if (line.find("CDeviceDiscoveryBase") != std::string::npos ||
-                line.find("lock .") != std::string::npos) {
-                own.push_back(line);
-            }
-        }
-        const std::string failed =
-            "libscsitool: Info: CDeviceDiscoveryBase::rescan FAILED - Remove disk ";
-        EXPECT_EQ(own, (std::vector<std::string>{
-                           "libscsitool: Info: CDeviceDiscoveryBase::rescan().", "Acquring lock .",
-                           "Got the lock .", failed + "/dev/sdx.", failed + "/dev/sdy.",
-                           "Releasing the lock .",
-                           "libscsitool: DEBUG : CDeviceDiscoveryBase::rescan Exit."}));
-        EXPECT_TRUE(capture.has(
-            6, "libscsitool: Info: CDeviceDiscoveryBase:: Getting data for disk /dev/sdy."));
-        deleteAll(records);
-    }
-}
-
 TEST_F(RescanProtocol, FailuresAreReportedAndTheLockIsReleased)
 {
     discovery.flushResult = 1;
@@ -139,5 +101,17 @@ TEST_F(RescanProtocol, ValidationKeepsAFailedDeviceAndTakesNoLock)
         3,
         "libscsitool: Info: CDeviceDiscoveryBase:: validateDevice FAILED - Remove disk /dev/sdq."));
     EXPECT_FALSE(capture.has(3, "Got the lock ."));
+    deleteAll(records);
+
+    // A device that answers is validated without a word.
+    simhost::SimDevice sda = simDisk("sda", 0, 0, 0, 0);
+    sda.vpd[0x00] = {0x00, 0x00, 0x00, 0x00};
+    host.addDevice(sda);
+    capture.clear();
+    records = discovery.validateDevice("/dev/sda");
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_FALSE(capture.has(3,
+                             "libscsitool: Info: CDeviceDiscoveryBase:: validateDevice FAILED "
+                             "- Remove disk /dev/sda."));
     deleteAll(records);
 }

@@ -18,39 +18,25 @@
 
 namespace {
 
-// The simulated host, with a record of what only the system interface sees: open flags,
-// closed descriptors and the length words of every command buffer. With `zeroFd` the next
-// successful open hands out descriptor 0.
-class Host : public simhost::SimHost {
-public:
-    int open(const char* path, int flags) override
-    {
-        lastFlags = flags;
-        int fd = SimHost::open(path, flags);
-        if (fd >= 0 && zeroFd) {
-            zeroFd = false;
-            return 0;
-        }
-        return fd;
-    }
-    int close(int fd) override
-    {
-        closed.push_back(fd);
-        return SimHost::close(fd);
-    }
-    int ioctl(int fd, unsigned long request, void* arg) override
-    {
-        if (request == SCSITOOL_IOCTL_SEND_COMMAND) {
-            lengths.push_back(
-                Bytes(static_cast<unsigned char*>(arg), static_cast<unsigned char*>(arg) + 8));
-        }
-        return SimHost::ioctl(fd, request, arg);
-    }
-    std::vector<int> closed;
-    std::vector<Bytes> lengths;
-    int lastFlags = 0;
-    bool zeroFd = false;
-};
+// The descriptors closed on `host`, in order.
+std::vector<int> closed(const simhost::SimHost& host)
+{
+    std::vector<int> fds;
+    for (const std::string& call : host.nodeCalls())
+        if (call.compare(0, 6, "close ") == 0)
+            fds.push_back(std::stoi(call.substr(6)));
+    return fds;
+}
+
+// The last call on a device node whose text starts with `prefix`.
+std::string lastCall(const simhost::SimHost& host, const std::string& prefix)
+{
+    std::string found;
+    for (const std::string& call : host.nodeCalls())
+        if (call.compare(0, prefix.size(), prefix) == 0)
+            found = call;
+    return found;
+}
 
 // A standard INQUIRY of `size` bytes of a direct-access disk "ACME Disk", revision "01  ".
 Bytes inquiry(size_t size)
@@ -64,7 +50,7 @@ CScsiDeviceData record(const std::string& name, int lun = 0, int port = -1)
 }
 
 struct ScsiAccess : ::testing::Test {
-    Host host;
+    simhost::SimHost host;
     simhost::SimHostInstall install{host};
     TraceCapture trace;
     CScsiTool tool;
@@ -133,27 +119,27 @@ TEST_F(ScsiAccess, SecondOpenReusesTheDescriptorAndTheDestructorClosesIt)
         EXPECT_EQ(fd, handle.open(b, false));
         EXPECT_EQ("/dev/sda", handle.getDeviceName());
         EXPECT_EQ(1, host.openCalls());
-        EXPECT_EQ(0x802, host.lastFlags);  // O_RDWR | O_NONBLOCK
+        EXPECT_EQ("open /dev/sda 0x802 = " + std::to_string(fd), lastCall(host, "open"));
     }
-    EXPECT_EQ(std::vector<int>{fd}, host.closed);
+    EXPECT_EQ(std::vector<int>{fd}, closed(host));
 }
 
 TEST_F(ScsiAccess, DescriptorZeroIsClosedOnlyOnRequest)
 {
     disk();
     CScsiDeviceData a = record("/dev/sda");
-    host.zeroFd = true;
+    host.setNextDescriptor(0);
     {
         CScsiDeviceHandle handle(a);
         EXPECT_EQ(0, handle.getDescriptor());
     }
-    EXPECT_TRUE(host.closed.empty());
-    host.zeroFd = true;
+    EXPECT_TRUE(closed(host).empty());
+    host.setNextDescriptor(0);
     CScsiDeviceHandle handle(a);
     handle.closeDevice(-1);
-    EXPECT_TRUE(host.closed.empty());
+    EXPECT_TRUE(closed(host).empty());
     handle.closeDevice(0);
-    EXPECT_EQ(std::vector<int>{0}, host.closed);
+    EXPECT_EQ(std::vector<int>{0}, closed(host));
     EXPECT_EQ(-1, handle.getDescriptor());
 }
 
@@ -180,7 +166,7 @@ TEST_F(ScsiAccess, InquiryCommandAndAnswerLength)
         ScsiPagePtr page;
         ASSERT_EQ(0, query(dev, c.code, c.type, length, page));
         EXPECT_EQ(c.length, length);
-        EXPECT_EQ((Bytes{0, 0, 0, 0, 0xE0, 0x01, 0, 0}), host.lengths.back());
+        EXPECT_EQ(" SEND_COMMAND 0 480", lastCall(host, "ioctl").substr(7));
         Bytes cdb = {0x12, c.cdb1, static_cast<unsigned char>(c.code), 0, 0xFC, 0};
         EXPECT_EQ(cdb, host.cdbsSent("/dev/sda").back());
     }
@@ -329,7 +315,7 @@ TEST_F(ScsiAccess, UpdateDeviceCachesTheListedPagesInFixedOrder)
     EXPECT_EQ(7u, dev.m_pageCache[0x80].getLength());
     EXPECT_EQ("Linux", dev.m_operatingSystem);
     EXPECT_EQ(1, host.openCalls());
-    EXPECT_EQ(1u, host.closed.size());
+    EXPECT_EQ(1u, closed(host).size());
 
     ASSERT_EQ(0, tool.UpdateDevice(&dev));
     EXPECT_EQ((std::vector<unsigned int>{0x00, 0x80, 0x83, 0x00, 0x80, 0x83}),

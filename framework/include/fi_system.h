@@ -23,34 +23,35 @@ enum : int {
                                 // (SIGCHLD ignored: ECHILD); errno is kept in the last-error record
 };
 
+// The interface alone: a partial implementation cannot fall through to the real host.
 class CFiSystem {
 public:
     virtual ~CFiSystem();
 
     // Device nodes.
-    virtual int open(const char* path, int flags);
-    virtual int close(int fd);
-    virtual int ioctl(int fd, unsigned long request, void* arg);
+    virtual int open(const char* path, int flags) = 0;
+    virtual int close(int fd) = 0;
+    virtual int ioctl(int fd, unsigned long request, void* arg) = 0;
 
     // Kernel, control and configuration files, as stdio streams the caller closes with fclose.
-    virtual FILE* fopen(const char* path, const char* mode);
+    virtual FILE* fopen(const char* path, const char* mode) = 0;
 
     // Directories: an opaque handle, entries until nullptr (errno set on a read error).
-    virtual void* opendir(const char* path);
-    virtual struct dirent* readdir(void* dir);
-    virtual int closedir(void* dir);
+    virtual void* opendir(const char* path) = 0;
+    virtual struct dirent* readdir(void* dir) = 0;
+    virtual int closedir(void* dir) = 0;
 
-    virtual int stat(const char* path, struct stat* st);
-    virtual int access(const char* path, int mode);
-    virtual int uname(struct utsname* name);
-    virtual int gethostname(char* name, size_t length);
-    virtual unsigned int sleep(unsigned int seconds);
-    virtual int system(const char* command);
+    virtual int stat(const char* path, struct stat* st) = 0;
+    virtual int access(const char* path, int mode) = 0;
+    virtual int uname(struct utsname* name) = 0;
+    virtual int gethostname(char* name, size_t length) = 0;
+    virtual unsigned int sleep(unsigned int seconds) = 0;
+    virtual int system(const char* command) = 0;
 
     // The System V semaphore calls of the host-wide rescan lock.
-    virtual int semget(key_t key, int count, int flags);
-    virtual int semop(int id, struct sembuf* operations, size_t count);
-    virtual int semctl(int id, int number, int command);
+    virtual int semget(key_t key, int count, int flags) = 0;
+    virtual int semop(int id, struct sembuf* operations, size_t count) = 0;
+    virtual int semctl(int id, int number, int command) = 0;
 
     // Runs `command` through /bin/sh -c with standard output and error captured one element per
     // line (without the newline). Lines of the two streams are kept whole and apart, in the order
@@ -61,7 +62,30 @@ public:
     // Returns 0 on success, the exit status, 256 + signal, FI_EXEC_TIMED_OUT or
     // FI_EXEC_NOT_STARTED; sysErrno receives errno for the last two.
     virtual int exec(const std::string& command, std::vector<std::string>& output,
-                     unsigned long limitSeconds, int& sysErrno);
+                     unsigned long limitSeconds, int& sysErrno) = 0;
+};
+
+// The real Linux implementation.
+class CFiLinuxSystem final : public CFiSystem {
+public:
+    int open(const char* path, int flags) override;
+    int close(int fd) override;
+    int ioctl(int fd, unsigned long request, void* arg) override;
+    FILE* fopen(const char* path, const char* mode) override;
+    void* opendir(const char* path) override;
+    struct dirent* readdir(void* dir) override;
+    int closedir(void* dir) override;
+    int stat(const char* path, struct stat* st) override;
+    int access(const char* path, int mode) override;
+    int uname(struct utsname* name) override;
+    int gethostname(char* name, size_t length) override;
+    unsigned int sleep(unsigned int seconds) override;
+    int system(const char* command) override;
+    int semget(key_t key, int count, int flags) override;
+    int semop(int id, struct sembuf* operations, size_t count) override;
+    int semctl(int id, int number, int command) override;
+    int exec(const std::string& command, std::vector<std::string>& output,
+             unsigned long limitSeconds, int& sysErrno) override;
 };
 
 // The installed implementation (the real one unless another was installed).
@@ -71,7 +95,7 @@ CFiSystem& fiSystem();
 // implementation. The caller keeps ownership.
 CFiSystem* fiInstallSystem(CFiSystem* system);
 
-// The real Linux implementation.
+// The real Linux implementation, kept for the life of the process.
 CFiSystem& fiRealSystem();
 
 }  // namespace kzfi_pdk_4_4

@@ -91,88 +91,88 @@ void pauseMillis(long long millis)
 
 CFiSystem::~CFiSystem() = default;
 
-int CFiSystem::open(const char* path, int flags)
+int CFiLinuxSystem::open(const char* path, int flags)
 {
     return ::open(path, flags);
 }
 
-int CFiSystem::close(int fd)
+int CFiLinuxSystem::close(int fd)
 {
     return ::close(fd);
 }
 
-int CFiSystem::ioctl(int fd, unsigned long request, void* arg)
+int CFiLinuxSystem::ioctl(int fd, unsigned long request, void* arg)
 {
     return ::ioctl(fd, request, arg);
 }
 
-FILE* CFiSystem::fopen(const char* path, const char* mode)
+FILE* CFiLinuxSystem::fopen(const char* path, const char* mode)
 {
     return ::fopen(path, mode);
 }
 
-void* CFiSystem::opendir(const char* path)
+void* CFiLinuxSystem::opendir(const char* path)
 {
     return ::opendir(path);
 }
 
-struct dirent* CFiSystem::readdir(void* dir)
+struct dirent* CFiLinuxSystem::readdir(void* dir)
 {
     return ::readdir(static_cast<DIR*>(dir));
 }
 
-int CFiSystem::closedir(void* dir)
+int CFiLinuxSystem::closedir(void* dir)
 {
     return ::closedir(static_cast<DIR*>(dir));
 }
 
-int CFiSystem::stat(const char* path, struct stat* st)
+int CFiLinuxSystem::stat(const char* path, struct stat* st)
 {
     return ::stat(path, st);
 }
 
-int CFiSystem::access(const char* path, int mode)
+int CFiLinuxSystem::access(const char* path, int mode)
 {
     return ::access(path, mode);
 }
 
-int CFiSystem::uname(struct utsname* name)
+int CFiLinuxSystem::uname(struct utsname* name)
 {
     return ::uname(name);
 }
 
-int CFiSystem::gethostname(char* name, size_t length)
+int CFiLinuxSystem::gethostname(char* name, size_t length)
 {
     return ::gethostname(name, length);
 }
 
-int CFiSystem::semget(key_t key, int count, int flags)
+int CFiLinuxSystem::semget(key_t key, int count, int flags)
 {
     return ::semget(key, count, flags);
 }
 
-int CFiSystem::semop(int id, struct sembuf* operations, size_t count)
+int CFiLinuxSystem::semop(int id, struct sembuf* operations, size_t count)
 {
     return ::semop(id, operations, count);
 }
 
-int CFiSystem::semctl(int id, int number, int command)
+int CFiLinuxSystem::semctl(int id, int number, int command)
 {
     return ::semctl(id, number, command);
 }
 
-unsigned int CFiSystem::sleep(unsigned int seconds)
+unsigned int CFiLinuxSystem::sleep(unsigned int seconds)
 {
     return ::sleep(seconds);
 }
 
-int CFiSystem::system(const char* command)
+int CFiLinuxSystem::system(const char* command)
 {
     return ::system(command);
 }
 
-int CFiSystem::exec(const std::string& command, std::vector<std::string>& output,
-                    unsigned long limitSeconds, int& sysErrno)
+int CFiLinuxSystem::exec(const std::string& command, std::vector<std::string>& output,
+                         unsigned long limitSeconds, int& sysErrno)
 {
     sysErrno = 0;
     const long long deadline = nowMillis() + static_cast<long long>(limitSeconds) * 1000;
@@ -295,7 +295,7 @@ int CFiSystem::exec(const std::string& command, std::vector<std::string>& output
 
 CFiSystem& fiRealSystem()
 {
-    static CFiSystem* real = new CFiSystem();  // kept for the life of the process
+    static CFiSystem* real = new CFiLinuxSystem();  // kept for the life of the process
     return *real;
 }
 

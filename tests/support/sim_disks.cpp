@@ -7,32 +7,6 @@
 
 using namespace kzfi_pdk_4_4;
 
-TestHost::~TestHost()
-{
-    for (auto& buffer : m_inert)
-        std::free(buffer.first);
-}
-
-FILE* TestHost::fopen(const char* path, const char* mode)
-{
-    auto text = texts.find(path);
-    if (text != texts.end() && mode[0] == 'r')
-        return fmemopen(&text->second[0], text->second.size(), "r");
-    if (inertFiles.count(path) && mode[0] == 'a') {
-        m_inert.emplace_back(nullptr, 0);
-        return open_memstream(&m_inert.back().first, &m_inert.back().second);
-    }
-    return SimHost::fopen(path, mode);
-}
-
-std::vector<std::string> TestHost::inertWrites() const
-{
-    std::vector<std::string> writes;
-    for (const auto& buffer : m_inert)
-        writes.emplace_back(buffer.first, buffer.second);
-    return writes;
-}
-
 simhost::SimDevice simDisk(const std::string& name, int host, int channel, int id, int lun,
                            simhost::DeviceState state)
 {
@@ -56,30 +30,4 @@ simhost::SimAdapter simAdapter(int host, const std::string& driver, bool fcHost,
     adapter.fcHost = fcHost;
     adapter.procText = procText;
     return adapter;
-}
-
-SharedLogCapture::SharedLogCapture() : TraceCapture(fiPluginTraceLog()) {}
-
-SharedLogCapture::~SharedLogCapture()
-{
-    log()->setSink(nullptr);
-    log()->setLevel(0);
-}
-
-std::vector<std::string> writtenTo(const simhost::SimHost& host, const std::string& path)
-{
-    std::vector<std::string> data;
-    for (const simhost::SimEvent& event : host.writesTo(path))
-        data.push_back(event.data);
-    return data;
-}
-
-std::vector<std::string> allWrites(const simhost::SimHost& host)
-{
-    std::vector<std::string> writes;
-    for (const simhost::SimEvent& event : host.events()) {
-        if (event.kind == simhost::SimEvent::Write)
-            writes.push_back(event.text + " " + event.data);
-    }
-    return writes;
 }

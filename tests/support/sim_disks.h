@@ -1,5 +1,4 @@
-// Disks for the simulated host and a capture of the plug-in's shared trace log, for the
-// discovery tests.
+// Disks and adapters for the simulated host, for the discovery tests.
 #ifndef TESTS_SIM_DISKS_H
 #define TESTS_SIM_DISKS_H
 
@@ -13,20 +12,6 @@
 #include "simhost.h"
 #include "trace_capture.h"
 
-// A simulated host some of whose files are overridden: a file of `texts` reads as the given text,
-// and appends to a file of `inertFiles` are kept (see inertWrites) without the host acting on them.
-class TestHost : public simhost::SimHost {
-public:
-    std::map<std::string, std::string> texts;
-    std::set<std::string> inertFiles;
-    ~TestHost() override;
-    FILE* fopen(const char* path, const char* mode) override;
-    std::vector<std::string> inertWrites() const;
-
-private:
-    std::deque<std::pair<char*, size_t>> m_inert;
-};
-
 // A direct-access disk "ACME Disk" named `name` at host:channel:id:lun.
 simhost::SimDevice simDisk(const std::string& name, int host, int channel, int id, int lun,
                            simhost::DeviceState state = simhost::DeviceState::Running);
@@ -35,17 +20,5 @@ simhost::SimDevice simDisk(const std::string& name, int host, int channel, int i
 // /proc/scsi/<driver>/<host> file.
 simhost::SimAdapter simAdapter(int host, const std::string& driver, bool fcHost = false,
                                const std::string& procText = "");
-
-// What the library writes to the plug-in's shared trace log while the object lives.
-class SharedLogCapture : public TraceCapture {
-public:
-    SharedLogCapture();
-    ~SharedLogCapture();
-};
-
-// The data of every write to `path`, in order.
-std::vector<std::string> writtenTo(const simhost::SimHost& host, const std::string& path);
-// Every write as "path data", in order.
-std::vector<std::string> allWrites(const simhost::SimHost& host);
 
 #endif

@@ -52,8 +52,14 @@ int main(int argc, char** argv)
     app.require_subcommand(0, 1);
 
     GlobalOptions global;
-    app.add_option("--host", global.hostFile, "run on a host snapshot through the simulated host")
-        ->type_name("FILE");
+    CLI::Option* host = app.add_option("--host", global.hostFile,
+                                       "run on a host snapshot through the simulated host")
+                            ->type_name("FILE");
+    app.add_option("--events", global.eventsFile,
+                   "write what the simulated kernel saw to FILE (- for stdout): control-file "
+                   "writes, commands run, sleeps")
+        ->type_name("FILE")
+        ->needs(host);
     CLI::Option* trace =
         app.add_option("--trace", global.traceFile, "write the trace log to FILE (- for stderr)")
             ->type_name("FILE");

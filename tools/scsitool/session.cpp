@@ -118,6 +118,14 @@ Session::Session(const GlobalOptions& options) : m_sink(nullptr)
         }
         m_install.reset(new simhost::SimHostInstall(*m_host));
     }
+    if (!options.eventsFile.empty()) {
+        // "-": standard output, after what the command prints.
+        m_events = options.eventsFile == "-" ? stdout : std::fopen(options.eventsFile.c_str(), "w");
+        if (m_events == nullptr) {
+            throw CommandError(kExitBadInput, options.eventsFile + ": cannot write the events: " +
+                                                  std::strerror(errno));
+        }
+    }
     m_log = kzfi_pdk_4_4::fiPluginTraceLog();
     std::unique_ptr<CommandSink> sink(new CommandSink(std::move(stream), streamLevel));
     m_sink = sink.get();
@@ -130,6 +138,15 @@ Session::~Session()
     // The log outlives the session (it is the plug-in's singleton): close the trace file now.
     if (m_log) {
         m_log->setSink(nullptr);
+    }
+    if (m_events != nullptr) {
+        const std::string lines = m_host ? m_host->eventLines() : std::string();
+        std::fwrite(lines.data(), 1, lines.size(), m_events);
+        if (m_events == stdout) {
+            std::fflush(stdout);
+        } else {
+            std::fclose(m_events);
+        }
     }
 }
 

@@ -3,6 +3,7 @@
 #ifndef SCSITOOL_CLI_SESSION_H
 #define SCSITOOL_CLI_SESSION_H
 
+#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,6 +23,7 @@ struct GlobalOptions {
     std::string traceFile;   // --trace: "-" for stderr, "" for no trace
     int traceLevel = 3;      // --trace-level
     std::string configFile;  // --config
+    std::string eventsFile;  // --events: what the simulated kernel saw ("" for none)
 };
 
 class CommandSink;
@@ -52,6 +54,7 @@ private:
     CommandSink* m_sink;  // owned by the log
     std::unique_ptr<simhost::SimHost> m_host;
     std::unique_ptr<simhost::SimHostInstall> m_install;
+    FILE* m_events = nullptr;  // --events, written when the session ends
 };
 
 }  // namespace scsitool_cli
