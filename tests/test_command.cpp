@@ -55,7 +55,6 @@ std::string describe(const std::vector<std::string>& args)
     return text;
 }
 
-
 const std::string kDatacenter = kExamples + "datacenter.json";
 
 nlohmann::json parseJson(const std::string& text)
@@ -92,6 +91,7 @@ struct ErrorCase {
     std::string err;
 };
 
+// Each command line: its exit status, its stderr whole, and nothing on stdout when it fails.
 void expectErrors(const std::vector<ErrorCase>& cases)
 {
     for (const ErrorCase& c : cases) {
@@ -105,65 +105,6 @@ void expectErrors(const std::vector<ErrorCase>& cases)
 }
 
 }  // namespace
-
-TEST(CommandErrors, DiffAndFleetRefuseWhatIsNotACapture)
-{
-    TempDir dir;
-    writeFile(dir.file("broken.json"), "{\"format\": 1, \"devices\": [");
-    writeFile(dir.file("badhex.json"),
-              snapshotWith(R"({"name": "sda", "address": [0, 0, 0, 0], "inquiry": "00 0g"})"));
-    std::string format2 = snapshotWith("");
-    format2.replace(format2.find("\"format\": 1"), 11, "\"format\": 2");
-    writeFile(dir.file("format2.json"), format2);
-    const std::string missing = dir.file("missing.json");
-    // clang-format off
-    const std::vector<ErrorCase> cases = {
-        {{"diff", kDatacenter}, 1, "scsitool: BEFORE AFTER: At least 2 required but received 1\n"},
-        {{"diff", kDatacenter, missing}, 2, "scsitool: cannot read " + missing + ": No such file or directory\n"},
-        {{"diff", dir.file("broken.json"), kDatacenter}, 2, "scsitool: " + dir.file("broken.json") + ": not JSON: parse error at line 1, column 27: syntax error while parsing value - unexpected end of input; expected '[', '{', or a literal\n"},
-        {{"diff", kDatacenter, dir.file("format2.json")}, 2, "scsitool: " + dir.file("format2.json") + ": format: unsupported format 2 (expected 1)\n"},
-        {{"fleet"}, 2, "scsitool: fleet: no captures given\n"},
-        {{"fleet", kDatacenter, "-"}, 2, "scsitool: fleet: takes capture files, not - (this host)\n"},
-        {{"fleet", kDatacenter, dir.file("badhex.json")}, 2, "scsitool: " + dir.file("badhex.json") + ": devices[0].inquiry: not hexadecimal\n"},
-    };
-    // clang-format on
-    expectErrors(cases);
-}
-
-TEST(CommandDiff, FindingsOfTheLaterDatacenterAndTheExitCode)
-{
-    const std::string later = kExamples + "datacenter-later.json";
-    Result same = run({"diff", kDatacenter, kDatacenter});
-    EXPECT_EQ(same.status, 0) << same.err;
-    EXPECT_EQ(same.out, "");
-    Result text = run({"diff", kDatacenter, later});
-    EXPECT_EQ(text.status, 5) << text.err;
-    EXPECT_EQ(text.err, "");
-    Result json = run({"diff", "--json", kDatacenter, later});
-    EXPECT_EQ(json.status, 5) << json.err;
-    nlohmann::json findings = parseJson(json.out);
-    ASSERT_TRUE(findings.is_object()) << json.out;
-    for (const char* kind : {"remapped", "identity_changed", "moved", "added", "removed"}) {
-        ASSERT_EQ(findings[kind].size(), 1u) << kind;
-    }
-    EXPECT_EQ(findings["remapped"][0]["before"]["addresses"], nlohmann::json::array({"3:0:1:0"}));
-    EXPECT_EQ(findings["moved"][0]["after"]["device_names"], nlohmann::json::array({"/dev/sdr"}));
-    EXPECT_EQ(findings["added"][0]["before"]["udid"], "");
-}
-
-TEST(CommandFleet, SharedVolumesAndConflictsOfTwoHosts)
-{
-    Result text = run({"fleet", kDatacenter, kExamples + "dbhost02.json"});
-    EXPECT_EQ(text.status, 0) << text.err;
-    Result json = run({"fleet", "--json", kDatacenter, kExamples + "dbhost02.json"});
-    EXPECT_EQ(json.status, 0) << json.err;
-    nlohmann::json fleet = parseJson(json.out);
-    EXPECT_EQ(fleet["hosts"], 2);
-    EXPECT_EQ(fleet["shared"].size(), 3u);
-    ASSERT_EQ(fleet["conflicts"].size(), 1u);
-    EXPECT_EQ(fleet["conflicts"][0]["udids"][1]["hosts"],
-              nlohmann::json::array({"dbhost02.example.com"}));
-}
 
 TEST(CommandReplay, LeavesTheRealRescanSemaphoreAlone)
 {
@@ -246,51 +187,6 @@ TEST(CommandOutput, AWriteThatFailsExitsTwoAndLeavesTheOldFile)
     ASSERT_EQ(run({"--host", kDatacenter, "capture", file}, "SOURCE_DATE_EPOCH=0 ").status, 0);
     EXPECT_EQ(readFile(file),
               run({"--host", kDatacenter, "capture", "-"}, "SOURCE_DATE_EPOCH=0 ").out);
-}
-
-TEST(CommandMap, VolumesGroupPathsAndPseudoDevicesByUdid)
-{
-    nlohmann::json volumes =
-        parseJson(run({"--host", kDatacenter, "map", "--volumes", "--json"}).out);
-    ASSERT_TRUE(volumes.is_array());
-    std::map<std::string, nlohmann::json> byUdid;
-    for (const nlohmann::json& volume : volumes)
-        byUdid[volume["udid"]] = volume;
-    // Every UDID of the map is one volume, the control node none.
-    std::set<std::string> udids;
-    for (const nlohmann::json& entry : parseJson(run({"--host", kDatacenter, "map", "--json"}).out))
-        if (entry["kind"] != "dm-control")
-            udids.insert(entry["Uid"].get<std::string>());
-    EXPECT_EQ(byUdid.size(), udids.size());
-    EXPECT_EQ(
-        byUdid["UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3A:B1:1E:00:4C:8F:5E:59:72:C3:E0:"
-               "11"],
-        nlohmann::json::parse(
-            R"({"udid": "UDID##DGC##CLARIION##CK200083300123##60:06:01:60:3A:B1:1E:00:4C:8F:5E:59:72:C3:E0:11",
-            "host_local": false,
-            "paths": [{"device": "/dev/sdb", "address": [3, 0, 0, 0], "state": "running"}],
-            "pseudo_devices": [{"device": "/dev/emcpowerb", "kind": "powerpath", "state": "running"},
-                               {"device": "/dev/mapper/mpatha", "kind": "dm-multipath", "state": "running"}],
-            "warnings": ["one path only"]})"));
-    EXPECT_EQ(byUdid["UDID######/DEV/SDN@DBHOST01.EXAMPLE.COM"]["host_local"], true);
-}
-
-TEST(CommandLine, GlobalOptionsGoAnywhereAndTheVersionIsShown)
-{
-    const std::string host24 = kExamples + "host24.json";
-    const Result before = run({"--host", host24, "map", "--json"});
-    ASSERT_EQ(before.status, 0) << before.err;
-    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-             {"map", "--host", host24, "--json"},
-             {"map", "--json", "--host", host24},
-             {"map", "--trace", "-", "--trace-level", "1", "--host", host24, "--json"}}) {
-        Result result = run(args);
-        EXPECT_EQ(result.status, 0) << describe(args) << "\n" << result.err;
-        EXPECT_EQ(result.out, before.out) << describe(args);
-    }
-    Result version = run({"--version"});
-    EXPECT_EQ(version.status, 0);
-    EXPECT_EQ(version.out, "scsitool " SCSITOOL_VERSION "\n");
 }
 
 TEST(CommandVerify, TheReplayOfACaptureGivesItsRecordedMap)
