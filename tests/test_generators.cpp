@@ -160,6 +160,7 @@ TEST(GeneratorTable, MakesEachArrayUdid)
         {"HITACHI", "DF600F", {{0, PageBuilder(64).text(36, "D6000FA1001A")}}, "UDID##HITACHI##HDS##4001##26"},
         {"HITACHI", "USP", {{0, PageBuilder(64).text(36, "730123450010")}}, "UDID##HITACHI##HDS##73012345##16"},
         {"HITACHI", "9970V", {{0, PageBuilder(64).text(36, "  0 00FF0002")}}, "UDID##HITACHI##HDS##255##2"},
+        {"HITACHI", "9960", {{0, PageBuilder(64).text(36, "50 1ABCD0012")}}, "UDID##HITACHI##HDS##109517##18"},
         {"LSI", "INF-01-00", {{0xC8, PageBuilder(106).hex(90, "600a0b80002649a4 0000000049b8e1c2")}, {0x83, naaPage83(kWwn)}},
          "UDID##ENGENIO##UNIVERSAL##600a0b80002649a40000000049b8e1c2##600601603AB11E004C8F5E5972C3E011"},
         {"NETAPP", "LUN", {{0x83, PageBuilder(33).hex(21, "4e6574417070204c554e2031")}},
