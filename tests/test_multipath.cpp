@@ -55,6 +55,10 @@ TEST_F(Multipath, ManagerAsksPowerPathFirstThenDeviceMapper)
     ASSERT_EQ(run.size(), 5u);
     EXPECT_EQ(run.front(), "/sbin/powermt check force dev=all class=all");
     EXPECT_EQ(run.back(), "/sbin/multipath -v0 ");
+    // PowerPath's own rescan answers 0 whatever its commands did; device-mapper's gives its tool's.
+    host.scriptCommand("/sbin/multipath -v0 ", simhost::SimCommandScript{3, {}});
+    EXPECT_EQ(modules[0]->rescan(), 0);
+    EXPECT_EQ(modules[1]->rescan(), 3);
 }
 
 TEST_F(Multipath, ManagerWithoutALogWritesNothingAndForwardsTheEmptyPointer)
