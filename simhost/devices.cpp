@@ -226,8 +226,8 @@ int SimHost::ioctl(int fd, unsigned long request, void* arg)
 
     const char* kind = request == SCSI_IOCTL_SEND_COMMAND ? "SEND_COMMAND"
                        : request == SCSI_IOCTL_GET_IDLUN  ? "GET_IDLUN"
-                       : request == SG_IO      ? "SG_IO"
-                                               : "";
+                       : request == SG_IO                 ? "SG_IO"
+                                                          : "";
     std::string call = "ioctl " + std::to_string(fd) + " " + kind;
     if (request == SCSI_IOCTL_SEND_COMMAND) {
         const uint8_t* words = static_cast<const uint8_t*>(arg);

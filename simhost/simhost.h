@@ -56,10 +56,10 @@ struct SimPseudoDevice {
 // A host adapter: /sys/class/scsi_host/hostN, and the driver's /proc/scsi/<driver>/N file.
 struct SimAdapter {
     int host = 0;
-    std::string driver;     // "qla2xxx", "qla2300", "lpfc", "mptspi", ...
-    std::string procText;   // contents of /proc/scsi/<driver>/<host> ("" when none)
-    bool fcHost = false;    // has /sys/class/fc_host/hostN
-    std::string portName;   // its port_name, e.g. "0x21000024ff2c3d4e"
+    std::string driver;                     // "qla2xxx", "qla2300", "lpfc", "mptspi", ...
+    std::string procText;                   // contents of /proc/scsi/<driver>/<host> ("" when none)
+    bool fcHost = false;                    // has /sys/class/fc_host/hostN
+    std::string portName;                   // its port_name, e.g. "0x21000024ff2c3d4e"
     std::string portState = std::string();  // its port_state, e.g. "Online"; "" for no such file
 };
 

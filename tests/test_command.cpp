@@ -161,24 +161,35 @@ TEST(CommandAccess, NodesThatDoNotOpenAreNamedWithTheReason)
 TEST(CommandOutput, AWriteThatFailsExitsTwoAndLeavesTheOldFile)
 {
     TempDir dir;
-    const std::string file = dir.file("capture.json");
-    writeFile(file, "the previous capture\n");
+    const std::string file = dir.file("out");
     // Files may grow to one block: every write beyond fails with EFBIG.
     const std::string small = "trap '' XFSZ; ulimit -f 1; ";
-    Result result = run({"--host", kDatacenter, "capture", file}, small);
-    EXPECT_EQ(result.status, 2);
-    EXPECT_EQ(result.err, "scsitool: " + file + ": cannot write the snapshot: File too large\n");
-    EXPECT_EQ(readFile(file), "the previous capture\n");
-    std::vector<std::string> left;
-    if (DIR* listing = opendir(dir.file("").c_str())) {
-        while (struct dirent* entry = readdir(listing))
-            if (entry->d_name[0] != '.')
-                left.push_back(entry->d_name);
-        closedir(listing);
+    struct Case {
+        std::vector<std::string> args;
+        std::string what;
+    };
+    const std::vector<Case> cases = {
+        {{"--host", kDatacenter, "capture", file}, "cannot write the snapshot"},
+        {{"--host", kDatacenter, "--trace", file, "--trace-level", "5", "udid", "sda"},
+         "cannot write the trace"},
+    };
+    for (const Case& c : cases) {
+        writeFile(file, "the previous file\n");
+        Result result = run(c.args, small);
+        EXPECT_EQ(result.status, 2) << c.what;
+        EXPECT_EQ(result.err, "scsitool: " + file + ": " + c.what + ": File too large\n");
+        EXPECT_EQ(readFile(file), "the previous file\n");
+        std::vector<std::string> left;
+        if (DIR* listing = opendir(dir.file("").c_str())) {
+            while (struct dirent* entry = readdir(listing))
+                if (entry->d_name[0] != '.')
+                    left.push_back(entry->d_name);
+            closedir(listing);
+        }
+        EXPECT_EQ(left, std::vector<std::string>{"out"}) << c.what << ": a temporary file was left";
     }
-    EXPECT_EQ(left, std::vector<std::string>{"capture.json"}) << "a temporary file was left";
 
-    result = run({"--host", kDatacenter, "map", "--json"}, small);
+    Result result = run({"--host", kDatacenter, "map", "--json"}, small);
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.err, run({"--host", kDatacenter, "map", "--json"}).err +
                               "scsitool: standard output: File too large\n");

@@ -1,14 +1,14 @@
 // `scsitool capture`: the disks, their address, INQUIRY data, pages and partitions.
 #include <algorithm>
-#include <cerrno>
 #include <cctype>
+#include <cerrno>
 #include <map>
 #include <set>
 
 #include "capture_parts.h"
+#include "device_discovery.h"
 #include "device_probe.h"
 #include "errors.h"
-#include "device_discovery.h"
 #include "kernel_files.h"
 #include "scsitool.h"
 #include "stringtool.h"
@@ -94,7 +94,8 @@ simhost::SimDevice captureDevice(Session& session, const std::string& node, bool
         size_t count = supported.size() > 3 ? supported[3] : 0;
         for (size_t i = 4; i < 4 + count && i < supported.size(); ++i) {
             Bytes page;
-            if (supported[i] != 0 && readDevicePage(tool, handle, record, supported[i], true, page)) {
+            if (supported[i] != 0 &&
+                readDevicePage(tool, handle, record, supported[i], true, page)) {
                 device.vpd[supported[i]] = page;
             }
         }
@@ -111,7 +112,6 @@ simhost::SimDevice captureDevice(Session& session, const std::string& node, bool
 }
 
 typedef std::vector<int> Address;  // host, channel, id, LUN
-
 
 // Disks whose address could not be read (they do not answer) take the disks of
 // "/proc/scsi/scsi" that no answering disk holds, in order, with the identity the kernel still

@@ -179,6 +179,7 @@ int main(int argc, char** argv)
             output = runVerify(session, verifyFile, same);
             exitCode = same ? kExitSuccess : kExitDiffers;
         }
+        output += session.finish();
         std::fwrite(output.data(), 1, output.size(), stdout);
         if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
             reportError(std::string("standard output: ") + std::strerror(errno));

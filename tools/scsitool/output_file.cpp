@@ -12,42 +12,90 @@
 
 namespace scsitool_cli {
 
-void writeFileInPlace(const std::string& path, const std::string& text, const std::string& what)
+StagedFile::StagedFile(const std::string& path, const std::string& what)
+    : m_path(path), m_what(what)
 {
     std::string pattern = path + ".XXXXXX";
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');
     const int fd = ::mkstemp(name.data());
-    int error = fd < 0 ? errno : 0;
-    if (fd >= 0) {
-        // The mode a new file gets from the umask, as if it had been created directly.
-        const mode_t mask = ::umask(0);
-        ::umask(mask);
-        ::fchmod(fd, 0666 & ~mask);
-        for (size_t done = 0; error == 0 && done < text.size();) {
-            const ssize_t written = ::write(fd, text.data() + done, text.size() - done);
-            if (written < 0 && errno != EINTR) {
-                error = errno;
-            } else if (written > 0) {
-                done += static_cast<size_t>(written);
-            }
-        }
-        if (error == 0 && ::fsync(fd) != 0) {
-            error = errno;
-        }
-        if (::close(fd) != 0 && error == 0) {
-            error = errno;
-        }
-        if (error == 0 && ::rename(name.data(), path.c_str()) != 0) {
-            error = errno;
-        }
-        if (error != 0) {
-            ::unlink(name.data());
-        }
+    if (fd < 0) {
+        fail(errno);
+    }
+    m_temporary = name.data();
+    // The mode a new file gets from the umask, as if it had been created directly.
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    ::fchmod(fd, 0666 & ~mask);
+    m_stream = ::fdopen(fd, "w");
+    if (m_stream == nullptr) {
+        const int error = errno;
+        ::close(fd);
+        fail(error);
+    }
+}
+
+StagedFile::~StagedFile()
+{
+    if (m_stream != nullptr) {
+        std::fclose(m_stream);
+    }
+    if (!m_temporary.empty()) {
+        ::unlink(m_temporary.c_str());
+    }
+}
+
+void StagedFile::noteWrite()
+{
+    if (m_error == 0 && std::ferror(m_stream)) {
+        m_error = errno != 0 ? errno : EIO;
+    }
+}
+
+void StagedFile::commit(int error)
+{
+    if (error == 0) {
+        error = m_error;
+    }
+    errno = 0;
+    if (error == 0 && (std::fflush(m_stream) != 0 || std::ferror(m_stream))) {
+        // A write that failed before left the stream's error mark but no errno.
+        error = errno != 0 ? errno : EIO;
+    }
+    if (error == 0 && ::fsync(::fileno(m_stream)) != 0) {
+        error = errno;
+    }
+    if (std::fclose(m_stream) != 0 && error == 0) {
+        error = errno;
+    }
+    m_stream = nullptr;
+    if (error == 0 && ::rename(m_temporary.c_str(), m_path.c_str()) != 0) {
+        error = errno;
     }
     if (error != 0) {
-        throw CommandError(kExitBadInput, path + ": " + what + ": " + std::strerror(error));
+        fail(error);
     }
+    m_temporary.clear();
+}
+
+void StagedFile::fail(int error)
+{
+    if (m_stream != nullptr) {
+        std::fclose(m_stream);
+        m_stream = nullptr;
+    }
+    if (!m_temporary.empty()) {
+        ::unlink(m_temporary.c_str());
+        m_temporary.clear();
+    }
+    throw CommandError(kExitBadInput, m_path + ": " + m_what + ": " + std::strerror(error));
+}
+
+void writeFileInPlace(const std::string& path, const std::string& text, const std::string& what)
+{
+    StagedFile file(path, what);
+    const size_t written = std::fwrite(text.data(), 1, text.size(), file.stream());
+    file.commit(written == text.size() ? 0 : errno);
 }
 
 }  // namespace scsitool_cli

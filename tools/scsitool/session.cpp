@@ -12,6 +12,7 @@
 #include "errors.h"
 #include "fi_configuration.h"
 #include "fi_system.h"
+#include "output_file.h"
 #include "simhost.h"
 
 using kzfi_pdk_4_4::CFiTraceLogPtr;
@@ -25,8 +26,9 @@ static const int kCaptureLevel = 2;
 // running capture keeps. The log's level is the higher of the two, so each side filters here.
 class CommandSink : public kzfi_pdk_4_4::CFiTraceSink {
 public:
-    CommandSink(std::unique_ptr<kzfi_pdk_4_4::CFiStreamTraceSink> stream, int streamLevel)
-        : m_stream(std::move(stream)), m_streamLevel(streamLevel)
+    CommandSink(std::unique_ptr<kzfi_pdk_4_4::CFiStreamTraceSink> stream, int streamLevel,
+                StagedFile* file)
+        : m_stream(std::move(stream)), m_streamLevel(streamLevel), m_file(file)
     {
     }
 
@@ -36,6 +38,9 @@ public:
             m_stream->write(level, message);
         }
         std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_file != nullptr && level <= m_streamLevel) {
+            m_file->noteWrite();
+        }
         if (m_capturing && level <= kCaptureLevel) {
             m_captured.push_back(message);
         }
@@ -58,6 +63,7 @@ public:
 private:
     std::unique_ptr<kzfi_pdk_4_4::CFiStreamTraceSink> m_stream;
     int m_streamLevel;
+    StagedFile* m_file;  // the trace file the stream writes, if any
     std::mutex m_mutex;
     bool m_capturing = false;
     std::vector<std::string> m_captured;
@@ -79,22 +85,20 @@ void useConfiguration(const std::string& path)
     kzfi_pdk_4_4::CFiConfigurationPathTool::setConfigFile(path);
 }
 
-std::unique_ptr<kzfi_pdk_4_4::CFiStreamTraceSink> openTrace(const std::string& path)
+// The trace goes to stderr or, through a staged file, to FILE once the command is done.
+std::unique_ptr<kzfi_pdk_4_4::CFiStreamTraceSink> openTrace(const std::string& path,
+                                                            std::unique_ptr<StagedFile>& file)
 {
     if (path.empty()) {
         return nullptr;
     }
-    if (path == "-") {
-        return std::unique_ptr<kzfi_pdk_4_4::CFiStreamTraceSink>(
-            new kzfi_pdk_4_4::CFiStreamTraceSink(stderr, false));
-    }
-    FILE* stream = std::fopen(path.c_str(), "w");
-    if (stream == nullptr) {
-        throw CommandError(kExitBadInput,
-                           path + ": cannot write the trace: " + std::strerror(errno));
+    FILE* stream = stderr;
+    if (path != "-") {
+        file.reset(new StagedFile(path, "cannot write the trace"));
+        stream = file->stream();
     }
     return std::unique_ptr<kzfi_pdk_4_4::CFiStreamTraceSink>(
-        new kzfi_pdk_4_4::CFiStreamTraceSink(stream, true));
+        new kzfi_pdk_4_4::CFiStreamTraceSink(stream, false));
 }
 
 }  // namespace
@@ -104,7 +108,8 @@ Session::Session(const GlobalOptions& options) : m_sink(nullptr)
     if (!options.configFile.empty()) {
         useConfiguration(options.configFile);
     }
-    std::unique_ptr<kzfi_pdk_4_4::CFiStreamTraceSink> stream = openTrace(options.traceFile);
+    std::unique_ptr<kzfi_pdk_4_4::CFiStreamTraceSink> stream =
+        openTrace(options.traceFile, m_traceFile);
     int streamLevel = stream ? options.traceLevel : 0;
     if (!options.hostFile.empty()) {
         std::string error;
@@ -118,16 +123,14 @@ Session::Session(const GlobalOptions& options) : m_sink(nullptr)
         }
         m_install.reset(new simhost::SimHostInstall(*m_host));
     }
-    if (!options.eventsFile.empty()) {
-        // "-": standard output, after what the command prints.
-        m_events = options.eventsFile == "-" ? stdout : std::fopen(options.eventsFile.c_str(), "w");
-        if (m_events == nullptr) {
-            throw CommandError(kExitBadInput, options.eventsFile + ": cannot write the events: " +
-                                                  std::strerror(errno));
-        }
+    // "-": standard output, after what the command prints.
+    m_eventsToStdout = options.eventsFile == "-";
+    if (!options.eventsFile.empty() && !m_eventsToStdout) {
+        m_eventsFile.reset(new StagedFile(options.eventsFile, "cannot write the events"));
     }
     m_log = kzfi_pdk_4_4::fiPluginTraceLog();
-    std::unique_ptr<CommandSink> sink(new CommandSink(std::move(stream), streamLevel));
+    std::unique_ptr<CommandSink> sink(
+        new CommandSink(std::move(stream), streamLevel, m_traceFile.get()));
     m_sink = sink.get();
     m_log->setSink(std::move(sink));
     m_log->setLevel(std::max(streamLevel, kCaptureLevel));
@@ -135,19 +138,35 @@ Session::Session(const GlobalOptions& options) : m_sink(nullptr)
 
 Session::~Session()
 {
-    // The log outlives the session (it is the plug-in's singleton): close the trace file now.
+    // A command that failed still leaves its trace and events, as far as they can be written.
+    if (!m_finished) {
+        try {
+            const std::string events = finish();
+            std::fwrite(events.data(), 1, events.size(), stdout);
+            std::fflush(stdout);
+        } catch (const CommandError&) {
+        }
+    }
+}
+
+std::string Session::finish()
+{
+    m_finished = true;
+    // The log outlives the session (it is the plug-in's singleton): it lets go of the trace now.
     if (m_log) {
         m_log->setSink(nullptr);
     }
-    if (m_events != nullptr) {
-        const std::string lines = m_host ? m_host->eventLines() : std::string();
-        std::fwrite(lines.data(), 1, lines.size(), m_events);
-        if (m_events == stdout) {
-            std::fflush(stdout);
-        } else {
-            std::fclose(m_events);
-        }
+    const std::string events = m_host ? m_host->eventLines() : std::string();
+    std::unique_ptr<StagedFile> traceFile = std::move(m_traceFile);
+    std::unique_ptr<StagedFile> eventsFile = std::move(m_eventsFile);
+    if (traceFile) {
+        traceFile->commit();
     }
+    if (eventsFile) {
+        const size_t written = std::fwrite(events.data(), 1, events.size(), eventsFile->stream());
+        eventsFile->commit(written == events.size() ? 0 : errno);
+    }
+    return m_eventsToStdout ? events : std::string();
 }
 
 CUDIDFactory& Session::factory()

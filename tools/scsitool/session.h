@@ -27,6 +27,7 @@ struct GlobalOptions {
 };
 
 class CommandSink;
+class StagedFile;
 
 class Session {
 public:
@@ -36,6 +37,11 @@ public:
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
+
+    // Ends the session once the command is done: the trace and events files are put in place
+    // whole (CommandError, exit 2, when one cannot be written). Returns what goes to standard
+    // output after the command's own output (the events under "--events -").
+    std::string finish();
 
     // The plug-in trace log, registered on everything the command creates.
     const kzfi_pdk_4_4::CFiTraceLogPtr& log() const { return m_log; }
@@ -54,7 +60,10 @@ private:
     CommandSink* m_sink;  // owned by the log
     std::unique_ptr<simhost::SimHost> m_host;
     std::unique_ptr<simhost::SimHostInstall> m_install;
-    FILE* m_events = nullptr;  // --events, written when the session ends
+    std::unique_ptr<StagedFile> m_traceFile;   // --trace FILE
+    std::unique_ptr<StagedFile> m_eventsFile;  // --events FILE
+    bool m_eventsToStdout = false;             // --events -
+    bool m_finished = false;
 };
 
 }  // namespace scsitool_cli
