@@ -1,5 +1,5 @@
 // The SCSI access layer against a small kernel model: device handle, INQUIRY and page cache,
-// the Linux commands, and the host's initiator identities.
+// and the Linux commands.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "WWPN_discovery.h"
 #include "device_udid_factory.h"
 #include "page_builders.h"
 #include "scsitool.h"
@@ -384,109 +383,6 @@ TEST_F(ScsiAccess, InquiryStringsComeOnlyFromReceivedBytes)
         EXPECT_EQ(c.firmware, dev.m_firmwareLevel);
         EXPECT_EQ(c.size, dev.m_pageCache[0].getLength());
     }
-}
-
-// ---- initiator identities
-
-TEST(HostIdentity, HostIqn)
-{
-    struct Case {
-        bool tools;
-        const char* content;  // nullptr: no file
-        int result;
-        std::string iqn;
-        std::string error;
-    } cases[] = {
-        {true, "InitiatorName=iqn.x:host1\n", 0, "iqn.x:host1", ""},
-        {true, "# comment\ninitiatorname = iqn.x   \n", 0, "iqn.x", ""},
-        {true, "#InitiatorName=iqn.x\n", 0, "unchanged", ""},
-        // The first InitiatorName line ends the search, even with nothing after its "=".
-        {true, "InitiatorName=\nInitiatorName=iqn.later\n", 0, "", ""},
-        {true, "InitiatorName=", 0, "", ""},
-        {true, nullptr, 26, "unchanged",
-         "Error: failed to open file [/etc/iscsi/initiatorname.iscsi]"},
-        {false, "InitiatorName=iqn.x\n", 6, "unchanged",
-         "libscsitool: ERROR: iscsi-initiator-utils package is not installed on the host"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.iqn);
-        simhost::SimHost host;
-        simhost::SimHostInstall install(host);
-        TraceCapture trace;
-        CScsiTool tool;
-        tool.registerTraceLog(trace.log());
-        if (c.tools)
-            host.addExecutable("/sbin/iscsiadm");
-        if (c.content)
-            host.addFile("/etc/iscsi/initiatorname.iscsi", c.content);
-        std::string iqn = "unchanged";
-        EXPECT_EQ(c.result, tool.GetHostIQN(iqn));
-        EXPECT_EQ(c.iqn, iqn);
-        EXPECT_EQ(c.error.empty() ? std::vector<std::string>() : std::vector<std::string>{c.error},
-                  trace.at(1));
-    }
-}
-
-struct Wwpn : ::testing::Test {
-    simhost::SimHost host;
-    simhost::SimHostInstall install{host};
-    TraceCapture trace;
-    WWPN wwpn;
-    Wwpn() { wwpn.registerTraceLog(trace.log()); }
-    void adapter(int number, const std::string& driver, const std::string& procText,
-                 const std::string& portName)
-    {
-        host.addAdapter(simhost::SimAdapter{number, driver, procText, !portName.empty(), portName});
-    }
-};
-
-TEST_F(Wwpn, QlogicDriverFiles)
-{
-    adapter(1, "qla2xxx",
-            "QLogic PCI to Fibre Channel Host Adapter\nscsi-qla0-adapter-node=2000001b32000001;\n"
-            "scsi-qla0-adapter-port=2100001b32000001;\n",
-            "0x2100001b32000001");
-    adapter(2, "qla2xxx", "scsi-qla1-adapter-port = 2100001b32000002 ;\n", "");
-    EXPECT_EQ((std::vector<std::string>{"2100001b32000001", "2100001b32000002"}), wwpn.getWWPN());
-    EXPECT_EQ(std::vector<std::string>{"/bin/ls /proc/scsi/qla2xxx/"}, host.commandsRun());
-    EXPECT_TRUE(trace.has(3, "Reading file /proc/scsi/qla2xxx/1"));
-}
-
-TEST_F(Wwpn, EmptyDriverDirectoryKeepsSysfsOut)
-{
-    host.scriptCommand("/bin/ls /proc/scsi/qla2xxx/", simhost::SimCommandScript{0, {}});
-    adapter(4, "qla2xxx", "", "0x21000024ff2c3d4e");
-    EXPECT_TRUE(wwpn.getWWPN().empty());
-    EXPECT_EQ(std::vector<std::string>{"/bin/ls /proc/scsi/qla2xxx/"}, host.commandsRun());
-}
-
-TEST_F(Wwpn, SysfsOnlyHosts)
-{
-    adapter(4, "lpfc", "", "0x21000024ff2c3d4e");
-    EXPECT_EQ(std::vector<std::string>{"0x21000024ff2c3d4e"}, wwpn.getWWPN());
-    std::vector<std::string> expected = {"/bin/ls /proc/scsi/qla2xxx/",
-                                         "/bin/ls /proc/scsi/qla2300/", "/bin/ls /proc/scsi/lpfc/",
-                                         "/bin/ls /sys/class/fc_host/"};
-    EXPECT_EQ(expected, host.commandsRun());
-    EXPECT_EQ((std::vector<std::string>{"Error: command /bin/ls /proc/scsi/qla2xxx/ failed.\n",
-                                        "Error: command /bin/ls /proc/scsi/qla2300/ failed.\n",
-                                        "Error: command /bin/ls /proc/scsi/lpfc/ failed.\n"}),
-              trace.at(1));
-}
-
-TEST_F(Wwpn, ScsiHostLayoutsWithoutFcHost)
-{
-    // Both layouts under scsi_host; the newer one wins when both are there.
-    const std::string s = "/sys/class/scsi_host/";
-    for (int n = 0; n < 3; ++n)
-        adapter(n, "mptspi", "", "");
-    host.addFile(s + "host0/device/fc_host/host0/port_name", "0x10\n");
-    host.addFile(s + "host0/device/fc_host:host0/port_name", "0x11\n");
-    host.addFile(s + "host1/device/fc_host:host1/port_name", "0x20\n");
-    EXPECT_EQ((std::vector<std::string>{"0x10", "0x20"}), wwpn.getWWPN());
-    EXPECT_TRUE(trace.has(1, "Error: failed to open file " + s +
-                                 "host2/device/fc_host/host2/port_name and " + s +
-                                 "host2/device/fc_host:host2/port_name"));
 }
 
 }  // namespace
