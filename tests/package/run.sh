@@ -72,7 +72,8 @@ want=$("$prefix/bin/scsitool" --host "$host" map --json 2>/dev/null | python3 -c
 import json, sys
 for entry in json.load(sys.stdin):
     print(entry["DeviceName"], entry["Uid"])')
-[ -n "$got" ] && [ "$got" = "$want" ] ||
+[ -n "$got" ] || fail "the simulated host's test program printed no map"
+[ "$got" = "$want" ] ||
   fail "the simulated host's test program printed '$got', the command '$want'"
 
 export PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig"
@@ -124,8 +125,8 @@ dpkg-deb -e "${debs[0]}" "$control"
 [ "$(cat "$control/shlibs")" = $'libfikit 1 libscsitool1 (>= 1.0.0)\nlibscsitool 1 libscsitool1 (>= 1.0.0)' ] ||
   fail "libscsitool1's shlibs file: $(cat "$control/shlibs")"
 [ "$(cat "$control/triggers")" = "activate-noawait ldconfig" ] || fail "libscsitool1 has no ldconfig trigger"
-file "$(dpkg-deb -x "${debs[2]}" "$work/x" && echo "$work/x/usr/bin/scsitool")" | grep -q ', stripped' ||
-  fail "the command is not stripped"
+dpkg-deb -x "${debs[2]}" "$work/command"
+file "$work/command/usr/bin/scsitool" | grep -q ', stripped' || fail "the command is not stripped"
 
 if command -v lintian >/dev/null; then
   # Errors fail the test; warnings and the notice about running as root are shown only.
