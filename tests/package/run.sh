@@ -1,25 +1,35 @@
 #!/usr/bin/env bash
-# Installs the build tree into a temporary prefix, checks the installed layout, builds a consumer
-# against it through the CMake package and through pkg-config, and builds the Debian package.
+# Installs the build tree into a temporary prefix and moves it elsewhere, checks the installed
+# layout, builds a consumer against the moved tree through the CMake package and through
+# pkg-config and a test program against the simulated host, builds the three Debian packages
+# and checks them, with lintian when it is installed (any error fails).
 # Usage: run.sh BUILD_DIR SOURCE_DIR
 set -euo pipefail
-build=$1
-source=$2
+build=$(cd "$1" && pwd)
+source=$(cd "$2" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
 
 fail() { echo "package: $*" >&2; exit 1; }
 
-cmake --install "$build" --prefix "$prefix" >/dev/null
+# The tree is used where it was moved to, not where it was installed: nothing may name that place.
+cmake --install "$build" --prefix "$work/installed" >/dev/null
+mv "$work/installed" "$prefix"
 libdir=$(cd "$prefix" && dirname "$(find . -name libscsitool.so -print -quit)")
 [ "$libdir" != "." ] || fail "libscsitool.so is not installed"
 for file in bin/scsitool include/scsitool/device_udid_factory.h include/scsitool/fi_trace.h \
-            "$libdir/libfikit.so" "$libdir/pkgconfig/scsitool.pc" \
-            "$libdir/cmake/scsitool/scsitoolConfig.cmake" share/man/man1/scsitool.1 \
+            include/scsitool/simhost.h "$libdir/libfikit.so" "$libdir/libsimhost.a" \
+            "$libdir/pkgconfig/scsitool.pc" "$libdir/cmake/scsitool/scsitoolConfig.cmake" \
+            "$libdir/cmake/scsitool/FindACE.cmake" share/man/man1/scsitool.1 \
             share/bash-completion/completions/scsitool; do
   [ -e "$prefix/$file" ] || fail "$file is not installed"
 done
+for file in include/scsitool/simhost_state.h share/doc; do
+  [ ! -e "$prefix/$file" ] || fail "$file is installed"
+done
+grep -rlF -e "$work/installed" -e "$build" -e "$source" -e /libACE "$prefix/$libdir/cmake" \
+  "$prefix/$libdir/pkgconfig" && fail "the CMake or pkg-config files name a path of this machine"
 "$prefix/bin/scsitool" --help >/dev/null || fail "the installed command does not run"
 [ "$("$prefix/bin/scsitool" --version)" = "scsitool 1.0.0" ] || fail "the installed command's version"
 grep -q '^\.TH SCSITOOL 1 .*"scsitool 1\.0\.0"' "$prefix/share/man/man1/scsitool.1" ||
@@ -46,11 +56,25 @@ set(CMAKE_CXX_STANDARD 17)
 find_package(scsitool 1 REQUIRED)
 add_executable(consumer consumer.cpp)
 target_link_libraries(consumer PRIVATE scsitool::scsitool scsitool::fikit)
+add_executable(sim_consumer sim_consumer.cpp)
+target_link_libraries(sim_consumer PRIVATE scsitool::simhost)
 CMAKE
+cp "$source/tests/package/sim_consumer.cpp" "$work/cmake-consumer/"
 cmake -S "$work/cmake-consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
 got=$("$work/cmake-build/consumer")
 [ "$got" = "$expected" ] || fail "CMake consumer printed '$got', expected '$expected'"
+
+# A program tested against a snapshot sees the map the installed command shows of it.
+host=$source/examples/hosts/datacenter.json
+got=$("$work/cmake-build/sim_consumer" "$host" 2>/dev/null) || fail "the simulated host's test program failed"
+want=$("$prefix/bin/scsitool" --host "$host" map --json 2>/dev/null | python3 -c '
+import json, sys
+for entry in json.load(sys.stdin):
+    print(entry["DeviceName"], entry["Uid"])')
+[ -n "$got" ] || fail "the simulated host's test program printed no map"
+[ "$got" = "$want" ] ||
+  fail "the simulated host's test program printed '$got', the command '$want'"
 
 export PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig"
 [ "$(pkg-config --modversion scsitool)" = "1.0.0" ] || fail "pkg-config version"
@@ -61,12 +85,54 @@ got=$(LD_LIBRARY_PATH="$prefix/$libdir" "$work/pc-consumer")
 [ "$got" = "$expected" ] || fail "pkg-config consumer printed '$got', expected '$expected'"
 
 (cd "$work" && cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/deb" >/dev/null)
-deb=$(find "$work/deb" -maxdepth 1 -name 'scsitool_*.deb' -print -quit)
-[ -n "$deb" ] || fail "cpack made no Debian package"
-contents=$(dpkg-deb -c "$deb")
-for file in ./usr/bin/scsitool ./usr/include/scsitool/device_udid_factory.h libscsitool.so.1 \
-            scsitool.pc; do
-  grep -q -- "$file" <<<"$contents" || fail "the Debian package lacks $file"
+debs=()
+for name in libscsitool1 libscsitool-dev scsitool; do
+  deb=$(find "$work/deb" -maxdepth 1 -name "${name}_1.0.0_*.deb" -print -quit)
+  [ -n "$deb" ] || fail "cpack made no package $name"
+  debs+=("$deb")
 done
-dpkg-deb -f "$deb" Depends | grep -q libace || fail "the Debian package does not depend on ACE"
+# Each package holds its own files and no other's, its copyright and changelog.
+declare -A holds=(
+  [libscsitool1]="/libscsitool.so.1 /libscsitool.so.1.0.0 /libfikit.so.1 /libfikit.so.1.0.0"
+  [libscsitool-dev]="/include/scsitool/device_udid_factory.h /include/scsitool/simhost.h
+    /libscsitool.so /libfikit.so /libsimhost.a /scsitool.pc /cmake/scsitool/scsitoolConfig.cmake
+    /cmake/scsitool/scsitoolTargets.cmake /cmake/scsitool/FindACE.cmake"
+  [scsitool]="./usr/bin/scsitool ./usr/share/man/man1/scsitool.1.gz
+    ./usr/share/bash-completion/completions/scsitool")
+for deb in "${debs[@]}"; do
+  name=$(dpkg-deb -f "$deb" Package)
+  files=$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ { print $6 }')
+  own=$(for file in ${holds[$name]} "./usr/share/doc/$name/copyright" \
+                    "./usr/share/doc/$name/changelog.gz"; do
+          grep -E -- "${file//./\\.}\$" <<<"$files" || fail "$name lacks $file"
+        done | sort)
+  extra=$(comm -23 <(sort <<<"$files") <(echo "$own"))
+  [ -z "$extra" ] || [ "$name" = libscsitool-dev ] || fail "$name also holds $extra"
+  if [ "$name" = libscsitool-dev ]; then
+    grep -v '^\./usr/include/scsitool/[A-Za-z_]*\.h$' <<<"$extra" |
+      grep -v 'scsitoolTargets-[a-z]*\.cmake$\|scsitoolConfigVersion\.cmake$' | grep . &&
+      fail "$name also holds the files above"
+  fi
+done
+depends() { dpkg-deb -f "$1" Depends; }
+depends "${debs[0]}" | grep -q 'libace' || fail "libscsitool1 does not depend on ACE"
+depends "${debs[1]}" | grep -q 'libscsitool1 (= 1\.0\.0).*libace-dev' ||
+  fail "libscsitool-dev depends on '$(depends "${debs[1]}")'"
+depends "${debs[2]}" | grep -q '^libscsitool1 (= 1\.0\.0)' ||
+  fail "scsitool depends on '$(depends "${debs[2]}")'"
+control=$work/control
+dpkg-deb -e "${debs[0]}" "$control"
+[ "$(cat "$control/shlibs")" = $'libfikit 1 libscsitool1 (>= 1.0.0)\nlibscsitool 1 libscsitool1 (>= 1.0.0)' ] ||
+  fail "libscsitool1's shlibs file: $(cat "$control/shlibs")"
+[ "$(cat "$control/triggers")" = "activate-noawait ldconfig" ] || fail "libscsitool1 has no ldconfig trigger"
+dpkg-deb -x "${debs[2]}" "$work/command"
+file "$work/command/usr/bin/scsitool" | grep -q ', stripped' || fail "the command is not stripped"
+
+if command -v lintian >/dev/null; then
+  # Errors fail the test; warnings and the notice about running as root are shown only.
+  report=$(lintian --fail-on error "${debs[@]}" 2>&1) || fail "lintian: $report"
+  [ -z "$report" ] || echo "$report"
+else
+  echo "package: lintian is not installed, the Debian packages are not checked by it"
+fi
 echo "1 passed, 0 failed"
