@@ -96,8 +96,8 @@ TEST_F(Enumeration, WholeSdDiskNames)
     struct Case {
         const char* name;
         bool valid;
-    } cases[] = {{"sda", true},    {"sdab", true}, {"sda1", false},
-                 {"sdb10", false}, {"hda", false}, {"xsda", false}};
+    } cases[] = {{"sda", true},   {"sdab", true}, {"sda1", false}, {"sdb10", false},
+                 {"sdc9", false}, {"hda", false}, {"xsda", false}};
     for (const Case& c : cases) {
         trace.clear();
         EXPECT_EQ(discovery.IsValidDeviceName(c.name), c.valid) << c.name;

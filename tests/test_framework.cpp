@@ -82,9 +82,11 @@ TEST(TraceLog, FiltersByLevelAndWritesNothingWithoutALog)
     capture.log()->trace(4, "hidden %s", "x");
     capture.log()->trace(3, "shown %s", "y");
     capture.log()->trace(1, "%s", std::string(2000, 'z').c_str());
-    ASSERT_EQ(capture.all().size(), 2u);
+    capture.log()->trace(2, "%s", "");  // an empty message is still a line
+    ASSERT_EQ(capture.all().size(), 3u);
     EXPECT_EQ(capture.all()[0], "shown y");
     EXPECT_EQ(capture.all()[1].size(), 2000u);
+    EXPECT_EQ(capture.all()[2], "");
 
     Traced silent;  // no log registered: every site skips its message
     silent.run(5);

@@ -243,7 +243,7 @@ TEST(GeneratorFailures, EachSiteNamesItsMessageAndClaimStrings)
         {IBM, "2107900", {{0x83, PageBuilder(22)}}, DATA + "[IBM] [TOTALSTORAGE]"},
         {IBM, "2105", {{0x80, null}}, DATA + "[IBM] [TOTALSTORAGE]"},
         {IBM, "2105", {{0x80, PageBuilder(10).byte(3, 11)}}, SIZE}, {IBM, "2105", {{0x80, PageBuilder(4).byte(3, 5)}}, SIZE},
-        {IBM, "3552", {{0xC8, PageBuilder(105)}}, DATA + "[IBM] [TOTALSTORAGE]"}, {IBM, "9999", {}, ENCLOSURE},
+        {IBM, "3552", {{0xC8, PageBuilder(105)}, {0x83, PageBuilder(23)}}, DATA + "[IBM] [TOTALSTORAGE]"}, {IBM, "9999", {}, ENCLOSURE},
         {IBM_DS, "1814", {}, DATA + "[IBM] [DISKSYSTEM]"}, {IBM_DS, "1814", {{0x80, PageBuilder(8).byte(3, 9)}}, SIZE},
         {IBM_DS, "1814", {{0x80, serialPage80("S")}, {0x83, PageBuilder(22)}}, DATA + "[IBM] [DISKSYSTEM]"},
         {IBM_DS, "1724", {{0x83, PageBuilder(22)}}, DATA + "[IBM] [DISKSYSTEM]"}, {IBM_DS, "3552", {}, ENCLOSURE},
