@@ -102,6 +102,7 @@ TEST_F(Enumeration, WholeSdDiskNames)
         trace.clear();
         EXPECT_EQ(discovery.IsValidDeviceName(c.name), c.valid) << c.name;
         EXPECT_EQ(trace.at(4).size(), c.valid ? 0u : 1u) << c.name;
+        EXPECT_EQ(trace.at(6).size(), 2u) << c.name << ": the entry and exit lines";
     }
     // An empty name has no last character to look at: it is refused with 6.
     trace.clear();

@@ -83,10 +83,13 @@ TEST(TraceLog, FiltersByLevelAndWritesNothingWithoutALog)
     capture.log()->trace(3, "shown %s", "y");
     capture.log()->trace(1, "%s", std::string(2000, 'z').c_str());
     capture.log()->trace(2, "%s", "");  // an empty message is still a line
-    ASSERT_EQ(capture.all().size(), 3u);
+    const std::string fills(512, 'f');  // one more than the first buffer holds with its end
+    capture.log()->trace(2, "%s", fills.c_str());
+    ASSERT_EQ(capture.all().size(), 4u);
     EXPECT_EQ(capture.all()[0], "shown y");
     EXPECT_EQ(capture.all()[1].size(), 2000u);
     EXPECT_EQ(capture.all()[2], "");
+    EXPECT_EQ(capture.all()[3], fills);
 
     Traced silent;  // no log registered: every site skips its message
     silent.run(5);
