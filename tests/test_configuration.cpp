@@ -13,6 +13,14 @@ TEST(Faults, GarbageConfigurationKeepsTheDefaults)
     TempDir dir;
     const std::string path = dir.file("devicefi.ini");
     const std::string attempts12 = "[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\n";
+    // attempts12 and comment lines, `size` bytes in all.
+    auto sized = [&](size_t size) {
+        std::string text = attempts12 + std::string(size - attempts12.size(), ';');
+        for (size_t end = attempts12.size() + 999; end < size; end += 1000)
+            text[end] = '\n';
+        text[size - 1] = '\n';
+        return text;
+    };
     struct Case {
         std::string text;
         unsigned int delay;
@@ -39,6 +47,10 @@ TEST(Faults, GarbageConfigurationKeepsTheDefaults)
         {attempts12 + ";" + std::string(4094, 'x') + "\n", 3, 8},
         {attempts12 + ";" + std::string(4093, 'x') + "\n", 3, 12},
         {attempts12 + "OPEN_DEVICE_RETRY_DELAY_IN_SEC=\n", 3, 12},
+        {";" + std::string(4094, 'x') + "\n" + attempts12, 3, 8},
+        // Up to 1 MiB is a configuration.
+        {sized(1 << 20), 3, 12},
+        {sized((1 << 20) + 1), 3, 8},
     };
     for (const Case& c : cases) {
         writeFile(path, c.text);

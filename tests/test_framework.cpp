@@ -1,5 +1,6 @@
 // The framework kit: trace log and tracer, reference counts, message ids, the command pipe and the
 // configuration reader behind the tuning settings.
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -261,6 +262,17 @@ bool gone(pid_t pid)
     size_t paren = text.rfind(')');
     return !stat || paren == std::string::npos || text.compare(paren, 4, ") Z ") == 0;
 }
+
+size_t openDescriptors()
+{
+    size_t count = 0;
+    if (DIR* listing = opendir("/proc/self/fd")) {
+        while (readdir(listing) != nullptr)
+            ++count;
+        closedir(listing);
+    }
+    return count;
+}
 }  // namespace
 
 TEST(ExecPipe, KeepsTheLimitForTheWholeRunAndReturnsWhenTheCommandExits)
@@ -281,6 +293,7 @@ TEST(ExecPipe, KeepsTheLimitForTheWholeRunAndReturnsWhenTheCommandExits)
         {"echo done; sleep 2 &", 0, {"done"}, 0, 500},
         {"echo failed >&2; sleep 2 >&2 & exit 4", 4, {"failed"}, 0, 500},
     };
+    const size_t descriptors = openDescriptors();
     for (const Case& c : cases) {
         CFiExecPipePosix pipe(1);
         std::vector<std::string> lines;
@@ -305,8 +318,9 @@ TEST(ExecPipe, KeepsTheLimitForTheWholeRunAndReturnsWhenTheCommandExits)
         } else {
             EXPECT_EQ(lines, c.lines) << c.command;
         }
-        // No zombie is left behind: the command was reaped.
+        // No zombie is left behind: the command was reaped; nor is a pipe left open.
         EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << c.command;
+        EXPECT_EQ(openDescriptors(), descriptors) << c.command;
     }
 }
 

@@ -229,6 +229,10 @@ TEST(DeviceMapCompare, EachFindingBetweenTwoSmallHosts)
          {"identity-changed serial.ACME.ABCD: 0080000441424344 [/dev/mapper/mpathb,/dev/sdl "
           "4:0:2:0] -> 0080000441424344 [/dev/mapper/mpathb,/dev/sdl 4:0:2:0]"},
          serialOnly},
+        {"the disk that did not answer answers: its name now names a volume",
+         [](json& h) { deviceNamed(h, "sdn")["state"] = "running"; },
+         {"remapped /dev/sdn: /DEV/SDN@DBHOST01.EXAMPLE.COM [/dev/sdn] -> "
+          "60:06:01:60:3A:B1:1E:00:4C:8F:5E:59:72:C3:E0:33 [/dev/sdn 4:0:3:0]"}},
         {"the Fujitsu LUN came back as sdr",
          [](json& h) { deviceNamed(h, "sdk")["name"] = "sdr"; },
          {"moved UDID##FUJITSU##ETERNUS##4321ABCD##600000E00D0000000001234500010000: "

@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/sem.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -136,4 +138,20 @@ TEST(RescanLock, AProcessKilledWhileHoldingTheLockDoesNotKeepIt)
     close(fds[0]);
     close(fds[1]);
     EXPECT_EQ(heard, "N") << "the lock of the killed process was not given back";
+}
+
+TEST(RescanLock, TheFirstProcessToExitAfterARescanRemovesTheSet)
+{
+    const int key = CDeviceDiscoveryBase::kRescanSemaphoreKey;
+    pid_t child = fork();
+    if (child == 0) {
+        HoldingDiscovery discovery;
+        discovery.whileEnumerating = []() {};
+        discovery.rescan(false, false, false);
+        std::exit(semget(key, 1, 0) >= 0 ? 0 : 3);  // the exit handlers run
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << "the rescan made no set";
+    EXPECT_EQ(semget(key, 1, 0), -1) << "the set outlived the process that made it";
 }
