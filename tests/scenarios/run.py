@@ -18,7 +18,9 @@ A scenario file:
     --- stderr
     --- exit
     --- events                     what the simulated kernel saw (--events)
-    --- trace 3                    the trace up to that level (1 to 5), without time and pid
+    --- trace 3                    the trace up to that level (1 to 6), without time and pid;
+                                   the function tracer's entry and exit lines, which carry
+                                   source lines, are left out at 6
     --- file NAME                  a file the command wrote under {tmp}
 
 In the command line and the expectations {tmp} stands for a scratch directory and {src} for
@@ -36,6 +38,7 @@ import sys
 import tempfile
 
 NO_NEWLINE = "(no newline at end)\n"
+FUNCTION_LINE = re.compile(r"^L6 (Entering|Exiting) Function .*\n?", re.M)
 TRACE_PREFIX = re.compile(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} pid \d+ tid \d+ ", re.M)
 
 
@@ -113,8 +116,8 @@ def run(scenario, binary, source, wrapper=()):
         trace = os.path.join(tmp, "trace.txt")
         if trace_header is not None:
             level = trace_header.split(" ")[1] if " " in trace_header else "3"
-            if level not in ("1", "2", "3", "4", "5"):
-                raise ValueError(f"{scenario.path}: trace levels are 1 to 5")
+            if level not in ("1", "2", "3", "4", "5", "6"):
+                raise ValueError(f"{scenario.path}: trace levels are 1 to 6")
             front += ["--trace", trace, "--trace-level", level]
         # A capture records when it was taken: every scenario runs at the same moment, the epoch.
         env = dict(os.environ, SOURCE_DATE_EPOCH="0")
@@ -135,7 +138,7 @@ def run(scenario, binary, source, wrapper=()):
             elif name == "trace":
                 text = open(trace, encoding="utf-8", errors="replace").read() \
                     if os.path.exists(trace) else ""
-                actual[header] = shown(fold(TRACE_PREFIX.sub("", text)))
+                actual[header] = shown(fold(FUNCTION_LINE.sub("", TRACE_PREFIX.sub("", text))))
             elif name == "file":
                 path = os.path.join(tmp, header.split(" ", 1)[1].strip())
                 text = open(path, encoding="utf-8").read() if os.path.exists(path) else ""
