@@ -97,9 +97,23 @@ TEST(TraceLog, FiltersByLevelAndWritesNothingWithoutALog)
     EXPECT_FALSE(silent.getTraceLog());
 }
 
+namespace {
+size_t openDescriptors()
+{
+    size_t count = 0;
+    if (DIR* listing = opendir("/proc/self/fd")) {
+        while (readdir(listing) != nullptr)
+            ++count;
+        closedir(listing);
+    }
+    return count;
+}
+}  // namespace
+
 TEST(TraceLog, StreamSinkWritesPidLevelAndMessage)
 {
     TempDir dir;
+    const size_t descriptors = openDescriptors();
     {
         CFiTraceLogPtr log(new CFiTraceLog());
         log->setLevel(6);
@@ -107,6 +121,7 @@ TEST(TraceLog, StreamSinkWritesPidLevelAndMessage)
             new CFiStreamTraceSink(fopen(dir.file("trace").c_str(), "w"), true)));
         log->trace(2, "WARNING: one\n");
     }
+    EXPECT_EQ(openDescriptors(), descriptors) << "the sink did not close the stream it owns";
     const std::string line = readFile(dir.file("trace"));
     EXPECT_NE(line.find(" pid " + std::to_string(getpid()) + " tid "), std::string::npos) << line;
     EXPECT_EQ(line.substr(line.size() - 17), " L2 WARNING: one\n");
@@ -261,17 +276,6 @@ bool gone(pid_t pid)
     std::getline(stat, text);
     size_t paren = text.rfind(')');
     return !stat || paren == std::string::npos || text.compare(paren, 4, ") Z ") == 0;
-}
-
-size_t openDescriptors()
-{
-    size_t count = 0;
-    if (DIR* listing = opendir("/proc/self/fd")) {
-        while (readdir(listing) != nullptr)
-            ++count;
-        closedir(listing);
-    }
-    return count;
 }
 }  // namespace
 
