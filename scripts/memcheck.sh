@@ -31,14 +31,16 @@ for name in "${programs[@]}"; do
   fi
 done
 if [ $# -eq 0 ]; then
-  # The scenarios with the command under memcheck, two directories at a time.
+  # Every scenario file, at any depth under tests/scenarios/, with the command under memcheck:
+  # two runners at a time, twenty files each.
   start=$(date +%s)
-  if ls -d tests/scenarios/*/ | xargs -P 2 -I{} sh -c 'python3 tests/scenarios/run.py \
-      --binary build/default/tools/scsitool/scsitool --source . --wrapper "valgrind \
-      --tool=memcheck --error-exitcode=99 --leak-check=full \
-      --errors-for-leak-kinds=definite,indirect --show-leak-kinds=definite,indirect \
-      --num-callers=30 --log-file=$1/scenario.%p.log" "{}" >"$1/$(basename {}).out" 2>&1 ||
-      { cat "$1/$(basename {}).out"; exit 1; }' sh "$logs"; then
+  if find tests/scenarios -name '*.scenario' -print0 | sort -z | xargs -0 -P 2 -n 20 sh -c '
+      out="$0/run.$$.out"
+      python3 tests/scenarios/run.py --binary build/default/tools/scsitool/scsitool --source . \
+        --wrapper "valgrind --tool=memcheck --error-exitcode=99 --leak-check=full \
+        --errors-for-leak-kinds=definite,indirect --show-leak-kinds=definite,indirect \
+        --num-callers=30 --log-file=$0/scenario.%p.log" "$@" >"$out" 2>&1 ||
+        { cat "$out"; exit 1; }' "$logs"; then
     echo "memcheck: scenarios clean ($(( $(date +%s) - start ))s)"
   else
     echo "memcheck: scenarios FAILED ($(( $(date +%s) - start ))s)"

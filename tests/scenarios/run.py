@@ -2,10 +2,11 @@
 """Runs scenario files: a host, one scsitool command line, and what it should print and do.
 
 usage: run.py --binary SCSITOOL --source SOURCE_DIR [--update] [--wrapper CMD] PATH...
-PATH is a scenario file or a directory of them (*.scenario). Exit status 0 when every scenario
-matches; with --update the expected sections are rewritten from the actual run and what changed
-is printed. --wrapper runs the command under another program (e.g. valgrind with
---error-exitcode and --log-file, so that only the exit status tells).
+PATH is a scenario file or a directory searched for them (*.scenario, at any depth). Exit status
+0 when every scenario matches; with --update the expected sections are rewritten from the actual
+run and what changed is printed (a "contains" section is never rewritten: a failing one is
+reported and keeps the run failing). --wrapper runs the command under another program (e.g.
+valgrind with --error-exitcode and --log-file, so that only the exit status tells).
 
 A scenario file:
 
@@ -22,6 +23,14 @@ A scenario file:
                                    the function tracer's entry and exit lines, which carry
                                    source lines, are left out at 6
     --- file NAME                  a file the command wrote under {tmp}
+    --- contains trace 3           these lines, in this order, somewhere in the trace (other
+                                   lines may come before, between and after them); "contains"
+                                   goes in front of any of the sections above: stdout, stderr,
+                                   events, trace N, file NAME
+
+A section pins its whole text; a "contains" section pins only the lines a scenario is about, each
+one whole, in order. A scenario may have both for one output (say the stderr, and the one trace
+line that explains it); when it traces twice, both sections name the same level.
 
 In the command line and the expectations {tmp} stands for a scratch directory and {src} for
 the source tree. Output that does not end in a newline shows "(no newline at end)" on a line of
@@ -38,6 +47,7 @@ import sys
 import tempfile
 
 NO_NEWLINE = "(no newline at end)\n"
+CONTAINS = "contains "
 FUNCTION_LINE = re.compile(r"^L6 (Entering|Exiting) Function .*\n?", re.M)
 TRACE_PREFIX = re.compile(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} pid \d+ tid \d+ ", re.M)
 
@@ -66,9 +76,10 @@ class Scenario:
                 current[1] += line
 
     def get(self, name):
+        """The first section that pins or looks into `name`, as (header without "contains", body)."""
         for header, body in self.sections:
-            if header.split(" ")[0] == name:
-                return header, body
+            if subject(header).split(" ")[0] == name:
+                return subject(header), body
         return None, None
 
     def write(self):
@@ -76,6 +87,27 @@ class Scenario:
         for header, body in self.sections:
             out += "--- " + header + "\n" + body
         open(self.path, "w", encoding="utf-8").write(out)
+
+
+def subject(header):
+    """The output a section header names: "contains trace 3" and "trace 3" both name "trace 3"."""
+    return header[len(CONTAINS):] if header.startswith(CONTAINS) else header
+
+
+def missing_line(expected, actual):
+    """None when every line of `expected` is a line of `actual`, in the same order; otherwise a
+    message that names the first line not found and the actual line it was looked for after."""
+    lines = actual.splitlines()
+    at = 0
+    for number, wanted in enumerate(expected.splitlines(), 1):
+        start = at
+        while at < len(lines) and lines[at] != wanted:
+            at += 1
+        if at == len(lines):
+            where = f"after actual line {start}" if start else "anywhere"
+            return f"expected line {number} not found {where}: {wanted!r}"
+        at += 1
+    return None
 
 
 def shown(text):
@@ -112,10 +144,13 @@ def run(scenario, binary, source, wrapper=()):
         events = os.path.join(tmp, "events.txt")
         if scenario.get("events")[0] is not None:
             front += ["--events", events]
-        trace_header = scenario.get("trace")[0]
+        levels = {subject(header).split(" ", 1)[1] if " " in subject(header) else "3"
+                  for header, _ in scenario.sections if subject(header).split(" ")[0] == "trace"}
         trace = os.path.join(tmp, "trace.txt")
-        if trace_header is not None:
-            level = trace_header.split(" ")[1] if " " in trace_header else "3"
+        if len(levels) > 1:
+            raise ValueError(f"{scenario.path}: one trace level per scenario, not {sorted(levels)}")
+        if levels:
+            level = levels.pop()
             if level not in ("1", "2", "3", "4", "5", "6"):
                 raise ValueError(f"{scenario.path}: trace levels are 1 to 6")
             front += ["--trace", trace, "--trace-level", level]
@@ -124,7 +159,8 @@ def run(scenario, binary, source, wrapper=()):
         proc = subprocess.run(list(wrapper) + [binary] + front + args[1:], cwd=tmp, env=env, stdin=subprocess.DEVNULL,
                               capture_output=True, timeout=600)
         actual = {}
-        for header, _ in scenario.sections:
+        for full, _ in scenario.sections:
+            header = subject(full)
             name = header.split(" ")[0]
             if name == "stdout":
                 actual[header] = shown(fold(proc.stdout.decode("utf-8", "replace")))
@@ -143,29 +179,40 @@ def run(scenario, binary, source, wrapper=()):
                 path = os.path.join(tmp, header.split(" ", 1)[1].strip())
                 text = open(path, encoding="utf-8").read() if os.path.exists(path) else ""
                 actual[header] = shown(fold(text))
-            elif name not in ("host", "command"):
-                raise ValueError(f"{scenario.path}: unknown section {header!r}")
+            elif name not in ("host", "command") or full != header:
+                raise ValueError(f"{scenario.path}: unknown section {full!r}")
         return actual
 
 
 def check(path, binary, source, update, wrapper):
     scenario = Scenario(path)
     actual = run(scenario, binary, source, wrapper)
-    ok = True
+    differs = False  # a whole section differs: --update rewrites it
+    missing = False  # a "contains" line is missing: only a person can fix that
     for section in scenario.sections:
         header, expected = section
-        if header not in actual or actual[header] == expected:
+        text = actual.get(subject(header))
+        if text is None:
             continue
-        ok = False
-        diff = "".join(difflib.unified_diff(expected.splitlines(True), actual[header].splitlines(True),
+        if header.startswith(CONTAINS):
+            problem = missing_line(expected, text)
+            if problem:
+                missing = True
+                print(f"{path} [{header}]: {problem}; the actual text:")
+                print("".join("    " + line for line in text.splitlines(True)), end="")
+            continue
+        if text == expected:
+            continue
+        differs = True
+        diff = "".join(difflib.unified_diff(expected.splitlines(True), text.splitlines(True),
                                             f"{path} [{header}] expected", "actual"))
         print(diff, end="" if diff.endswith("\n") else "\n")
-        section[1] = actual[header]
-    if not ok and update:
+        section[1] = text
+    if differs and update:
         scenario.write()
         print(f"{path}: rewritten")
-        return True
-    return ok
+        return not missing
+    return not differs and not missing
 
 
 def main():
@@ -179,7 +226,8 @@ def main():
     source = os.path.realpath(args.source)
     files = []
     for path in args.paths:
-        files += sorted(glob.glob(os.path.join(path, "*.scenario"))) if os.path.isdir(path) else [path]
+        files += sorted(glob.glob(os.path.join(path, "**", "*.scenario"), recursive=True)) \
+            if os.path.isdir(path) else [path]
     failed = 0
     for path in files:
         try:
