@@ -34,7 +34,7 @@ line that explains it); when it traces twice, both sections name the same level.
 
 In the command line and the expectations {tmp} stands for a scratch directory and {src} for
 the source tree. Output that does not end in a newline shows "(no newline at end)" on a line of
-its own.
+its own. tests/runner/ holds the cases that check this runner itself.
 """
 import argparse
 import difflib
@@ -234,7 +234,8 @@ def main():
             ok = check(path, os.path.realpath(args.binary), source, args.update,
                        shlex.split(args.wrapper))
         except (ValueError, OSError, subprocess.TimeoutExpired) as error:
-            print(f"{path}: {error}")
+            message = str(error)
+            print(message if message.startswith(path + ": ") else f"{path}: {message}")
             ok = False
         if not ok:
             failed += 1
