@@ -107,6 +107,9 @@ public:
         }
         return value.get<long long>();
     }
+    // A person's words on what the object is for ("note": "the dead path the rescan removes"):
+    // checked to be text and otherwise ignored, so a capture never writes one back.
+    void note() { string("note", false); }
     std::vector<std::string> strings(const std::string& key)
     {
         std::vector<std::string> result;
@@ -173,6 +176,7 @@ std::string addressText(const SimDevice& device)
 void readDeviceFields(const json& value, const std::string& path, SimDevice& device)
 {
     Fields fields(value, path);
+    fields.note();
     device.name = fields.string("name", true);
     if (device.name.empty() || device.name.find('/') != std::string::npos) {
         fail(fields.at("name"), "expected a device name such as sdc");
@@ -255,6 +259,7 @@ std::vector<SimPseudoDevice> readPseudoDevices(const json& root, const std::stri
     for (size_t i = 0; i < list.size(); ++i) {
         const std::string path = key + "[" + std::to_string(i) + "]";
         Fields fields(list[i], path);
+        fields.note();
         SimPseudoDevice pseudo;
         pseudo.name = fields.string("name", true);
         pseudo.device = fields.string("device", true);
@@ -279,6 +284,7 @@ std::vector<SimPseudoDevice> readPseudoDevices(const json& root, const std::stri
 void readHost(const json& root, SimHost::State& state)
 {
     Fields fields(root, "");
+    fields.note();
     const json* format = fields.get("format", true);
     if (!format->is_number_integer() || format->get<long long>() != 1) {
         fail("format", "unsupported format " + format->dump() + " (expected 1)");
@@ -327,6 +333,7 @@ void readHost(const json& root, SimHost::State& state)
     std::set<int> hosts;
     for (size_t i = 0; i < adapters.size(); ++i) {
         Fields adapterFields(adapters[i], "adapters[" + std::to_string(i) + "]");
+        adapterFields.note();
         SimAdapter adapter;
         adapter.host = static_cast<int>(adapterFields.integer("host", true, 0, 65535));
         adapter.driver = adapterFields.string("driver", true);
@@ -395,6 +402,7 @@ void readHost(const json& root, SimHost::State& state)
         for (auto it = commands->begin(); it != commands->end(); ++it) {
             const std::string path = "commands[\"" + it.key() + "\"]";
             Fields answer(*it, path);
+            answer.note();
             SimCommandScript script;
             script.exitCode = static_cast<int>(
                 answer.integer("exit", false, 0, kzfi_pdk_4_4::FI_EXEC_NOT_STARTED));

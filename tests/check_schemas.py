@@ -47,6 +47,8 @@ for name in sorted(os.listdir(hosts_dir)):
     if not name.endswith(".json"):
         continue
     host = os.path.join(hosts_dir, name)
+    with open(host) as f:
+        check(json.load(f), "host-snapshot.schema.json", name)
     check(output(["--host", host, "map", "--json"]), "schemas/map.schema.json", name)
     check(output(["--host", host, "map", "--volumes", "--json"]), "schemas/volumes.schema.json", name)
     check(output(["--host", host, "initiators", "--json"]), "schemas/initiators.schema.json", name)
