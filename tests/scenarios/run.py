@@ -195,6 +195,8 @@ def check(path, binary, source, update, wrapper):
         if text is None:
             continue
         if header.startswith(CONTAINS):
+            if not expected.strip():
+                raise ValueError(f"{path}: [{header}] is empty: it would require nothing")
             problem = missing_line(expected, text)
             if problem:
                 missing = True
