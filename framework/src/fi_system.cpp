@@ -18,11 +18,12 @@ namespace {
 
 std::atomic<CFiSystem*> g_installed{nullptr};
 
-long long nowMillis()
+// Microseconds: a deadline kept in whole milliseconds could end a limit up to one early.
+long long nowMicros()
 {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+    return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
 }
 
 // One output stream of a running command: the read end of its pipe and the part of a line that
@@ -175,7 +176,7 @@ int CFiLinuxSystem::exec(const std::string& command, std::vector<std::string>& o
                          unsigned long limitSeconds, int& sysErrno)
 {
     sysErrno = 0;
-    const long long deadline = nowMillis() + static_cast<long long>(limitSeconds) * 1000;
+    const long long deadline = nowMicros() + static_cast<long long>(limitSeconds) * 1000000;
     int outFds[2];
     int errFds[2];
     if (::pipe2(outFds, O_CLOEXEC) != 0) {
@@ -235,11 +236,12 @@ int CFiLinuxSystem::exec(const std::string& command, std::vector<std::string>& o
             waitErrno = errno;
             break;
         }
-        const long long left = deadline - nowMillis();
-        if (left <= 0) {
+        const long long leftMicros = deadline - nowMicros();
+        if (leftMicros <= 0) {
             timedOut = true;
             break;
         }
+        const long long left = (leftMicros + 999) / 1000;
         const long long wait = left < pause ? left : pause;
         pause = pause * 2 > 50 ? 50 : pause * 2;
         struct pollfd watched[2];
@@ -270,8 +272,8 @@ int CFiLinuxSystem::exec(const std::string& command, std::vector<std::string>& o
     if (timedOut) {
         ::kill(-pid, SIGKILL);
         // A process stuck in the kernel outlives SIGKILL; it is not waited for past a short grace.
-        const long long graceEnd = nowMillis() + 200;
-        while (::waitpid(pid, &status, WNOHANG) == 0 && nowMillis() < graceEnd) {
+        const long long graceEnd = nowMicros() + 200000;
+        while (::waitpid(pid, &status, WNOHANG) == 0 && nowMicros() < graceEnd) {
             pauseMillis(1);
         }
     }
