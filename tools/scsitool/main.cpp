@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "compare.h"
 #include "errors.h"
+#include "output_file.h"
 #include "session.h"
 
 using namespace scsitool_cli;
@@ -56,7 +57,7 @@ int main(int argc, char** argv)
                                        "run on a host snapshot through the simulated host")
                             ->type_name("FILE");
     app.add_option("--events", global.eventsFile,
-                   "write what the simulated kernel saw to FILE (- for stdout): control-file "
+                   "write what the simulated kernel saw to FILE (- for stderr): control-file "
                    "writes, commands run, sleeps")
         ->type_name("FILE")
         ->needs(host);
@@ -135,7 +136,13 @@ int main(int argc, char** argv)
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         if (e.get_exit_code() == 0) {
-            return app.exit(e);  // --help
+            app.exit(e);  // --help, --version
+            // Help that did not reach its reader is a failed write like any other output's.
+            if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+                reportError(std::string("standard output: ") + std::strerror(errno));
+                return kExitBadInput;
+            }
+            return kExitSuccess;
         }
         reportError(e.what());
         return kExitUsage;
@@ -146,6 +153,10 @@ int main(int argc, char** argv)
             "fleet");
         return kExitUsage;
     }
+    if (fleet->parsed() && captures.empty()) {
+        reportError("fleet: no captures given");
+        return kExitUsage;
+    }
     if (verify->parsed()) {
         if (!global.hostFile.empty()) {
             reportError("verify replays its CAPTURE: --host is not taken");
@@ -154,6 +165,7 @@ int main(int argc, char** argv)
         global.hostFile = verifyFile;
     }
 
+    installSignalHandlers();
     try {
         Session session(global);
         std::string output;
@@ -179,7 +191,7 @@ int main(int argc, char** argv)
             output = runVerify(session, verifyFile, same);
             exitCode = same ? kExitSuccess : kExitDiffers;
         }
-        output += session.finish();
+        session.finish();
         std::fwrite(output.data(), 1, output.size(), stdout);
         if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
             reportError(std::string("standard output: ") + std::strerror(errno));
