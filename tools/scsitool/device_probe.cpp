@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "device_map_compare.h"
 #include "errors.h"
 #include "fi_system.h"
 #include "stringtool.h"
@@ -15,6 +16,23 @@
 namespace scsitool_cli {
 
 using kzfi_pdk_4_4::fiSystem;
+
+// The first line of a sysfs attribute without its line end, "" when it cannot be read.
+std::string sysfsLine(const std::string& path)
+{
+    std::string line;
+    if (FILE* file = fiSystem().fopen(path.c_str(), "r")) {
+        char buffer[256];
+        if (std::fgets(buffer, sizeof buffer, file) != nullptr) {
+            line = buffer;
+        }
+        std::fclose(file);
+    }
+    while (!line.empty() && (line.back() == '\n' || line.back() == ' ')) {
+        line.pop_back();
+    }
+    return line;
+}
 
 bool readDevicePage(CScsiTool& tool, CScsiDeviceHandle& handle, CScsiDeviceData& record,
                     unsigned int code, bool evpd, simhost::Bytes& bytes)
@@ -56,35 +74,52 @@ void throwUnanswered(const std::string& node)
     throw CommandError(kExitNotFound, node + ": the device does not answer as a disk");
 }
 
-DeviceProbe probeDevice(Session& session, const std::string& node)
+DeviceProbe probeOfRecord(const CScsiDeviceData& record)
 {
     DeviceProbe probe;
-    probe.openErrno = openErrno(node);
-    if (probe.openErrno != 0) {
-        return probe;
+    const CScsiModePage* inquiry = record.findPage(0);
+    if (inquiry == nullptr || inquiry->getData() == nullptr || inquiry->getLength() < 32) {
+        return probe;  // no answer: neither the address nor the pages were asked for
     }
-    CScsiDeviceData record(node, "", "", 0, 0, 0, -1, "", "", "", 0);
-    CScsiTool tool;
-    tool.registerTraceLog(session.log());
-    CScsiDeviceHandle handle(session.log());
-    try {
-        tool.GetTargetLunPortInfo(handle, record);
-        probe.placed = true;
-        probe.address[0] = record.m_port;
-        probe.address[1] = static_cast<int>(record.m_bus);
-        probe.address[2] = record.m_target;
-        probe.address[3] = record.m_lun;
-    } catch (...) {
-        // A pseudo-device or a device that does not answer: no address.
-    }
-    if (readDevicePage(tool, handle, record, 0, false, probe.inquiry) &&
-        probe.inquiry.size() >= 32) {
-        probe.vendor = CStringTool::rtrim(
-            std::string(probe.inquiry.begin() + 8, probe.inquiry.begin() + 16), ' ');
-        probe.product = CStringTool::rtrim(
-            std::string(probe.inquiry.begin() + 16, probe.inquiry.begin() + 32), ' ');
+    const char* data = reinterpret_cast<const char*>(inquiry->getData());
+    probe.answered = true;
+    probe.vendor = CStringTool::rtrim(std::string(data + 8, 8), ' ');
+    probe.product = CStringTool::rtrim(std::string(data + 16, 16), ' ');
+    // The address is read right after the INQUIRY; a LUN still below 0 is one that was not read.
+    probe.placed = record.m_port >= 0 && record.m_lun >= 0;
+    probe.address[0] = record.m_port;
+    probe.address[1] = static_cast<int>(record.m_bus);
+    probe.address[2] = record.m_target;
+    probe.address[3] = record.m_lun;
+    // The volume key prefers the logical unit's NAA designator, then its EUI-64: what the
+    // array's console shows as the WWN. A T10 vendor id or a serial is no WWN.
+    const std::string key = CDeviceMapCompare::volumeKey(record);
+    if (key.compare(0, 4, "naa.") == 0 || key.compare(0, 4, "eui.") == 0) {
+        probe.wwn = "0x" + key.substr(4);
     }
     return probe;
+}
+
+std::vector<std::string> multipathMapNames()
+{
+    std::vector<std::string> names;
+    void* dir = fiSystem().opendir("/sys/block/");
+    if (dir == nullptr) {
+        return names;
+    }
+    while (struct dirent* entry = fiSystem().readdir(dir)) {
+        const std::string block = entry->d_name;
+        if (block.compare(0, 3, "dm-") != 0) {
+            continue;
+        }
+        const std::string base = "/sys/block/" + block + "/dm/";
+        if (sysfsLine(base + "uuid").compare(0, 6, "mpath-") == 0) {
+            names.push_back(sysfsLine(base + "name"));
+        }
+    }
+    fiSystem().closedir(dir);
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 bool isWholeDisk(const std::string& name)

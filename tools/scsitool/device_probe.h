@@ -1,5 +1,6 @@
-// What the command itself reads from a device node, beside the library's answers: whether the
-// node opens (and the reason when it does not), the SCSI address and the standard INQUIRY data.
+// What the command knows of a device node beside the library's answers: what the library's
+// enumeration read of it (the SCSI address, the standard INQUIRY data, page 0x83), whether a
+// node the library did not list opens (and the reason when it does not).
 #ifndef SCSITOOL_CLI_DEVICE_PROBE_H
 #define SCSITOOL_CLI_DEVICE_PROBE_H
 
@@ -16,12 +17,20 @@ struct DeviceProbe {
     int openErrno = 0;              // 0: the node opened
     bool placed = false;            // the address could be read
     int address[4] = {0, 0, 0, 0};  // host, channel, id, LUN
-    simhost::Bytes inquiry;         // empty when the device did not answer
+    bool answered = false;          // the standard INQUIRY came back
     std::string vendor;             // INQUIRY bytes 8 to 15, trailing blanks left out
     std::string product;            // bytes 16 to 31, the same
+    std::string wwn;                // "0x" and the logical unit's NAA or EUI-64 designator
 };
 
-DeviceProbe probeDevice(Session& session, const std::string& node);
+// The first line of a sysfs attribute without its line end, "" when it cannot be read.
+std::string sysfsLine(const std::string& path);
+
+// What the library's enumeration read of one device, from its record: no node is opened again.
+DeviceProbe probeOfRecord(const CScsiDeviceData& record);
+// The names of the device-mapper maps that are multipath maps ("mpatha"), from their uuid
+// ("mpath-..."): a map with no live path answers no SCSI command, as an LVM volume does.
+std::vector<std::string> multipathMapNames();
 // 0 when `node` opens, otherwise the errno of the failed open.
 int openErrno(const std::string& node);
 // The reason a device named on the command line gives no answer, as an exit-3 error: not

@@ -2,9 +2,11 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <algorithm>
 #include <map>
 #include <nlohmann/json.hpp>
 
+#include "device_udid_factory.h"
 #include "stringtool.h"
 
 namespace scsitool_cli {
@@ -20,14 +22,13 @@ bool startsWith(const std::string& text, const std::string& prefix)
     return text.compare(0, prefix.size(), prefix) == 0;
 }
 
-std::string kindOf(const std::string& node, const DeviceProbe& probe)
+std::string kindOf(const std::string& node, bool multipath)
 {
     if (node == "/dev/mapper/control") {
         return "dm-control";
     }
     if (startsWith(node, kMapperDir)) {
-        // A multipath map passes SCSI commands to a path; other maps (LVM, crypt) answer none.
-        return probe.inquiry.empty() && probe.openErrno == 0 ? "dm" : "dm-multipath";
+        return multipath ? "dm-multipath" : "dm";
     }
     if (startsWith(node, "/dev/emcpower")) {
         return "powerpath";
@@ -53,7 +54,11 @@ std::string stateOf(const std::string& kind, const DeviceProbe& probe)
     if (kind == "dm-control" || kind == "dm") {
         return "-";  // these answer no SCSI command
     }
-    return probe.inquiry.empty() ? "unresponsive" : "running";
+    if (probe.answered) {
+        return "running";
+    }
+    // A pseudo-device answers through one of its paths: none of them answered.
+    return kind == "disk" ? "unresponsive" : "no-path";
 }
 
 std::string addressText(const DeviceProbe& probe)
@@ -83,6 +88,9 @@ bool answered(const MapRow& row)
 // The marks after a UDID in the tables.
 std::string udidMarks(const MapRow& row)
 {
+    if (!row.listed) {
+        return "  (not in the library's map)";
+    }
     std::string marks;
     if (row.hostLocal) {
         marks = "host-local";
@@ -170,20 +178,73 @@ bool isHostLocalUdid(const std::string& udid, const std::string& device,
            udid.compare(udid.size() - body.size(), body.size(), body) == 0;
 }
 
-std::vector<MapRow> describeMap(Session& session, const DeviceMap& map, const std::string& hostName)
+std::vector<MapRow> readMap(Session& session, bool rescanBuses, bool busScan, bool removeLun0)
 {
+    std::map<std::string, DeviceProbe> probes;
+    CUDIDFactory& factory = session.factory();
+    factory.setRecordObserver([&probes](const CScsiDeviceData& record) {
+        probes[record.m_deviceName] = probeOfRecord(record);
+    });
+    DeviceMap map;
+    try {
+        map = factory.enumerateDeviceMap(rescanBuses, busScan, removeLun0);
+    } catch (...) {
+        factory.setRecordObserver(nullptr);
+        throw;
+    }
+    factory.setRecordObserver(nullptr);
+
+    const std::vector<std::string> multipath = multipathMapNames();
+    auto isMultipath = [&multipath](const std::string& node, const DeviceProbe& probe) {
+        // A map that passes SCSI commands to a path is a multipath map, whatever sysfs says.
+        const std::string name = node.substr(node.rfind('/') + 1);
+        return probe.answered || std::binary_search(multipath.begin(), multipath.end(), name);
+    };
+    const std::string hostName = Session::hostName();
     std::vector<MapRow> rows;
     for (const auto& entry : map) {
         MapRow row;
         row.info = entry.second;
-        row.probe = probeDevice(session, entry.first);
-        row.kind = kindOf(entry.first, row.probe);
+        row.probe = probes[entry.first];
+        row.kind = kindOf(entry.first, isMultipath(entry.first, row.probe));
         // A pseudo-device's address is that of the path it sent the command to: not its own.
         row.probe.placed = row.probe.placed && row.kind == "disk";
         row.state = stateOf(row.kind, row.probe);
         row.hostLocal = isHostLocalUdid(row.info.Uid, row.info.DeviceName, hostName);
         rows.push_back(row);
     }
+    // What the library left out: gone and denied nodes, disks that answer no INQUIRY.
+    for (const std::string& node : candidateNodes()) {
+        if (map.count(node) != 0 || node == "/dev/mapper/control") {
+            continue;
+        }
+        MapRow row;
+        row.listed = false;
+        row.info.DeviceName = node;
+        row.probe.openErrno = openErrno(node);
+        row.kind = kindOf(node, isMultipath(node, row.probe));
+        row.state = stateOf(row.kind, row.probe);
+        rows.push_back(row);
+    }
+    return rows;
+}
+
+// Disks by H:C:T:L as lsscsi lists them, then what has no address of its own, by name.
+std::vector<MapRow> sortedForPeople(std::vector<MapRow> rows)
+{
+    std::stable_sort(rows.begin(), rows.end(), [](const MapRow& a, const MapRow& b) {
+        if (a.probe.placed != b.probe.placed) {
+            return a.probe.placed;
+        }
+        if (a.probe.placed) {
+            const auto& x = a.probe.address;
+            const auto& y = b.probe.address;
+            if (!std::equal(x, x + 4, y)) {
+                return std::lexicographical_compare(x, x + 4, y, y + 4);
+            }
+        }
+        return a.info.DeviceName < b.info.DeviceName;
+    });
     return rows;
 }
 
@@ -191,7 +252,7 @@ std::string formatMapRows(const std::vector<MapRow>& rows)
 {
     std::vector<std::vector<std::string>> lines{
         {"[H:C:T:L]", "DEVICE", "KIND", "VENDOR", "PRODUCT", "STATE", "UDID"}};
-    for (const MapRow& row : rows) {
+    for (const MapRow& row : sortedForPeople(rows)) {
         lines.push_back({addressText(row.probe), row.info.DeviceName, row.kind,
                          orDash(row.probe.vendor), orDash(row.probe.product), row.state,
                          orDash(row.info.Uid) + udidMarks(row)});
@@ -215,6 +276,7 @@ std::string formatMapRowsJson(const std::vector<MapRow>& rows)
         object["product"] = row.probe.product;
         object["state"] = row.state;
         object["host_local"] = row.hostLocal;
+        object["listed_by"] = row.listed ? "library" : "command";
         entries.push_back(object);
     }
     return jsonText(entries);
