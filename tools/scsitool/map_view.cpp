@@ -178,7 +178,8 @@ bool isHostLocalUdid(const std::string& udid, const std::string& device,
            udid.compare(udid.size() - body.size(), body.size(), body) == 0;
 }
 
-std::vector<MapRow> readMap(Session& session, bool rescanBuses, bool busScan, bool removeLun0)
+std::vector<MapRow> readMap(Session& session, bool rescanBuses, bool busScan, bool removeLun0,
+                            bool ownRows)
 {
     std::map<std::string, DeviceProbe> probes;
     CUDIDFactory& factory = session.factory();
@@ -214,7 +215,7 @@ std::vector<MapRow> readMap(Session& session, bool rescanBuses, bool busScan, bo
         rows.push_back(row);
     }
     // What the library left out: gone and denied nodes, disks that answer no INQUIRY.
-    for (const std::string& node : candidateNodes()) {
+    for (const std::string& node : ownRows ? candidateNodes() : std::vector<std::string>()) {
         if (map.count(node) != 0 || node == "/dev/mapper/control") {
             continue;
         }
@@ -222,6 +223,12 @@ std::vector<MapRow> readMap(Session& session, bool rescanBuses, bool busScan, bo
         row.listed = false;
         row.info.DeviceName = node;
         row.probe.openErrno = openErrno(node);
+        // The library leaves out the partitions of pseudo-devices and the maps that are no
+        // multipath map (LVM, crypt) on purpose: of those, only nodes that do not open are shown.
+        const bool wholeDisk = startsWith(node, "/dev/sd");
+        if (!wholeDisk && row.probe.openErrno == 0) {
+            continue;
+        }
         row.kind = kindOf(node, isMultipath(node, row.probe));
         row.state = stateOf(row.kind, row.probe);
         rows.push_back(row);
@@ -276,7 +283,11 @@ std::string formatMapRowsJson(const std::vector<MapRow>& rows)
         object["product"] = row.probe.product;
         object["state"] = row.state;
         object["host_local"] = row.hostLocal;
-        object["listed_by"] = row.listed ? "library" : "command";
+        // Only the rows the library did not return say so: an entry of the library's map keeps
+        // the shape captures recorded before such rows existed, so that those still verify.
+        if (!row.listed) {
+            object["listed_by"] = "command";
+        }
         entries.push_back(object);
     }
     return jsonText(entries);

@@ -23,10 +23,11 @@ struct MapRow {
 };
 
 // The library's enumeration (`rescanBuses` and the rest handed to it) and its rows in the map's
-// order, followed by the command's own rows of the whole disks, multipath maps and PowerPath
-// devices it did not return. The columns come from the records the enumeration read: no node
-// is opened again, only those it did not return.
-std::vector<MapRow> readMap(Session& session, bool rescanBuses, bool busScan, bool removeLun0);
+// order, followed (`ownRows`) by the command's own rows of the whole disks, multipath maps and
+// PowerPath devices it did not return. The columns come from the records the enumeration read:
+// no node is opened again, only those it did not return.
+std::vector<MapRow> readMap(Session& session, bool rescanBuses, bool busScan, bool removeLun0,
+                            bool ownRows = true);
 
 // Whether `udid` is the host-local name the default generator makes for `device` on `hostName`.
 bool isHostLocalUdid(const std::string& udid, const std::string& device,

@@ -42,7 +42,7 @@ std::string runVerify(Session& session, const std::string& file, bool& same)
                            file + ": no recorded map: the snapshot was not written by capture");
     }
         const json replayed =
-        json::parse(formatMapRowsJson(readMap(session, false, false, false)));
+        json::parse(formatMapRowsJson(readMap(session, false, false, false, false)));
 
     const std::map<std::string, json> recorded = byDevice(root["capture"]["map"]);
     const std::map<std::string, json> now = byDevice(replayed);
