@@ -136,10 +136,15 @@ std::string runUdid(Session& session, const std::string& device, bool rescanIfMi
     }
     if (udid.empty()) {
         const std::string better = betterNode(device, node);
-        if (!better.empty()) {
-            std::fprintf(stderr, "scsitool: hint: ask for %s\n", better.c_str());
+        try {
+            throwUnanswered(node);
+        } catch (const CommandError& error) {
+            if (better.empty()) {
+                throw;
+            }
+            throw CommandError(error.exitCode(),
+                               std::string(error.what()) + " (ask for " + better + ")");
         }
-        throwUnanswered(node);
     }
     // Marked as the map marks it; the UDID is still the answer, and the exit status stays 0.
     std::vector<std::string> marks;

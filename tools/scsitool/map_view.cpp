@@ -137,6 +137,7 @@ std::string formatColumns(const std::vector<std::vector<std::string>>& lines)
 struct Volume {
     std::string udid;
     bool hostLocal = false;
+    bool listed = true;  // false: the nodes the library's map does not hold
     std::vector<const MapRow*> paths;   // disks
     std::vector<const MapRow*> pseudo;  // multipath maps and PowerPath devices
 };
@@ -147,7 +148,12 @@ std::vector<Volume> volumesOf(const std::vector<MapRow>& rows)
 {
     std::vector<Volume> volumes;
     std::map<std::string, size_t> byUdid;
+    Volume unlisted;  // what the library's map does not hold: no volume known
     for (const MapRow& row : rows) {
+        if (!row.listed) {
+            (row.kind == "disk" ? unlisted.paths : unlisted.pseudo).push_back(&row);
+            continue;
+        }
         if (row.info.Uid.empty() || row.kind == "dm-control") {
             continue;
         }
@@ -160,6 +166,10 @@ std::vector<Volume> volumesOf(const std::vector<MapRow>& rows)
         Volume& volume = volumes[found->second];
         volume.hostLocal = volume.hostLocal || row.hostLocal;
         (row.kind == "disk" ? volume.paths : volume.pseudo).push_back(&row);
+    }
+    if (!unlisted.paths.empty() || !unlisted.pseudo.empty()) {
+        unlisted.listed = false;
+        volumes.push_back(unlisted);
     }
     return volumes;
 }
@@ -297,7 +307,8 @@ std::string formatVolumes(const std::vector<MapRow>& rows)
 {
     std::string text;
     for (const Volume& volume : volumesOf(rows)) {
-        text += (text.empty() ? "" : "\n") + volume.udid +
+        text += (text.empty() ? "" : "\n") +
+                (volume.listed ? volume.udid : "(not in the library's map)") +
                 (volume.hostLocal ? "  (host-local)" : "") + "\n";
         std::vector<std::vector<std::string>> lines;
         for (const MapRow* row : volume.pseudo) {
@@ -307,7 +318,7 @@ std::string formatVolumes(const std::vector<MapRow>& rows)
             lines.push_back({"  path", row->info.DeviceName, addressText(row->probe), row->state});
         }
         text += formatColumns(lines);
-        if (volume.paths.size() == 1) {
+        if (volume.listed && volume.paths.size() == 1) {
             text += std::string("  warning: ") + kOnePath + "\n";
         }
     }
@@ -319,7 +330,7 @@ std::string formatVolumesJson(const std::vector<MapRow>& rows)
     ordered_json entries = ordered_json::array();
     for (const Volume& volume : volumesOf(rows)) {
         ordered_json object;
-        object["udid"] = volume.udid;
+        object["udid"] = volume.listed ? ordered_json(volume.udid) : ordered_json(nullptr);
         object["host_local"] = volume.hostLocal;
         ordered_json paths = ordered_json::array();
         for (const MapRow* row : volume.paths) {
@@ -334,8 +345,9 @@ std::string formatVolumesJson(const std::vector<MapRow>& rows)
         }
         object["paths"] = paths;
         object["pseudo_devices"] = pseudo;
-        object["warnings"] =
-            volume.paths.size() == 1 ? ordered_json::array({kOnePath}) : ordered_json::array();
+        object["warnings"] = volume.listed && volume.paths.size() == 1
+                                 ? ordered_json::array({kOnePath})
+                                 : ordered_json::array();
         entries.push_back(object);
     }
     return jsonText(entries);
