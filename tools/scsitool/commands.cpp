@@ -32,8 +32,8 @@ void noteSkippedRescan(const std::vector<std::string>& traced, const std::string
             std::memset(&name, 0, sizeof name);
             kzfi_pdk_4_4::fiSystem().uname(&name);
             std::fprintf(stderr,
-                         "scsitool: %s scanned no bus: kernel %s is of neither the 2.4 nor the "
-                         "2.6 family, the only ones the rescan knows\n",
+                         "scsitool: %s scanned no SCSI bus: the rescan knows the 2.4 and 2.6 "
+                         "kernel families only, and this kernel is %s\n",
                          option.c_str(), name.release);
             return;
         }
