@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <map>
 #include <cstring>
+#include <map>
 
 #include "WWPN_discovery.h"
 #include "device_probe.h"

@@ -1,8 +1,8 @@
 #include "map_view.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <algorithm>
 #include <map>
 #include <nlohmann/json.hpp>
 
@@ -137,7 +137,7 @@ std::string formatColumns(const std::vector<std::vector<std::string>>& lines)
 struct Volume {
     std::string udid;
     bool hostLocal = false;
-    bool listed = true;  // false: the nodes the library's map does not hold
+    bool listed = true;                 // false: the nodes the library's map does not hold
     std::vector<const MapRow*> paths;   // disks
     std::vector<const MapRow*> pseudo;  // multipath maps and PowerPath devices
 };

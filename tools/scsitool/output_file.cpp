@@ -142,6 +142,11 @@ void installSignalHandlers()
     action.sa_handler = stopOnSignal;
     sigfillset(&action.sa_mask);
     for (int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        // A signal ignored from the start (nohup, a background job of a script) stays ignored.
+        struct sigaction previous;
+        if (::sigaction(signal, nullptr, &previous) == 0 && previous.sa_handler == SIG_IGN) {
+            continue;
+        }
         ::sigaction(signal, &action, nullptr);
     }
 }

@@ -41,7 +41,7 @@ std::string runVerify(Session& session, const std::string& file, bool& same)
         throw CommandError(kExitBadInput,
                            file + ": no recorded map: the snapshot was not written by capture");
     }
-        const json replayed =
+    const json replayed =
         json::parse(formatMapRowsJson(readMap(session, false, false, false, false)));
 
     const std::map<std::string, json> recorded = byDevice(root["capture"]["map"]);
