@@ -27,6 +27,20 @@ const char* const kFooter =
     "  4  the library failed unexpectedly\n"
     "  5  the device maps compared differ";
 
+// What --rescan-buses and --rescan-if-missing set off on the host, in order.
+const char* const kRescanFooter =
+    "What a rescan does:\n"
+    "  every kernel: each QLogic adapter of /proc/scsi rescans its loop (3 s each)\n"
+    "  2.6 kernels:  a LIP on every FC adapter (5 s), a scan of every SCSI host (5 s),\n"
+    "                /bin/rescan-scsi-bus.sh\n"
+    "  2.4 kernels:  \"scsi add-single-device\" for every id and LUN of every adapter\n"
+    "  other kernels: no SCSI bus is scanned, and the command says so on stderr\n"
+    "  then, on every kernel: \"powermt check, release, config, save\" and \"multipath -v0\"\n"
+    "  where installed; the disks the kernel lists that no longer answer are removed (at\n"
+    "  LUN 0 only with --remove-lun0), and the adapters are scanned once more.\n"
+    "Without a rescan, map, udid, capture and diff - run \"multipath -F\" on 2.4 and 2.6\n"
+    "hosts where multipathd runs: it flushes the multipath maps no longer in use.\n\n";
+
 // One line on stderr, whatever the message held.
 void reportError(const std::string& message)
 {
@@ -76,20 +90,22 @@ int main(int argc, char** argv)
     CLI::App* map = app.add_subcommand("map", "the device map: every disk and its UDID");
     map->add_flag("--json", mapOptions.json, "a JSON array, one object per device");
     map->add_flag("--rescan-buses", mapOptions.rescanBuses,
-                  "rescan the SCSI buses, HBAs and multipath software first");
+                  "rescan the SCSI buses, HBAs and multipath software first (see below)");
     map->add_flag("--bus-scan", mapOptions.busScan,
                   "handed to the bus rescan (the Linux rescan accepts it and does not use it)");
     map->add_flag("--remove-lun0", mapOptions.removeLun0,
                   "let the rescan remove dead devices at LUN 0 too");
     map->add_flag("--volumes", mapOptions.volumes,
                   "one entry per UDID with its paths and pseudo-devices");
+    map->footer(std::string(kRescanFooter) + kFooter);
 
     std::string device;
     bool rescanIfMissing = false;
     CLI::App* udid = app.add_subcommand("udid", "the UDID of one device");
     udid->add_option("DEVICE", device, "the device node, e.g. /dev/sdc or sdc")->required();
     udid->add_flag("--rescan-if-missing", rescanIfMissing,
-                   "rescan the buses when the device is not in the map");
+                   "rescan the buses when the device is not in the map (see below)");
+    udid->footer(std::string(kRescanFooter) + kFooter);
 
     bool showJson = false;
     CLI::App* show = app.add_subcommand("show", "one device: identity, pages, generator, UDID");
