@@ -399,3 +399,17 @@ TEST(CommandOutput, ASignalPutsTheTraceInPlaceAndRemovesTheRest)
             << c.signal << ": the events' staged file stayed, or the trace's";
     }
 }
+
+TEST(CommandOutput, HelpAndVersionThatCannotBeWrittenExitTwo)
+{
+    TempDir dir;
+    for (const char* args : {"--help", "--version", "map --help", "udid --help"}) {
+        const std::string command =
+            "'" + kBinary + "' " + std::string(args) + " >/dev/full 2>'" + dir.file("err") + "'";
+        const int status = std::system(command.c_str());
+        ASSERT_TRUE(WIFEXITED(status)) << args;
+        EXPECT_EQ(WEXITSTATUS(status), 2) << args;
+        EXPECT_EQ(readFile(dir.file("err")), "scsitool: standard output: No space left on device\n")
+            << args;
+    }
+}
