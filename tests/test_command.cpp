@@ -150,15 +150,18 @@ TEST(CommandAccess, NodesThatDoNotOpenAreNamedWithTheReason)
         {{"--host", root, "show", "sdb"}, 3, sdbDenied},
         {{"--host", root, "capture", dir.file("c.json")}, 3, sdaDenied + sdbDenied + "scsitool: capture refused: 2 disk nodes cannot be opened (the capture needs root to open every disk node)\n"},
         {{"--host", mixed, "map"}, 0, sdbDenied},
-        {{"--host", mixed, "udid", "sda"}, 0, ""},
+        {{"--host", mixed, "udid", "sda"}, 0, "scsitool: note: /dev/sda: host-local: it names the device on this host only\n"},
     };
     // clang-format on
     expectErrors(cases);
     EXPECT_FALSE(std::ifstream(dir.file("c.json")).good()) << "a refused capture wrote a file";
-    EXPECT_EQ(run({"--host", mixed, "map"}).out,
-              "[H:C:T:L]  DEVICE    KIND  VENDOR  PRODUCT  STATE    UDID\n"
-              "[0:0:0:0]  /dev/sda  disk  ACME    DISK     running  "
-              "UDID##ACME##DISK##/DEV/SDA@TEST01  (host-local)\n");
+    EXPECT_EQ(
+        run({"--host", mixed, "map"}).out,
+        "HCTL    DEVICE   KIND VENDOR PRODUCT SIZE STATE   UDID                              NOTE\n"
+        "0:0:0:0 /dev/sda disk ACME   DISK    10G  running UDID##ACME##DISK##/DEV/SDA@TEST01 "
+        "host-local\n"
+        "-       /dev/sdb disk -      -       10G  denied  -                                 not "
+        "in the library's map\n");
 }
 
 TEST(CommandOutput, AWriteThatFailsExitsTwoAndLeavesTheOldFile)

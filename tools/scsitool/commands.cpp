@@ -54,6 +54,7 @@ std::string deviceNode(const std::string& name)
 
 std::string runMap(Session& session, const MapOptions& options)
 {
+    checkMapColumns(options.table.columns);  // before the scan, not after
     std::vector<MapRow> rows;
     {
         ProgressLine progress("scanning devices");
@@ -86,9 +87,9 @@ std::string runMap(Session& session, const MapOptions& options)
                                       : "no device could be queried");
     }
     if (options.volumes) {
-        return options.json ? formatVolumesJson(rows) : formatVolumes(rows);
+        return options.json ? formatVolumesJson(rows) : formatVolumes(rows, options.table);
     }
-    return options.json ? formatMapRowsJson(rows) : formatMapRows(rows);
+    return options.json ? formatMapRowsJson(rows) : formatMapRows(rows, options.table);
 }
 
 namespace {

@@ -100,12 +100,12 @@ DeviceProbe probeOfRecord(const CScsiDeviceData& record)
     return probe;
 }
 
-std::vector<std::string> multipathMapNames()
+std::map<std::string, DmMap> deviceMapperMaps()
 {
-    std::vector<std::string> names;
+    std::map<std::string, DmMap> maps;
     void* dir = fiSystem().opendir("/sys/block/");
     if (dir == nullptr) {
-        return names;
+        return maps;
     }
     while (struct dirent* entry = fiSystem().readdir(dir)) {
         const std::string block = entry->d_name;
@@ -113,13 +113,31 @@ std::vector<std::string> multipathMapNames()
             continue;
         }
         const std::string base = "/sys/block/" + block + "/dm/";
-        if (sysfsLine(base + "uuid").compare(0, 6, "mpath-") == 0) {
-            names.push_back(sysfsLine(base + "name"));
+        const std::string name = sysfsLine(base + "name");
+        if (!name.empty()) {
+            maps[name] = {block, sysfsLine(base + "uuid").compare(0, 6, "mpath-") == 0};
         }
     }
     fiSystem().closedir(dir);
-    std::sort(names.begin(), names.end());
-    return names;
+    return maps;
+}
+
+std::vector<BlockDevice> readPartitions()
+{
+    std::vector<BlockDevice> devices;
+    if (FILE* file = fiSystem().fopen("/proc/partitions", "r")) {
+        char line[512];
+        while (std::fgets(line, sizeof line, file) != nullptr) {
+            unsigned int major, minor;
+            unsigned long long blocks;
+            char name[256];
+            if (std::sscanf(line, "%u %u %llu %255s", &major, &minor, &blocks, name) == 4) {
+                devices.push_back({name, blocks});
+            }
+        }
+        std::fclose(file);
+    }
+    return devices;
 }
 
 bool isWholeDisk(const std::string& name)
@@ -155,21 +173,13 @@ void addEntries(const std::string& directory, bool (*wanted)(const std::string&)
 
 }  // namespace
 
-std::vector<std::string> candidateNodes()
+std::vector<std::string> candidateNodes(const std::vector<BlockDevice>& partitions)
 {
     std::vector<std::string> nodes;
-    if (FILE* file = fiSystem().fopen("/proc/partitions", "r")) {
-        char line[512];
-        while (std::fgets(line, sizeof line, file) != nullptr) {
-            unsigned int major, minor;
-            unsigned long long blocks;
-            char name[256];
-            if (std::sscanf(line, "%u %u %llu %255s", &major, &minor, &blocks, name) == 4 &&
-                isWholeDisk(name)) {
-                nodes.push_back(std::string("/dev/") + name);
-            }
+    for (const BlockDevice& device : partitions) {
+        if (isWholeDisk(device.name)) {
+            nodes.push_back("/dev/" + device.name);
         }
-        std::fclose(file);
     }
     addEntries(
         "/dev/mapper/", [](const std::string&) { return true; }, nodes);

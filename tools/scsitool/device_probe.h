@@ -4,6 +4,7 @@
 #ifndef SCSITOOL_CLI_DEVICE_PROBE_H
 #define SCSITOOL_CLI_DEVICE_PROBE_H
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -28,9 +29,23 @@ std::string sysfsLine(const std::string& path);
 
 // What the library's enumeration read of one device, from its record: no node is opened again.
 DeviceProbe probeOfRecord(const CScsiDeviceData& record);
-// The names of the device-mapper maps that are multipath maps ("mpatha"), from their uuid
-// ("mpath-..."): a map with no live path answers no SCSI command, as an LVM volume does.
-std::vector<std::string> multipathMapNames();
+// A device-mapper map as sysfs shows it: its block device ("dm-0") and whether its uuid
+// ("mpath-...") makes it a multipath map, which answers no SCSI command once no path is left,
+// just as an LVM volume answers none.
+struct DmMap {
+    std::string block;
+    bool multipath = false;
+};
+// Every map of /sys/block/dm-*, by map name ("mpatha").
+std::map<std::string, DmMap> deviceMapperMaps();
+
+// A line of "/proc/partitions": the kernel name and the size in 1 KiB blocks.
+struct BlockDevice {
+    std::string name;
+    unsigned long long blocks = 0;
+};
+std::vector<BlockDevice> readPartitions();
+
 // 0 when `node` opens, otherwise the errno of the failed open.
 int openErrno(const std::string& node);
 // The reason a device named on the command line gives no answer, as an exit-3 error: not
@@ -41,9 +56,9 @@ int openErrno(const std::string& node);
 bool readDevicePage(CScsiTool& tool, CScsiDeviceHandle& handle, CScsiDeviceData& record,
                     unsigned int code, bool evpd, simhost::Bytes& bytes);
 
-// The nodes a person expects in the map: the whole disks of "/proc/partitions", every node
-// under "/dev/mapper/" and the PowerPath nodes, sorted.
-std::vector<std::string> candidateNodes();
+// The nodes a person expects in the map: the whole disks of `partitions`, every node under
+// "/dev/mapper/" and the PowerPath nodes, sorted.
+std::vector<std::string> candidateNodes(const std::vector<BlockDevice>& partitions);
 
 // Whole SCSI disk names: "sd" and lower-case letters.
 bool isWholeDisk(const std::string& name);

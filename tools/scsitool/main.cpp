@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "compare.h"
 #include "errors.h"
+#include "map_view.h"
 #include "output_file.h"
 #include "session.h"
 
@@ -98,6 +99,22 @@ int main(int argc, char** argv)
     map->add_flag("--volumes", mapOptions.volumes,
                   "one entry per UDID with its paths and pseudo-devices");
     map->footer(std::string(kRescanFooter) + kFooter);
+    CLI::Option* columns =
+        map->add_option(
+               "-o,--output", mapOptions.table.columns,
+               "the columns, comma-separated (+LIST adds to the default): " + mapColumnNames())
+            ->type_name("LIST");
+    CLI::Option* raw =
+        map->add_flag("--raw", mapOptions.table.style.raw, "one row a line, cells one blank apart");
+    CLI::Option* pairs = map->add_flag("--pairs", mapOptions.table.style.pairs,
+                                       "one row a line of NAME=\"value\" pairs");
+    map->add_flag("-n,--noheadings", mapOptions.table.style.noHeadings, "no line of column names");
+    CLI::Option* list =
+        map->add_flag("--list", mapOptions.table.list, "--volumes as a list rather than a tree");
+    CLI::Option* mapJson = map->get_option("--json");
+    mapJson->excludes(columns)->excludes(raw)->excludes(pairs);
+    raw->excludes(pairs);
+    list->needs(map->get_option("--volumes"));
 
     std::string device;
     bool rescanIfMissing = false;

@@ -10,6 +10,7 @@
 #include "device_probe.h"
 #include "device_scsi_data.h"
 #include "session.h"
+#include "table.h"
 
 namespace scsitool_cli {
 
@@ -20,7 +21,21 @@ struct MapRow {
     std::string state;       // "running", "unresponsive", "no-path", "denied", "gone", "error", "-"
     bool hostLocal = false;  // the UDID is the default generator's device@host name
     bool listed = true;      // false: a node the library did not return, the command's own row
+    unsigned long long size = 0;  // bytes, 0 when the kernel does not list the node
 };
+
+// How the tables are drawn: the columns of the map (-o: "" for the default, "+LIST" to add),
+// raw, pairs or no headings, and the volumes as a list rather than a tree.
+struct MapTableOptions {
+    std::string columns;
+    TableStyle style;
+    bool list = false;
+};
+// The names of the map's columns, comma-separated, for --help and for the error that names an
+// unknown one.
+std::string mapColumnNames();
+// Throws CommandError (exit 1) when `columns` names an unknown column.
+void checkMapColumns(const std::string& columns);
 
 // The library's enumeration (`rescanBuses` and the rest handed to it) and its rows in the map's
 // order, followed (`ownRows`) by the command's own rows of the whole disks, multipath maps and
@@ -33,10 +48,11 @@ std::vector<MapRow> readMap(Session& session, bool rescanBuses, bool busScan, bo
 bool isHostLocalUdid(const std::string& udid, const std::string& device,
                      const std::string& hostName);
 
-std::string formatMapRows(const std::vector<MapRow>& rows);
+// Throws CommandError (exit 1) for an unknown column.
+std::string formatMapRows(const std::vector<MapRow>& rows, const MapTableOptions& options);
 std::string formatMapRowsJson(const std::vector<MapRow>& rows);
 // One entry per UDID: the multipath view. A volume reached by one path only is warned about.
-std::string formatVolumes(const std::vector<MapRow>& rows);
+std::string formatVolumes(const std::vector<MapRow>& rows, const MapTableOptions& options);
 std::string formatVolumesJson(const std::vector<MapRow>& rows);
 
 }  // namespace scsitool_cli
