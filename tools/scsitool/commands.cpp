@@ -121,15 +121,11 @@ std::string runUdid(Session& session, const std::string& device, bool rescanIfMi
 {
     const std::string node = deviceNode(device);
     std::string udid;
-    std::map<std::string, DeviceProbe> probes;
+    RecordReadings readings(session.factory());
     {
         ProgressLine progress("scanning devices");
         session.startCapture();
-        session.factory().setRecordObserver([&probes](const CScsiDeviceData& record) {
-            probes[record.m_deviceName] = probeOfRecord(record);
-        });
         udid = session.factory().getCachedUniqueDeviceID(node.c_str(), rescanIfMissing);
-        session.factory().setRecordObserver(nullptr);
         const std::vector<std::string> traced = session.stopCapture();
         if (rescanIfMissing) {
             noteSkippedRescan(traced, "--rescan-if-missing");
@@ -152,8 +148,8 @@ std::string runUdid(Session& session, const std::string& device, bool rescanIfMi
     if (isHostLocalUdid(udid, node, Session::hostName())) {
         marks.push_back("host-local: it names the device on this host only");
     }
-    auto probe = probes.find(node);
-    if (probe != probes.end() && !probe->second.answered) {
+    // A device the enumeration did not read (a validation alone) is not said to be silent.
+    if (readings.read(node) && !readings.of(node).answered) {
         marks.push_back("the device did not answer");
     }
     for (const std::string& mark : marks) {

@@ -100,6 +100,24 @@ DeviceProbe probeOfRecord(const CScsiDeviceData& record)
     return probe;
 }
 
+RecordReadings::RecordReadings(CUDIDFactory& factory) : m_factory(factory)
+{
+    m_factory.setRecordObserver([this](const CScsiDeviceData& record) {
+        m_probes[record.m_deviceName] = probeOfRecord(record);
+    });
+}
+
+RecordReadings::~RecordReadings()
+{
+    m_factory.setRecordObserver(nullptr);
+}
+
+DeviceProbe RecordReadings::of(const std::string& node) const
+{
+    auto found = m_probes.find(node);
+    return found == m_probes.end() ? DeviceProbe() : found->second;
+}
+
 std::map<std::string, DmMap> deviceMapperMaps()
 {
     std::map<std::string, DmMap> maps;

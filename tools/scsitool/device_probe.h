@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "device_udid_factory.h"
 #include "scsitool.h"
 #include "session.h"
 #include "simhost.h"
@@ -29,6 +30,24 @@ std::string sysfsLine(const std::string& path);
 
 // What the library's enumeration read of one device, from its record: no node is opened again.
 DeviceProbe probeOfRecord(const CScsiDeviceData& record);
+
+// While it lives, keeps what the factory's enumerations read of each device, by node.
+class RecordReadings {
+public:
+    explicit RecordReadings(CUDIDFactory& factory);
+    ~RecordReadings();
+    RecordReadings(const RecordReadings&) = delete;
+    RecordReadings& operator=(const RecordReadings&) = delete;
+
+    // Whether an enumeration read `node`, and what it read (a device that did not answer when
+    // none did).
+    bool read(const std::string& node) const { return m_probes.count(node) != 0; }
+    DeviceProbe of(const std::string& node) const;
+
+private:
+    CUDIDFactory& m_factory;
+    std::map<std::string, DeviceProbe> m_probes;
+};
 // A device-mapper map as sysfs shows it: its block device ("dm-0") and whether its uuid
 // ("mpath-...") makes it a multipath map, which answers no SCSI command once no path is left,
 // just as an LVM volume answers none.

@@ -241,19 +241,8 @@ bool isHostLocalUdid(const std::string& udid, const std::string& device,
 std::vector<MapRow> readMap(Session& session, bool rescanBuses, bool busScan, bool removeLun0,
                             bool ownRows)
 {
-    std::map<std::string, DeviceProbe> probes;
-    CUDIDFactory& factory = session.factory();
-    factory.setRecordObserver([&probes](const CScsiDeviceData& record) {
-        probes[record.m_deviceName] = probeOfRecord(record);
-    });
-    DeviceMap map;
-    try {
-        map = factory.enumerateDeviceMap(rescanBuses, busScan, removeLun0);
-    } catch (...) {
-        factory.setRecordObserver(nullptr);
-        throw;
-    }
-    factory.setRecordObserver(nullptr);
+    RecordReadings readings(session.factory());
+    const DeviceMap map = session.factory().enumerateDeviceMap(rescanBuses, busScan, removeLun0);
 
     const std::map<std::string, DmMap> dmMaps = deviceMapperMaps();
     const std::vector<BlockDevice> partitions = readPartitions();
@@ -279,7 +268,7 @@ std::vector<MapRow> readMap(Session& session, bool rescanBuses, bool busScan, bo
     for (const auto& entry : map) {
         MapRow row;
         row.info = entry.second;
-        row.probe = probes[entry.first];
+        row.probe = readings.of(entry.first);
         row.kind = kindOf(entry.first, isMultipath(entry.first, row.probe));
         // A pseudo-device's address is that of the path it sent the command to: not its own.
         row.probe.placed = row.probe.placed && row.kind == "disk";
