@@ -115,6 +115,7 @@ int main(int argc, char** argv)
     mapJson->excludes(columns)->excludes(raw)->excludes(pairs);
     raw->excludes(pairs);
     list->needs(map->get_option("--volumes"));
+    columns->excludes(map->get_option("--volumes"));  // the tree has its own columns
 
     std::string device;
     bool rescanIfMissing = false;
