@@ -42,11 +42,6 @@ void noteSkippedRescan(const std::vector<std::string>& traced, const std::string
 
 }  // namespace
 
-bool startsWith(const std::string& text, const char* prefix)
-{
-    return text.compare(0, std::strlen(prefix), prefix) == 0;
-}
-
 std::string deviceNode(const std::string& name)
 {
     return name.find('/') == std::string::npos ? "/dev/" + name : name;

@@ -140,22 +140,9 @@ std::map<std::string, DmMap> deviceMapperMaps()
     return maps;
 }
 
-std::vector<BlockDevice> readPartitions()
+bool startsWith(const std::string& text, const std::string& prefix)
 {
-    std::vector<BlockDevice> devices;
-    if (FILE* file = fiSystem().fopen("/proc/partitions", "r")) {
-        char line[512];
-        while (std::fgets(line, sizeof line, file) != nullptr) {
-            unsigned int major, minor;
-            unsigned long long blocks;
-            char name[256];
-            if (std::sscanf(line, "%u %u %llu %255s", &major, &minor, &blocks, name) == 4) {
-                devices.push_back({name, blocks});
-            }
-        }
-        std::fclose(file);
-    }
-    return devices;
+    return text.compare(0, prefix.size(), prefix) == 0;
 }
 
 bool isWholeDisk(const std::string& name)
@@ -191,10 +178,10 @@ void addEntries(const std::string& directory, bool (*wanted)(const std::string&)
 
 }  // namespace
 
-std::vector<std::string> candidateNodes(const std::vector<BlockDevice>& partitions)
+std::vector<std::string> candidateNodes(const std::vector<SPartitionRow>& partitions)
 {
     std::vector<std::string> nodes;
-    for (const BlockDevice& device : partitions) {
+    for (const SPartitionRow& device : partitions) {
         if (isWholeDisk(device.name)) {
             nodes.push_back("/dev/" + device.name);
         }

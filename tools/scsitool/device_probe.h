@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "device_udid_factory.h"
+#include "kernel_files.h"
 #include "scsitool.h"
 #include "session.h"
 #include "simhost.h"
@@ -58,13 +59,6 @@ struct DmMap {
 // Every map of /sys/block/dm-*, by map name ("mpatha").
 std::map<std::string, DmMap> deviceMapperMaps();
 
-// A line of "/proc/partitions": the kernel name and the size in 1 KiB blocks.
-struct BlockDevice {
-    std::string name;
-    unsigned long long blocks = 0;
-};
-std::vector<BlockDevice> readPartitions();
-
 // 0 when `node` opens, otherwise the errno of the failed open.
 int openErrno(const std::string& node);
 // The reason a device named on the command line gives no answer, as an exit-3 error: not
@@ -77,7 +71,9 @@ bool readDevicePage(CScsiTool& tool, CScsiDeviceHandle& handle, CScsiDeviceData&
 
 // The nodes a person expects in the map: the whole disks of `partitions`, every node under
 // "/dev/mapper/" and the PowerPath nodes, sorted.
-std::vector<std::string> candidateNodes(const std::vector<BlockDevice>& partitions);
+std::vector<std::string> candidateNodes(const std::vector<SPartitionRow>& partitions);
+
+bool startsWith(const std::string& text, const std::string& prefix);
 
 // Whole SCSI disk names: "sd" and lower-case letters.
 bool isWholeDisk(const std::string& name);

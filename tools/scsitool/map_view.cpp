@@ -19,11 +19,6 @@ namespace {
 
 const char kMapperDir[] = "/dev/mapper/";
 
-bool startsWith(const std::string& text, const std::string& prefix)
-{
-    return text.compare(0, prefix.size(), prefix) == 0;
-}
-
 std::string kindOf(const std::string& node, bool multipath)
 {
     if (node == "/dev/mapper/control") {
@@ -245,7 +240,7 @@ std::vector<MapRow> readMap(Session& session, bool rescanBuses, bool busScan, bo
     const DeviceMap map = session.factory().enumerateDeviceMap(rescanBuses, busScan, removeLun0);
 
     const std::map<std::string, DmMap> dmMaps = deviceMapperMaps();
-    const std::vector<BlockDevice> partitions = readPartitions();
+    const std::vector<SPartitionRow> partitions = readProcPartitions();
     auto isMultipath = [&dmMaps](const std::string& node, const DeviceProbe& probe) {
         // A map that passes SCSI commands to a path is a multipath map, whatever sysfs says.
         auto map = dmMaps.find(node.substr(node.rfind('/') + 1));
@@ -253,7 +248,7 @@ std::vector<MapRow> readMap(Session& session, bool rescanBuses, bool busScan, bo
     };
     // Sizes from the kernel's list of block devices: a map is listed under its "dm-N".
     std::map<std::string, unsigned long long> sizes;
-    for (const BlockDevice& device : partitions) {
+    for (const SPartitionRow& device : partitions) {
         sizes["/dev/" + device.name] = device.blocks * 1024;
     }
     for (const auto& map : dmMaps) {
