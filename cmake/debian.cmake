@@ -64,7 +64,7 @@ calls from a host snapshot, to test a program against a captured host.")
 
 set(CPACK_DEBIAN_COMMAND_PACKAGE_NAME scsitool)
 set(CPACK_DEBIAN_COMMAND_PACKAGE_SECTION admin)
-set(CPACK_DEBIAN_COMMAND_PACKAGE_DEPENDS "${SCSITOOL_LIB_DEB}, libc6, libstdc++6, libgcc-s1")
+set(CPACK_DEBIAN_COMMAND_PACKAGE_DEPENDS "${SCSITOOL_LIB_DEB}, libc6, libstdc++6, libgcc-s1, libsmartcols1")
 set(CPACK_COMPONENT_COMMAND_DESCRIPTION
   "unique device ids of SCSI disks and multipath devices (command)
 scsitool shows the device map of this host with each disk's address, kind,

@@ -6,10 +6,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/sem.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -147,15 +150,18 @@ TEST(CommandAccess, NodesThatDoNotOpenAreNamedWithTheReason)
         {{"--host", root, "show", "sdb"}, 3, sdbDenied},
         {{"--host", root, "capture", dir.file("c.json")}, 3, sdaDenied + sdbDenied + "scsitool: capture refused: 2 disk nodes cannot be opened (the capture needs root to open every disk node)\n"},
         {{"--host", mixed, "map"}, 0, sdbDenied},
-        {{"--host", mixed, "udid", "sda"}, 0, ""},
+        {{"--host", mixed, "udid", "sda"}, 0, "scsitool: note: /dev/sda: host-local: it names the device on this host only\n"},
     };
     // clang-format on
     expectErrors(cases);
     EXPECT_FALSE(std::ifstream(dir.file("c.json")).good()) << "a refused capture wrote a file";
-    EXPECT_EQ(run({"--host", mixed, "map"}).out,
-              "[H:C:T:L]  DEVICE    KIND  VENDOR  PRODUCT  STATE    UDID\n"
-              "[0:0:0:0]  /dev/sda  disk  ACME    DISK     running  "
-              "UDID##ACME##DISK##/DEV/SDA@TEST01  (host-local)\n");
+    EXPECT_EQ(
+        run({"--host", mixed, "map"}).out,
+        "HCTL    DEVICE   KIND VENDOR PRODUCT SIZE STATE   UDID                              NOTE\n"
+        "0:0:0:0 /dev/sda disk ACME   DISK    10G  running UDID##ACME##DISK##/DEV/SDA@TEST01 "
+        "host-local\n"
+        "-       /dev/sdb disk -      -       10G  denied  -                                 not "
+        "in the library's map\n");
 }
 
 TEST(CommandOutput, AWriteThatFailsExitsTwoAndLeavesTheOldFile)
@@ -265,4 +271,148 @@ TEST(CommandCapture, AnonymisedCaptureReplacesHostNamesConsistently)
     EXPECT_EQ(run({"verify", capture}).status, 0);
     EXPECT_NE(run({"--host", capture, "udid", "sdn"}).out.find("@HOST.EXAMPLE.INVALID"),
               std::string::npos);
+}
+
+namespace {
+
+// The names in `dir` but the dot entries.
+std::vector<std::string> listing(const std::string& dir)
+{
+    std::vector<std::string> names;
+    if (DIR* handle = opendir(dir.c_str())) {
+        while (struct dirent* entry = readdir(handle))
+            if (std::string(entry->d_name) != "." && std::string(entry->d_name) != "..")
+                names.push_back(entry->d_name);
+        closedir(handle);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+mode_t typeOf(const std::string& path)
+{
+    struct stat status;
+    return lstat(path.c_str(), &status) == 0 ? (status.st_mode & S_IFMT) : 0;
+}
+
+}  // namespace
+
+TEST(CommandOutput, PathsThatAreNoRegularFileAreWrittenInPlace)
+{
+    const std::string capture =
+        run({"--host", kDatacenter, "capture", "-"}, "SOURCE_DATE_EPOCH=0 ").out;
+    ASSERT_FALSE(capture.empty());
+    TempDir dir;
+    // A device node of the test's own: the null device, written and left a device.
+    ASSERT_EQ(mknod(dir.file("null").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
+    Result result =
+        run({"--host", kDatacenter, "--trace", dir.file("null"), "capture", dir.file("null")});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(typeOf(dir.file("null")), static_cast<mode_t>(S_IFCHR));
+
+    // A FIFO: its reader gets the capture whole, and the FIFO stays.
+    ASSERT_EQ(mkfifo(dir.file("fifo").c_str(), 0600), 0);
+    result = run({"--host", kDatacenter, "capture", dir.file("fifo")},
+                 "(cat '" + dir.file("fifo") + "' > '" + dir.file("from-fifo") +
+                     "' &) ; SOURCE_DATE_EPOCH=0 ");
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(typeOf(dir.file("fifo")), static_cast<mode_t>(S_IFIFO));
+    for (int i = 0; i < 100 && readFile(dir.file("from-fifo")).size() < capture.size(); ++i)
+        usleep(20000);
+    EXPECT_EQ(readFile(dir.file("from-fifo")), capture);
+
+    // A symbolic link, relative: its target is replaced, the link stays a link. A dangling one
+    // creates its target.
+    writeFile(dir.file("target"), "the previous file\n");
+    ASSERT_EQ(symlink("target", dir.file("link").c_str()), 0);
+    ASSERT_EQ(symlink("new", dir.file("dangling").c_str()), 0);
+    for (const char* name : {"link", "dangling"}) {
+        result = run({"--host", kDatacenter, "capture", dir.file(name)}, "SOURCE_DATE_EPOCH=0 ");
+        EXPECT_EQ(result.status, 0) << name << ": " << result.err;
+        EXPECT_EQ(typeOf(dir.file(name)), static_cast<mode_t>(S_IFLNK)) << name;
+        EXPECT_EQ(readFile(dir.file(name)), capture) << name;
+    }
+
+    // /dev/stdout and a process substitution (a /dev/fd/N pipe): written, never replaced.
+    result = run({"--host", kDatacenter, "capture", "/dev/stdout"}, "SOURCE_DATE_EPOCH=0 ");
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, capture);
+    const std::string command = "SOURCE_DATE_EPOCH=0 bash -c \"'" + kBinary + "' --host '" +
+                                kDatacenter + "' capture >(cat > '" + dir.file("from-pipe") +
+                                "'); wait \\$!\"";
+    EXPECT_EQ(std::system(command.c_str()), 0);
+    for (int i = 0; i < 100 && readFile(dir.file("from-pipe")).size() < capture.size(); ++i)
+        usleep(20000);
+    EXPECT_EQ(readFile(dir.file("from-pipe")), capture);
+
+    // A directory is no place for a file: one line, exit 2, nothing left behind.
+    mkdir(dir.file("directory").c_str(), 0700);
+    result = run({"--host", kDatacenter, "capture", dir.file("directory")});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "scsitool: " + dir.file("directory") +
+                              ": cannot write the snapshot: Is a directory\n");
+    EXPECT_EQ(listing(dir.path()),
+              (std::vector<std::string>{"dangling", "directory", "fifo", "from-fifo", "from-pipe",
+                                        "link", "new", "null", "target"}));
+}
+
+TEST(CommandOutput, ASignalPutsTheTraceInPlaceAndRemovesTheRest)
+{
+    const struct {
+        int signal;
+        int status;
+    } cases[] = {{SIGINT, 130}, {SIGTERM, 143}, {SIGHUP, 129}};
+    for (const auto& c : cases) {
+        TempDir dir;
+        writeFile(dir.file("trace"), "the previous trace\n");
+        ASSERT_EQ(mkfifo(dir.file("fifo").c_str(), 0600), 0);
+        // The capture waits for a reader of its FIFO that never comes: the signal finds the
+        // trace of the whole enumeration written and the events staged.
+        const pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            const int null = open("/dev/null", O_RDWR);
+            dup2(null, 0);
+            dup2(null, 1);
+            dup2(null, 2);
+            execl(kBinary.c_str(), "scsitool", "--host", kDatacenter.c_str(), "--events",
+                  dir.file("events").c_str(), "--trace", dir.file("trace").c_str(), "--trace-level",
+                  "4", "capture", dir.file("fifo").c_str(), (char*)nullptr);
+            _exit(127);
+        }
+        std::string staged;
+        for (int i = 0; i < 500 && staged.empty(); ++i) {
+            for (const std::string& name : listing(dir.path()))
+                if (name.compare(0, 6, "trace.") == 0 &&
+                    readFile(dir.file(name)).find("Printing m_deviceMap") != std::string::npos)
+                    staged = name;
+            usleep(20000);
+        }
+        ASSERT_FALSE(staged.empty()) << "the trace never reached its staged file";
+        usleep(200000);
+        kill(pid, c.signal);
+        int status = 0;
+        waitpid(pid, &status, 0);
+        ASSERT_TRUE(WIFEXITED(status)) << c.signal;
+        EXPECT_EQ(WEXITSTATUS(status), c.status);
+        const std::string trace = readFile(dir.file("trace"));
+        EXPECT_NE(trace.find("L3 Printing m_deviceMap\n"), std::string::npos) << c.signal;
+        EXPECT_EQ(trace.back(), '\n') << c.signal << ": a line cut short";
+        EXPECT_EQ(listing(dir.path()), (std::vector<std::string>{"fifo", "trace"}))
+            << c.signal << ": the events' staged file stayed, or the trace's";
+    }
+}
+
+TEST(CommandOutput, HelpAndVersionThatCannotBeWrittenExitTwo)
+{
+    TempDir dir;
+    for (const char* args : {"--help", "--version", "map --help", "udid --help"}) {
+        const std::string command =
+            "'" + kBinary + "' " + std::string(args) + " >/dev/full 2>'" + dir.file("err") + "'";
+        const int status = std::system(command.c_str());
+        ASSERT_TRUE(WIFEXITED(status)) << args;
+        EXPECT_EQ(WEXITSTATUS(status), 2) << args;
+        EXPECT_EQ(readFile(dir.file("err")), "scsitool: standard output: No space left on device\n")
+            << args;
+    }
 }

@@ -265,3 +265,33 @@ TEST_F(CachedLookupTest, AnEmptyMapIsReEnumeratedOnEveryCall)
                   static_cast<size_t>(call));
     }
 }
+
+TEST_F(CachedLookupTest, TheRecordObserverSeesEveryRecordAndChangesNothing)
+{
+    simhost::SimDevice silent = defaultDisk("sdb", 1, 0, 0x33);
+    silent.state = simhost::DeviceState::Unresponsive;
+    host.addDevice(silent);
+    capture.clear();
+    const DeviceMap plain = factory.enumerateDeviceMap(false, false, false);
+    std::vector<std::pair<int, std::string>> plainTrace = capture.lines();
+    capture.clear();
+
+    // In discovery's order, each record with what its enumeration read, before its entry exists.
+    std::vector<std::string> seen;
+    factory.setRecordObserver([&](const CScsiDeviceData& record) {
+        seen.push_back(record.m_deviceName + " " + record.m_vendorId + " " +
+                       std::to_string(record.m_lun) + " " +
+                       std::to_string(record.findPage(0) != nullptr));
+        EXPECT_EQ(factory.m_deviceMap.count(record.m_deviceName), 0u);
+    });
+    const DeviceMap observed = factory.enumerateDeviceMap(false, false, false);
+    EXPECT_EQ(seen, (std::vector<std::string>{"/dev/sda ACME 0 1", "/dev/sdb  0 0"}));
+    EXPECT_EQ(observed, plain);
+    EXPECT_EQ(capture.lines(), plainTrace);
+
+    // Let go of, it is called no more.
+    factory.setRecordObserver(nullptr);
+    seen.clear();
+    factory.enumerateDeviceMap(false, false, false);
+    EXPECT_TRUE(seen.empty());
+}

@@ -65,13 +65,15 @@ cmake --build "$work/cmake-build" >/dev/null
 got=$("$work/cmake-build/consumer")
 [ "$got" = "$expected" ] || fail "CMake consumer printed '$got', expected '$expected'"
 
-# A program tested against a snapshot sees the map the installed command shows of it.
+# A program tested against a snapshot sees the map the installed command shows of it (the rows
+# the command adds of its own, the disks the library's map does not hold, left out).
 host=$source/examples/hosts/datacenter.json
 got=$("$work/cmake-build/sim_consumer" "$host" 2>/dev/null) || fail "the simulated host's test program failed"
 want=$("$prefix/bin/scsitool" --host "$host" map --json 2>/dev/null | python3 -c '
 import json, sys
 for entry in json.load(sys.stdin):
-    print(entry["DeviceName"], entry["Uid"])')
+    if "listed_by" not in entry:
+        print(entry["DeviceName"], entry["Uid"])')
 [ -n "$got" ] || fail "the simulated host's test program printed no map"
 [ "$got" = "$want" ] ||
   fail "the simulated host's test program printed '$got', the command '$want'"

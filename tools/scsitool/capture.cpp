@@ -191,14 +191,13 @@ std::string runCapture(Session& session, const std::string& file, bool anonymise
         ProgressLine progress("capturing the host");
         simhost::SimHost snapshot;
         captureHost(session, snapshot);
-        // The map as this host gives it, for verify.
-        DeviceMap map = session.factory().enumerateDeviceMap(false, false, false);
+        // The library's map as this host gives it, for verify.
         nlohmann::ordered_json origin;
         origin["scsitool_version"] = SCSITOOL_VERSION;
         origin["time"] = captureTime();
         origin["anonymised"] = anonymise;
         origin["map"] = nlohmann::ordered_json::parse(
-            formatMapRowsJson(describeMap(session, map, Session::hostName())));
+            formatMapRowsJson(readMap(session, false, false, false, false)));
         snapshot.setCapture(origin.dump());
         text = snapshot.toJson();
         if (anonymise) {

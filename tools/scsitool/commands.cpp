@@ -1,8 +1,12 @@
 #include "commands.h"
 
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
 
 #include "WWPN_discovery.h"
 #include "device_probe.h"
@@ -16,6 +20,28 @@
 
 namespace scsitool_cli {
 
+namespace {
+
+// The rescan knows the 2.4 and 2.6 kernel families only: on any other kernel it scans no bus
+// and says so in the trace alone. The command says it on stderr, naming the kernel.
+void noteSkippedRescan(const std::vector<std::string>& traced, const std::string& option)
+{
+    for (const std::string& line : traced) {
+        if (line.find("scsi bus scan skipped") != std::string::npos) {
+            struct utsname name;
+            std::memset(&name, 0, sizeof name);
+            kzfi_pdk_4_4::fiSystem().uname(&name);
+            std::fprintf(stderr,
+                         "scsitool: %s scanned no SCSI bus: the rescan knows the 2.4 and 2.6 "
+                         "kernel families only, and this kernel is %s\n",
+                         option.c_str(), name.release);
+            return;
+        }
+    }
+}
+
+}  // namespace
+
 std::string deviceNode(const std::string& name)
 {
     return name.find('/') == std::string::npos ? "/dev/" + name : name;
@@ -23,30 +49,28 @@ std::string deviceNode(const std::string& name)
 
 std::string runMap(Session& session, const MapOptions& options)
 {
-    DeviceMap map;
+    checkMapColumns(options.table.columns);  // before the scan, not after
+    std::vector<MapRow> rows;
     {
         ProgressLine progress("scanning devices");
-        map = session.factory().enumerateDeviceMap(options.rescanBuses, options.busScan,
-                                                   options.removeLun0);
+        session.startCapture();
+        rows = readMap(session, options.rescanBuses, options.busScan, options.removeLun0);
+        if (options.rescanBuses) {
+            noteSkippedRescan(session.stopCapture(), "--rescan-buses");
+        } else {
+            session.stopCapture();
+        }
     }
-    std::vector<MapRow> rows = describeMap(session, map, Session::hostName());
 
-    // Every node that did not open is named, those of the map and those the library could not
-    // list at all (without the rights to open them, none is listed).
+    // Every node that did not open is named; without the rights to open them, the library lists
+    // none of them.
     std::vector<std::pair<std::string, int>> failures;
     bool queried = false;
     for (const MapRow& row : rows) {
         if (row.probe.openErrno != 0) {
             failures.emplace_back(row.info.DeviceName, row.probe.openErrno);
-        } else if (row.kind != "dm-control") {
+        } else if (row.listed && row.kind != "dm-control") {
             queried = true;
-        }
-    }
-    for (const std::string& node : candidateNodes()) {
-        if (map.count(node) == 0) {
-            if (int error = openErrno(node)) {
-                failures.emplace_back(node, error);
-            }
         }
     }
     std::sort(failures.begin(), failures.end());
@@ -58,21 +82,73 @@ std::string runMap(Session& session, const MapOptions& options)
                                       : "no device could be queried");
     }
     if (options.volumes) {
-        return options.json ? formatVolumesJson(rows) : formatVolumes(rows);
+        return options.json ? formatVolumesJson(rows) : formatVolumes(rows, options.table);
     }
-    return options.json ? formatMapRowsJson(rows) : formatMapRows(rows);
+    return options.json ? formatMapRowsJson(rows) : formatMapRows(rows, options.table);
 }
+
+namespace {
+
+// The node to ask for instead of one that is no whole disk of the map, or "".
+std::string betterNode(const std::string& device, const std::string& node)
+{
+    const std::string name = node.substr(node.rfind('/') + 1);
+    const size_t digits = name.find_first_of("0123456789");
+    if (startsWith(node, "/dev/sd") && digits != std::string::npos && digits > 2 &&
+        isWholeDisk(name.substr(0, digits)) &&
+        name.find_first_not_of("0123456789", digits) == std::string::npos) {
+        return "/dev/" + name.substr(0, digits);  // a partition: its disk
+    }
+    if (startsWith(name, "dm-") && (node == "/dev/" + name || node == "/sys/block/" + name)) {
+        const std::string map = sysfsLine("/sys/block/" + name + "/dm/name");
+        return map.empty() ? std::string() : "/dev/mapper/" + map;
+    }
+    if (device.find('/') == std::string::npos && openErrno(node) == ENOENT &&
+        openErrno("/dev/mapper/" + device) != ENOENT) {
+        return "/dev/mapper/" + device;  // a multipath alias
+    }
+    return std::string();
+}
+
+}  // namespace
 
 std::string runUdid(Session& session, const std::string& device, bool rescanIfMissing)
 {
     const std::string node = deviceNode(device);
     std::string udid;
+    RecordReadings readings(session.factory());
     {
         ProgressLine progress("scanning devices");
+        session.startCapture();
         udid = session.factory().getCachedUniqueDeviceID(node.c_str(), rescanIfMissing);
+        const std::vector<std::string> traced = session.stopCapture();
+        if (rescanIfMissing) {
+            noteSkippedRescan(traced, "--rescan-if-missing");
+        }
     }
     if (udid.empty()) {
-        throwUnanswered(node);
+        const std::string better = betterNode(device, node);
+        try {
+            throwUnanswered(node);
+        } catch (const CommandError& error) {
+            if (better.empty()) {
+                throw;
+            }
+            throw CommandError(error.exitCode(),
+                               std::string(error.what()) + " (ask for " + better + ")");
+        }
+    }
+    // Marked as the map marks it; the UDID is still the answer, and the exit status stays 0.
+    std::vector<std::string> marks;
+    if (isHostLocalUdid(udid, node, Session::hostName())) {
+        marks.push_back("host-local: it names the device on this host only");
+    }
+    // A device the enumeration did not read (a validation alone) is not said to be silent.
+    if (readings.read(node) && !readings.of(node).answered) {
+        marks.push_back("the device did not answer");
+    }
+    for (const std::string& mark : marks) {
+        std::fprintf(stderr, "scsitool: note: %s: %s\n", node.c_str(), mark.c_str());
     }
     return udid + "\n";
 }
@@ -123,23 +199,6 @@ std::string runShow(Session& session, const std::string& device, bool json)
 
 namespace {
 
-// The first line of a sysfs attribute, "" when it cannot be read.
-std::string attribute(const std::string& path)
-{
-    std::string line;
-    if (FILE* file = kzfi_pdk_4_4::fiSystem().fopen(path.c_str(), "r")) {
-        char buffer[256];
-        if (std::fgets(buffer, sizeof buffer, file) != nullptr) {
-            line = buffer;
-        }
-        std::fclose(file);
-    }
-    while (!line.empty() && (line.back() == '\n' || line.back() == ' ')) {
-        line.pop_back();
-    }
-    return line;
-}
-
 // "0x21000024ff2c3d4e" as "21:00:00:24:ff:2c:3d:4e"; other text as it is.
 std::string colonForm(std::string name)
 {
@@ -173,9 +232,9 @@ std::vector<FcHost> readFcHosts()
         }
         FcHost host;
         host.host = std::stoi(name.substr(4));
-        host.driver = attribute("/sys/class/scsi_host/" + name + "/proc_name");
-        host.portState = attribute("/sys/class/fc_host/" + name + "/port_state");
-        host.portName = colonForm(attribute("/sys/class/fc_host/" + name + "/port_name"));
+        host.driver = sysfsLine("/sys/class/scsi_host/" + name + "/proc_name");
+        host.portState = sysfsLine("/sys/class/fc_host/" + name + "/port_state");
+        host.portName = colonForm(sysfsLine("/sys/class/fc_host/" + name + "/port_name"));
         hosts.push_back(host);
     }
     kzfi_pdk_4_4::fiSystem().closedir(dir);

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "map_view.h"
 #include "session.h"
 
 namespace scsitool_cli {
@@ -14,6 +15,7 @@ struct MapOptions {
     bool busScan = false;
     bool removeLun0 = false;
     bool volumes = false;
+    MapTableOptions table;
 };
 
 std::string runMap(Session& session, const MapOptions& options);

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "device_map_compare.h"
 #include "errors.h"
 #include "fi_system.h"
 #include "stringtool.h"
@@ -15,6 +16,23 @@
 namespace scsitool_cli {
 
 using kzfi_pdk_4_4::fiSystem;
+
+// The first line of a sysfs attribute without its line end, "" when it cannot be read.
+std::string sysfsLine(const std::string& path)
+{
+    std::string line;
+    if (FILE* file = fiSystem().fopen(path.c_str(), "r")) {
+        char buffer[256];
+        if (std::fgets(buffer, sizeof buffer, file) != nullptr) {
+            line = buffer;
+        }
+        std::fclose(file);
+    }
+    while (!line.empty() && (line.back() == '\n' || line.back() == ' ')) {
+        line.pop_back();
+    }
+    return line;
+}
 
 bool readDevicePage(CScsiTool& tool, CScsiDeviceHandle& handle, CScsiDeviceData& record,
                     unsigned int code, bool evpd, simhost::Bytes& bytes)
@@ -56,35 +74,75 @@ void throwUnanswered(const std::string& node)
     throw CommandError(kExitNotFound, node + ": the device does not answer as a disk");
 }
 
-DeviceProbe probeDevice(Session& session, const std::string& node)
+DeviceProbe probeOfRecord(const CScsiDeviceData& record)
 {
     DeviceProbe probe;
-    probe.openErrno = openErrno(node);
-    if (probe.openErrno != 0) {
-        return probe;
+    const CScsiModePage* inquiry = record.findPage(0);
+    if (inquiry == nullptr || inquiry->getData() == nullptr || inquiry->getLength() < 32) {
+        return probe;  // no answer: neither the address nor the pages were asked for
     }
-    CScsiDeviceData record(node, "", "", 0, 0, 0, -1, "", "", "", 0);
-    CScsiTool tool;
-    tool.registerTraceLog(session.log());
-    CScsiDeviceHandle handle(session.log());
-    try {
-        tool.GetTargetLunPortInfo(handle, record);
-        probe.placed = true;
-        probe.address[0] = record.m_port;
-        probe.address[1] = static_cast<int>(record.m_bus);
-        probe.address[2] = record.m_target;
-        probe.address[3] = record.m_lun;
-    } catch (...) {
-        // A pseudo-device or a device that does not answer: no address.
-    }
-    if (readDevicePage(tool, handle, record, 0, false, probe.inquiry) &&
-        probe.inquiry.size() >= 32) {
-        probe.vendor = CStringTool::rtrim(
-            std::string(probe.inquiry.begin() + 8, probe.inquiry.begin() + 16), ' ');
-        probe.product = CStringTool::rtrim(
-            std::string(probe.inquiry.begin() + 16, probe.inquiry.begin() + 32), ' ');
+    const char* data = reinterpret_cast<const char*>(inquiry->getData());
+    probe.answered = true;
+    probe.vendor = CStringTool::rtrim(std::string(data + 8, 8), ' ');
+    probe.product = CStringTool::rtrim(std::string(data + 16, 16), ' ');
+    // The address is read right after the INQUIRY; a LUN still below 0 is one that was not read.
+    probe.placed = record.m_port >= 0 && record.m_lun >= 0;
+    probe.address[0] = record.m_port;
+    probe.address[1] = static_cast<int>(record.m_bus);
+    probe.address[2] = record.m_target;
+    probe.address[3] = record.m_lun;
+    // The volume key prefers the logical unit's NAA designator, then its EUI-64: what the
+    // array's console shows as the WWN. A T10 vendor id or a serial is no WWN.
+    const std::string key = CDeviceMapCompare::volumeKey(record);
+    if (key.compare(0, 4, "naa.") == 0 || key.compare(0, 4, "eui.") == 0) {
+        probe.wwn = "0x" + key.substr(4);
     }
     return probe;
+}
+
+RecordReadings::RecordReadings(CUDIDFactory& factory) : m_factory(factory)
+{
+    m_factory.setRecordObserver([this](const CScsiDeviceData& record) {
+        m_probes[record.m_deviceName] = probeOfRecord(record);
+    });
+}
+
+RecordReadings::~RecordReadings()
+{
+    m_factory.setRecordObserver(nullptr);
+}
+
+DeviceProbe RecordReadings::of(const std::string& node) const
+{
+    auto found = m_probes.find(node);
+    return found == m_probes.end() ? DeviceProbe() : found->second;
+}
+
+std::map<std::string, DmMap> deviceMapperMaps()
+{
+    std::map<std::string, DmMap> maps;
+    void* dir = fiSystem().opendir("/sys/block/");
+    if (dir == nullptr) {
+        return maps;
+    }
+    while (struct dirent* entry = fiSystem().readdir(dir)) {
+        const std::string block = entry->d_name;
+        if (block.compare(0, 3, "dm-") != 0) {
+            continue;
+        }
+        const std::string base = "/sys/block/" + block + "/dm/";
+        const std::string name = sysfsLine(base + "name");
+        if (!name.empty()) {
+            maps[name] = {block, sysfsLine(base + "uuid").compare(0, 6, "mpath-") == 0};
+        }
+    }
+    fiSystem().closedir(dir);
+    return maps;
+}
+
+bool startsWith(const std::string& text, const std::string& prefix)
+{
+    return text.compare(0, prefix.size(), prefix) == 0;
 }
 
 bool isWholeDisk(const std::string& name)
@@ -120,21 +178,13 @@ void addEntries(const std::string& directory, bool (*wanted)(const std::string&)
 
 }  // namespace
 
-std::vector<std::string> candidateNodes()
+std::vector<std::string> candidateNodes(const std::vector<SPartitionRow>& partitions)
 {
     std::vector<std::string> nodes;
-    if (FILE* file = fiSystem().fopen("/proc/partitions", "r")) {
-        char line[512];
-        while (std::fgets(line, sizeof line, file) != nullptr) {
-            unsigned int major, minor;
-            unsigned long long blocks;
-            char name[256];
-            if (std::sscanf(line, "%u %u %llu %255s", &major, &minor, &blocks, name) == 4 &&
-                isWholeDisk(name)) {
-                nodes.push_back(std::string("/dev/") + name);
-            }
+    for (const SPartitionRow& device : partitions) {
+        if (isWholeDisk(device.name)) {
+            nodes.push_back("/dev/" + device.name);
         }
-        std::fclose(file);
     }
     addEntries(
         "/dev/mapper/", [](const std::string&) { return true; }, nodes);

@@ -11,6 +11,8 @@
 #include "commands.h"
 #include "compare.h"
 #include "errors.h"
+#include "map_view.h"
+#include "output_file.h"
 #include "session.h"
 
 using namespace scsitool_cli;
@@ -25,6 +27,20 @@ const char* const kFooter =
     "  3  device not found, cannot be opened (the reason is named), or it does not answer\n"
     "  4  the library failed unexpectedly\n"
     "  5  the device maps compared differ";
+
+// What --rescan-buses and --rescan-if-missing set off on the host, in order.
+const char* const kRescanFooter =
+    "What a rescan does:\n"
+    "  every kernel: each QLogic adapter of /proc/scsi rescans its loop (3 s each)\n"
+    "  2.6 kernels:  a LIP on every FC adapter (5 s), a scan of every SCSI host (5 s),\n"
+    "                /bin/rescan-scsi-bus.sh\n"
+    "  2.4 kernels:  \"scsi add-single-device\" for every id and LUN of every adapter\n"
+    "  other kernels: no SCSI bus is scanned, and the command says so on stderr\n"
+    "  then, on every kernel: \"powermt check, release, config, save\" and \"multipath -v0\"\n"
+    "  where installed; the disks the kernel lists that no longer answer are removed (at\n"
+    "  LUN 0 only with --remove-lun0), and the adapters are scanned once more.\n"
+    "Without a rescan, map, udid, capture and diff - run \"multipath -F\" on 2.4 and 2.6\n"
+    "hosts where multipathd runs: it flushes the multipath maps no longer in use.\n\n";
 
 // One line on stderr, whatever the message held.
 void reportError(const std::string& message)
@@ -56,7 +72,7 @@ int main(int argc, char** argv)
                                        "run on a host snapshot through the simulated host")
                             ->type_name("FILE");
     app.add_option("--events", global.eventsFile,
-                   "write what the simulated kernel saw to FILE (- for stdout): control-file "
+                   "write what the simulated kernel saw to FILE (- for stderr): control-file "
                    "writes, commands run, sleeps")
         ->type_name("FILE")
         ->needs(host);
@@ -75,20 +91,39 @@ int main(int argc, char** argv)
     CLI::App* map = app.add_subcommand("map", "the device map: every disk and its UDID");
     map->add_flag("--json", mapOptions.json, "a JSON array, one object per device");
     map->add_flag("--rescan-buses", mapOptions.rescanBuses,
-                  "rescan the SCSI buses, HBAs and multipath software first");
+                  "rescan the SCSI buses, HBAs and multipath software first (see below)");
     map->add_flag("--bus-scan", mapOptions.busScan,
                   "handed to the bus rescan (the Linux rescan accepts it and does not use it)");
     map->add_flag("--remove-lun0", mapOptions.removeLun0,
                   "let the rescan remove dead devices at LUN 0 too");
     map->add_flag("--volumes", mapOptions.volumes,
                   "one entry per UDID with its paths and pseudo-devices");
+    map->footer(std::string(kRescanFooter) + kFooter);
+    CLI::Option* columns =
+        map->add_option(
+               "-o,--output", mapOptions.table.columns,
+               "the columns, comma-separated (+LIST adds to the default): " + mapColumnNames())
+            ->type_name("LIST");
+    CLI::Option* raw =
+        map->add_flag("--raw", mapOptions.table.style.raw, "one row a line, cells one blank apart");
+    CLI::Option* pairs = map->add_flag("--pairs", mapOptions.table.style.pairs,
+                                       "one row a line of NAME=\"value\" pairs");
+    map->add_flag("-n,--noheadings", mapOptions.table.style.noHeadings, "no line of column names");
+    CLI::Option* list =
+        map->add_flag("--list", mapOptions.table.list, "--volumes as a list rather than a tree");
+    CLI::Option* mapJson = map->get_option("--json");
+    mapJson->excludes(columns)->excludes(raw)->excludes(pairs);
+    raw->excludes(pairs);
+    list->needs(map->get_option("--volumes"));
+    columns->excludes(map->get_option("--volumes"));  // the tree has its own columns
 
     std::string device;
     bool rescanIfMissing = false;
     CLI::App* udid = app.add_subcommand("udid", "the UDID of one device");
     udid->add_option("DEVICE", device, "the device node, e.g. /dev/sdc or sdc")->required();
     udid->add_flag("--rescan-if-missing", rescanIfMissing,
-                   "rescan the buses when the device is not in the map");
+                   "rescan the buses when the device is not in the map (see below)");
+    udid->footer(std::string(kRescanFooter) + kFooter);
 
     bool showJson = false;
     CLI::App* show = app.add_subcommand("show", "one device: identity, pages, generator, UDID");
@@ -135,7 +170,13 @@ int main(int argc, char** argv)
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         if (e.get_exit_code() == 0) {
-            return app.exit(e);  // --help
+            app.exit(e);  // --help, --version
+            // Help that did not reach its reader is a failed write like any other output's.
+            if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+                reportError(std::string("standard output: ") + std::strerror(errno));
+                return kExitBadInput;
+            }
+            return kExitSuccess;
         }
         reportError(e.what());
         return kExitUsage;
@@ -146,6 +187,10 @@ int main(int argc, char** argv)
             "fleet");
         return kExitUsage;
     }
+    if (fleet->parsed() && captures.empty()) {
+        reportError("fleet: no captures given");
+        return kExitUsage;
+    }
     if (verify->parsed()) {
         if (!global.hostFile.empty()) {
             reportError("verify replays its CAPTURE: --host is not taken");
@@ -154,6 +199,7 @@ int main(int argc, char** argv)
         global.hostFile = verifyFile;
     }
 
+    installSignalHandlers();
     try {
         Session session(global);
         std::string output;
@@ -179,7 +225,7 @@ int main(int argc, char** argv)
             output = runVerify(session, verifyFile, same);
             exitCode = same ? kExitSuccess : kExitDiffers;
         }
-        output += session.finish();
+        session.finish();
         std::fwrite(output.data(), 1, output.size(), stdout);
         if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
             reportError(std::string("standard output: ") + std::strerror(errno));

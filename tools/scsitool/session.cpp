@@ -94,7 +94,7 @@ std::unique_ptr<kzfi_pdk_4_4::CFiStreamTraceSink> openTrace(const std::string& p
     }
     FILE* stream = stderr;
     if (path != "-") {
-        file.reset(new StagedFile(path, "cannot write the trace"));
+        file.reset(new StagedFile(path, "cannot write the trace", true));
         stream = file->stream();
     }
     return std::unique_ptr<kzfi_pdk_4_4::CFiStreamTraceSink>(
@@ -123,9 +123,9 @@ Session::Session(const GlobalOptions& options) : m_sink(nullptr)
         }
         m_install.reset(new simhost::SimHostInstall(*m_host));
     }
-    // "-": standard output, after what the command prints.
-    m_eventsToStdout = options.eventsFile == "-";
-    if (!options.eventsFile.empty() && !m_eventsToStdout) {
+    // "-": standard error, once the command is done, so that they never mix with its output.
+    m_eventsToStderr = options.eventsFile == "-";
+    if (!options.eventsFile.empty() && !m_eventsToStderr) {
         m_eventsFile.reset(new StagedFile(options.eventsFile, "cannot write the events"));
     }
     m_log = kzfi_pdk_4_4::fiPluginTraceLog();
@@ -141,15 +141,13 @@ Session::~Session()
     // A command that failed still leaves its trace and events, as far as they can be written.
     if (!m_finished) {
         try {
-            const std::string events = finish();
-            std::fwrite(events.data(), 1, events.size(), stdout);
-            std::fflush(stdout);
+            finish();
         } catch (const CommandError&) {
         }
     }
 }
 
-std::string Session::finish()
+void Session::finish()
 {
     m_finished = true;
     // The log outlives the session (it is the plug-in's singleton): it lets go of the trace now.
@@ -166,7 +164,9 @@ std::string Session::finish()
         const size_t written = std::fwrite(events.data(), 1, events.size(), eventsFile->stream());
         eventsFile->commit(written == events.size() ? 0 : errno);
     }
-    return m_eventsToStdout ? events : std::string();
+    if (m_eventsToStderr) {
+        std::fwrite(events.data(), 1, events.size(), stderr);
+    }
 }
 
 CUDIDFactory& Session::factory()

@@ -39,9 +39,9 @@ public:
     Session& operator=(const Session&) = delete;
 
     // Ends the session once the command is done: the trace and events files are put in place
-    // whole (CommandError, exit 2, when one cannot be written). Returns what goes to standard
-    // output after the command's own output (the events under "--events -").
-    std::string finish();
+    // whole (CommandError, exit 2, when one cannot be written); under "--events -" the events
+    // go to standard error.
+    void finish();
 
     // The plug-in trace log, registered on everything the command creates.
     const kzfi_pdk_4_4::CFiTraceLogPtr& log() const { return m_log; }
@@ -62,7 +62,7 @@ private:
     std::unique_ptr<simhost::SimHostInstall> m_install;
     std::unique_ptr<StagedFile> m_traceFile;   // --trace FILE
     std::unique_ptr<StagedFile> m_eventsFile;  // --events FILE
-    bool m_eventsToStdout = false;             // --events -
+    bool m_eventsToStderr = false;             // --events -
     bool m_finished = false;
 };
 

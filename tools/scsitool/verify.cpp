@@ -41,9 +41,8 @@ std::string runVerify(Session& session, const std::string& file, bool& same)
         throw CommandError(kExitBadInput,
                            file + ": no recorded map: the snapshot was not written by capture");
     }
-    DeviceMap map = session.factory().enumerateDeviceMap(false, false, false);
     const json replayed =
-        json::parse(formatMapRowsJson(describeMap(session, map, Session::hostName())));
+        json::parse(formatMapRowsJson(readMap(session, false, false, false, false)));
 
     const std::map<std::string, json> recorded = byDevice(root["capture"]["map"]);
     const std::map<std::string, json> now = byDevice(replayed);

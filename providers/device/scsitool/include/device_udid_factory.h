@@ -3,6 +3,7 @@
 #ifndef SCSITOOL_DEVICE_UDID_FACTORY_H
 #define SCSITOOL_DEVICE_UDID_FACTORY_H
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -59,6 +60,10 @@ public:
     // The UDID of one device from the maps, enumerating or rescanning when needed; "" when the
     // device can't be found.
     std::string getCachedUniqueDeviceID(const char* deviceName, bool rescanIfMissing);
+    // Shown every queried record of an enumeration, in discovery's order, before the map is
+    // built from it (records a rescan marked invalid included); the record is gone after the
+    // call. The map, the trace and the system calls are the same with or without an observer.
+    void setRecordObserver(std::function<void(const CScsiDeviceData&)> observer);
 
     std::map<std::string, SDeviceInfo> m_overrideDeviceMap;
     std::map<std::string, SDeviceInfo> m_deviceMap;
@@ -71,6 +76,8 @@ private:
     // The UDID of `device` for a map entry: the exception and short-UDID warnings.
     std::string mapEntryUdid(CScsiDeviceData* device);
     void traceMissing(const char* deviceName);
+
+    std::function<void(const CScsiDeviceData&)> m_recordObserver;
 };
 
 #endif

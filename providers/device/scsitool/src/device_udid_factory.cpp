@@ -123,6 +123,9 @@ std::map<std::string, SDeviceInfo> CUDIDFactory::fillDeviceMap(
 {
     m_deviceMap.clear();
     for (CScsiDeviceData* device : devices) {
+        if (m_recordObserver) {
+            m_recordObserver(*device);
+        }
         if (!rescanBuses || device->m_invalid == 0) {
             std::string udid = mapEntryUdid(device);
             SDeviceInfo& entry = m_deviceMap[device->m_deviceName];
@@ -146,6 +149,11 @@ std::map<std::string, SDeviceInfo> CUDIDFactory::fillDeviceMap(
     traceTo(m_traceLog, 3, "Printing m_deviceMap");
     printDeviceMap(m_deviceMap);
     return m_deviceMap;
+}
+
+void CUDIDFactory::setRecordObserver(std::function<void(const CScsiDeviceData&)> observer)
+{
+    m_recordObserver = std::move(observer);
 }
 
 std::map<std::string, SDeviceInfo> CUDIDFactory::validateDeviceMap(std::string deviceName)
