@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the build tree into a temporary prefix and moves it elsewhere, checks the installed
 # layout, builds a consumer against the moved tree through the CMake package and through
 # pkg-config and a test program against the simulated host, builds the three Debian packages

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Runs scenario files: a host, one scsitool command line, and what it should print and do.
 
 usage: run.py --binary SCSITOOL --source SOURCE_DIR [--update] [--wrapper CMD] PATH...

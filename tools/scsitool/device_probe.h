@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the command itself reads from a device node, beside the library's answers: whether the
 // node opens (and the reason when it does not), the SCSI address and the standard INQUIRY data.
 #ifndef SCSITOOL_CLI_DEVICE_PROBE_H

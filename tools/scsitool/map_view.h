@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The device map for people: each entry of the library's map beside what the command read from
 // the node itself (address, kind, vendor, product, state), and the map grouped into volumes.
 #ifndef SCSITOOL_CLI_MAP_VIEW_H

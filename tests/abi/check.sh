@@ -1,0 +1,41 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# The boundary of both shared libraries against the committed one: the exported symbols must be
+# exactly those of abi/lib*.symbols, and abidiff against abi/lib*.abi must find no incompatible
+# change unless the SONAME changed with it.
+# Usage: check.sh BUILD_DIR SOURCE_DIR
+set -uo pipefail
+build=$1
+source=$2
+. "$source/tests/abi/boundary.sh"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+status=0
+how="if the change is intended, run scripts/update-abi.sh $build and commit abi/ (see abi/README.md)"
+for lib in libscsitool libfikit; do
+  so=$build/$lib.so
+  if ! difference=$(diff -u "$source/abi/$lib.symbols" <(exported_symbols "$so")); then
+    echo "$lib: the exported symbols differ from abi/$lib.symbols:"
+    echo "$difference"
+    echo "$lib: $how"
+    status=1
+  fi
+  abi_dump "$so" "$source" >"$work/$lib.abi"
+  report=$(abidiff "$source/abi/$lib.abi" "$work/$lib.abi" 2>&1)
+  code=$?
+  if (( code & 3 )); then
+    echo "$lib: abidiff failed ($code): $report"
+    status=1
+  elif (( code & 8 )); then
+    old=$(sed -nE 's/.*soname=.([^"'\'']*).*/\1/p' "$source/abi/$lib.abi" | head -1)
+    new=$(readelf -d "$so" | sed -nE 's/.*Library soname: \[(.*)\]/\1/p')
+    if [ "$old" = "$new" ]; then
+      echo "$lib: an incompatible change of the ABI under the same SONAME $new:"
+      echo "$report"
+      echo "$lib: raise the SOVERSION with it, or undo it; $how"
+      status=1
+    fi
+  fi
+done
+[ $status -eq 0 ] && echo "libscsitool, libfikit: the boundary is the committed one"
+exit $status
