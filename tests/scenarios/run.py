@@ -22,6 +22,8 @@ A scenario file:
     --- trace 3                    the trace up to that level (1 to 6), without time and pid;
                                    the function tracer's entry and exit lines, which carry
                                    source lines, are left out at 6
+    --- trace 6 calls              the same with the function tracer's lines kept, each source
+                                   line number shown as "#"
     --- file NAME                  a file the command wrote under {tmp}
 
 In the command line and the expectations {tmp} stands for a scratch directory and {src} for
@@ -40,6 +42,7 @@ import tempfile
 
 NO_NEWLINE = "(no newline at end)\n"
 FUNCTION_LINE = re.compile(r"^L6 (Entering|Exiting) Function .*\n?", re.M)
+FUNCTION_SOURCE_LINE = re.compile(r"^(L6 (?:Entering|Exiting) Function .* \[)\d+(, [^\]]*\])$", re.M)
 TRACE_PREFIX = re.compile(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} pid \d+ tid \d+ ", re.M)
 
 
@@ -117,6 +120,8 @@ def run(scenario, binary, source, wrapper=()):
         trace = os.path.join(tmp, "trace.txt")
         if trace_header is not None:
             level = trace_header.split(" ")[1] if " " in trace_header else "3"
+            if trace_header.split(" ")[2:] not in ([], ["calls"]):
+                raise ValueError(f"{scenario.path}: a trace section is \"trace N\" or \"trace 6 calls\"")
             if level not in ("1", "2", "3", "4", "5", "6"):
                 raise ValueError(f"{scenario.path}: trace levels are 1 to 6")
             front += ["--trace", trace, "--trace-level", level]
@@ -139,7 +144,12 @@ def run(scenario, binary, source, wrapper=()):
             elif name == "trace":
                 text = open(trace, encoding="utf-8", errors="replace").read() \
                     if os.path.exists(trace) else ""
-                actual[header] = shown(fold(FUNCTION_LINE.sub("", TRACE_PREFIX.sub("", text))))
+                text = TRACE_PREFIX.sub("", text)
+                if header.endswith(" calls"):
+                    text = FUNCTION_SOURCE_LINE.sub(r"\1#\2", text)
+                else:
+                    text = FUNCTION_LINE.sub("", text)
+                actual[header] = shown(fold(text))
             elif name == "file":
                 path = os.path.join(tmp, header.split(" ", 1)[1].strip())
                 text = open(path, encoding="utf-8").read() if os.path.exists(path) else ""
