@@ -9,6 +9,6 @@ exported_symbols() {
 
 # The ABI of the library's public types: those declared in the installed headers.
 abi_dump() {
-  abidw --no-corpus-path --no-comp-dir-path --drop-private-types \
+  abidw --no-corpus-path --no-comp-dir-path --no-show-locs --drop-private-types \
     --headers-dir "$2/providers/device/scsitool/include" --headers-dir "$2/framework/include" "$1"
 }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # The boundary of both shared libraries against the committed one: the exported symbols must be
-# exactly those of abi/lib*.symbols, and abidiff against abi/lib*.abi must find no incompatible
+# exactly those of abi/lib*.symbols, and abidiff against abi/lib*.abi.xz must find no incompatible
 # change unless the SONAME changed with it.
 # Usage: check.sh BUILD_DIR SOURCE_DIR
 set -uo pipefail
@@ -20,14 +20,15 @@ for lib in libscsitool libfikit; do
     echo "$lib: $how"
     status=1
   fi
+  xz -dc "$source/abi/$lib.abi.xz" >"$work/$lib.baseline.abi"
   abi_dump "$so" "$source" >"$work/$lib.abi"
-  report=$(abidiff "$source/abi/$lib.abi" "$work/$lib.abi" 2>&1)
+  report=$(abidiff "$work/$lib.baseline.abi" "$work/$lib.abi" 2>&1)
   code=$?
   if (( code & 3 )); then
     echo "$lib: abidiff failed ($code): $report"
     status=1
   elif (( code & 8 )); then
-    old=$(sed -nE 's/.*soname=.([^"'\'']*).*/\1/p' "$source/abi/$lib.abi" | head -1)
+    old=$(sed -nE 's/.*soname=.([^"'\'']*).*/\1/p' "$work/$lib.baseline.abi" | head -1)
     new=$(readelf -d "$so" | sed -nE 's/.*Library soname: \[(.*)\]/\1/p')
     if [ "$old" = "$new" ]; then
       echo "$lib: an incompatible change of the ABI under the same SONAME $new:"
