@@ -22,8 +22,8 @@ TEST(Boundary, ExportsTheClassesAndNoHelper)
         bool exported;
     };
     const Case cases[] = {
-        {"_ZN11CUDIDFactoryC1Ev", "CUDIDFactory::CUDIDFactory()", true},
-        {"_ZTI24CUdidGeneratorException", "typeinfo for CUdidGeneratorException", true},
+        {"_ZN12CUDIDFactoryC1Ev", "CUDIDFactory::CUDIDFactory()", true},
+        {"_ZTI23CUdidGeneratorException", "typeinfo for CUdidGeneratorException", true},
         {"_ZN11CStringTool10tostrupperERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE",
          "CStringTool::tostrupper(const std::string&)", true},
         {"_Z7readDirNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES4_",

@@ -13,7 +13,8 @@ TempDir::TempDir()
 
 TempDir::~TempDir()
 {
-    std::system(("rm -rf '" + m_path + "'").c_str());
+    // A directory left behind is only litter in /tmp.
+    (void)!std::system(("rm -rf '" + m_path + "'").c_str());
 }
 
 std::string readFile(const std::string& path)
