@@ -16,7 +16,9 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL kit runtime development command)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_STRIP_FILES ON)
+# The debug information goes to the -dbgsym packages, and the binaries are stripped as it is
+# taken out (cpack takes it only from binaries that it has not stripped itself).
+set(CPACK_STRIP_FILES OFF)
 set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # dpkg-shlibdeps finds the kit and the library in the build tree; the dependencies on them are
@@ -47,7 +49,6 @@ set(SCSITOOL_KIT_DEB "libscsitool-fikit1 (= ${PROJECT_VERSION}) | kzfi-pdk-4-4")
 set(CPACK_DEBIAN_KIT_PACKAGE_NAME libscsitool-fikit1)
 set(CPACK_DEBIAN_KIT_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_KIT_PACKAGE_PROVIDES kzfi-pdk-4-4)
-set(CPACK_DEBIAN_KIT_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/debian/runtime/triggers)
 set(CPACK_COMPONENT_KIT_DESCRIPTION
   "framework kit for libscsitool
 libscsitool runs inside a snapshot framework's device provider and calls the
@@ -65,6 +66,7 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 file(WRITE ${CMAKE_BINARY_DIR}/debian/runtime/triggers "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/debian/runtime/triggers)
+set(CPACK_DEBIAN_KIT_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/debian/runtime/triggers)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
   "unique device ids of SCSI disks and multipath devices (library)
 libscsitool names every disk the host sees by the storage-array volume it is,
@@ -98,13 +100,24 @@ host's SCSI view as a snapshot that replays anywhere.")
 configure_file(${CMAKE_SOURCE_DIR}/cmake/changelog.in ${CMAKE_BINARY_DIR}/debian/changelog @ONLY)
 execute_process(COMMAND gzip -9nc ${CMAKE_BINARY_DIR}/debian/changelog
   OUTPUT_FILE ${CMAKE_BINARY_DIR}/debian/changelog.gz COMMAND_ERROR_IS_FATAL ANY)
-# The kit's package is named for this project, not for the library's SONAME, so that no other
-# package can claim it; lintian is told so.
-file(WRITE ${CMAKE_BINARY_DIR}/debian/kit/libscsitool-fikit1
+# What lintian is told, each with its reason: the kit's package is named for this project, not
+# for the library's SONAME, so that no other package can claim it; and cpack's own maintainer
+# scripts call ldconfig, which the trigger makes redundant but not harmful.
+set(SCSITOOL_LDCONFIG_REASON "# cpack's maintainer scripts call ldconfig; the ldconfig trigger makes that redundant.")
+file(WRITE ${CMAKE_BINARY_DIR}/debian/overrides/libscsitool-fikit1
   "# The kit stands in for the framework's own libfikit; the package is named for this project.\n"
-  "libscsitool-fikit1: package-name-doesnt-match-sonames libfikit1\n")
-install(FILES ${CMAKE_BINARY_DIR}/debian/kit/libscsitool-fikit1
+  "libscsitool-fikit1: package-name-doesnt-match-sonames libfikit1\n"
+  "${SCSITOOL_LDCONFIG_REASON}\n"
+  "libscsitool-fikit1: maintscript-calls-ldconfig [postinst]\n"
+  "libscsitool-fikit1: maintscript-calls-ldconfig [postrm]\n")
+file(WRITE ${CMAKE_BINARY_DIR}/debian/overrides/libscsitool1
+  "${SCSITOOL_LDCONFIG_REASON}\n"
+  "libscsitool1: maintscript-calls-ldconfig [postinst]\n"
+  "libscsitool1: maintscript-calls-ldconfig [postrm]\n")
+install(FILES ${CMAKE_BINARY_DIR}/debian/overrides/libscsitool-fikit1
         DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides COMPONENT kit EXCLUDE_FROM_ALL)
+install(FILES ${CMAKE_BINARY_DIR}/debian/overrides/libscsitool1
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides COMPONENT runtime EXCLUDE_FROM_ALL)
 foreach(component kit runtime development command)
   string(TOUPPER ${component} upper)
   install(FILES ${CMAKE_SOURCE_DIR}/cmake/copyright ${CMAKE_BINARY_DIR}/debian/changelog.gz
