@@ -293,7 +293,7 @@ std::string CDefaultUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
     char host[512] = {};
     std::string body = device->m_deviceName + "@";
     if (fiSystem().gethostname(host, sizeof(host)) == 0) {
-        host[sizeof(host) - 1] = '\0';  // a name of 512 bytes or more comes back unterminated
+        host[sizeof(host) - 1] = '\0';  // a system may truncate a long name without a terminator
         body += host;
     } else {
         body += "UNKNOWN";
