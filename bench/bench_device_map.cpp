@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The device map at scale on generated simulated hosts (a kernel that answers at once): a whole
 // enumeration without bus rescans at 64, 512 and 4096 LUNs, with no trace log, with a log at
 // level 0 and with a level-6 log to a file, and the cached lookup of one device on a warm map.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The UDID work of one device record of each array family, filled from a typical page set by
 // the real query path: the body alone (the claiming generator's getUniqueDeviceID) and the whole
 // factory step (the claim walk down the table, prefix, body and upper-casing).

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # The fleet benchmark: `scsitool fleet` over HOSTS generated captures of LUNS disks each (clusters
 # of 8 hosts sharing their LUNs), its elapsed and CPU time and its peak resident size.
 # Usage: bench/fleet.sh [BUILD_DIR [HOSTS [LUNS]]]   (defaults: build/default 10000 64)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Generated simulated hosts for the benchmarks: a fibre-channel host whose LUNs come from every
 // array family the generators know, with the page shapes those arrays really send, a quarter as
 // many device-mapper multipath maps, some partitions, and multipathd running.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writes the captures of a generated fleet for the `scsitool fleet` benchmark (bench/fleet.sh):
 // HOSTS hosts in clusters of 8, each host zoned to its cluster's LUNS LUNs (the generated host of
 // bench_device_map, every LUN given the identity of its cluster's volume), so that every volume is

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # /init of the figure guest: loads the SCSI stack, adds one scsi_debug host with 16 targets of
 # 32 LUNs (512 disks that answer at once: delay=0, one shared 1 MB store), then times, in
 # alternating rounds, the bare ioctl loop and `scsitool map`, as whole processes and inside

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The real-kernel figure: `scsitool map` on 512 scsi_debug LUNs against the bare ioctl loop
 # (ioctl_floor.c) in the same guest, as whole processes, in alternating rounds. The guest is the
 # one tests/vm/build-guest.sh makes (Debian's kernel, busybox, scsitool with its libraries), with

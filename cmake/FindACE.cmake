@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Finds the ACE library and its headers and defines the imported target ACE::ACE.
 # Installed with the CMake package, so a consumer finds ACE on its own machine wherever it is
 # (a hint: ACE_ROOT, or CMAKE_PREFIX_PATH) instead of where the library was built.

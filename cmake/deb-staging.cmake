@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Run by cpack on the staging tree (one folder per package) before the Debian packages are made:
 # what Debian asks of a package's files that the install tree need not do. Manual pages are
 # compressed (gzip -9n, no time stamp) and the static library loses its debugging symbols.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # A long fuzzing campaign: each target in turn for SECONDS seconds (or RUNS executions), with
 # JOBS worker processes, growing a corpus under build/fuzz/campaign/<target>. Prints the
 # executions and the coverage (cov: edges, ft: features) each target reached.

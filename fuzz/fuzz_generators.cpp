@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The thirteen generators and the factory's claim loop over an arbitrary page cache, supported
 // page list and identity strings; the NetApp identity command answered by a simulated filer.
 #include <cstddef>

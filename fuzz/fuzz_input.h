@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The input layout shared by the device targets, and what every target needs around it.
 //
 // An input is a run of chunks: a tag byte, a code byte, a two-byte big-endian length and that

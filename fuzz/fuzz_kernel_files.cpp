@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kernel file parsers over arbitrary file contents and command output: /proc/scsi/scsi,
 // /proc/partitions, the /proc driver listings, the initiator name file and the port_name files,
 // all served by a simulated host.

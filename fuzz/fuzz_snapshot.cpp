@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host snapshot loader and the "devicefi" configuration reader over arbitrary text. A
 // snapshot that loads must write itself back into a snapshot that loads to the same text; the
 // configuration reader must leave the defaults or take whole numbers, never fail outwardly. The

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CScsiToolBase::UpdateDevice through CScsiTool over arbitrary device answers: a simulated host
 // with one disk whose INQUIRY data, VPD pages, SCSI address and state come from the input. The
 // filled record then goes through the factory, as an enumeration would take it.

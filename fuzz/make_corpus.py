@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Writes the seed corpora of the fuzz targets from the example hosts (examples/hosts/*.json) and
 the hosts captured on a real kernel (fuzz/hosts/*.json, e.g. the virtual machine's guest):
 their real device pages, the kernel files and command output the simulated host shows for them,

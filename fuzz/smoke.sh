@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the fuzz targets and runs each one briefly over its seeds and what it finds in that
 # time (FUZZ_SECONDS, default 20). Fails on the first crash, leak or sanitizer report and shows
 # the input that caused it.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The fuzz targets and their dictionaries; sourced by the fuzz scripts.
 FUZZ_TARGETS=(fuzz_generators fuzz_update_device fuzz_kernel_files fuzz_snapshot)
 fuzz_dict() {

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Sets up, builds, and shows the device map of the bundled example datacenter host.
 set -euo pipefail
 cd "$(dirname "$0")/.."

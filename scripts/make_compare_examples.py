@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Writes the examples of `scsitool diff` and `scsitool fleet` from the datacenter host:
 
 - datacenter-later.json: the same host some weeks on. The array reused the LUN behind sdd for a

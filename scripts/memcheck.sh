@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs test programs of the default build under valgrind memcheck: any invalid access, use of an
 # uninitialised value, or definite or indirect leak fails the run. Objects kept for the process
 # (generators, multipath modules, singletons) are still reachable at exit and are not errors.

@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs every test: the default build, then the sanitizer build.
+# SPDX-License-Identifier: Apache-2.0
+# Sets up, builds and runs every test: the default build (with the boundary, ABI and package
+# checks), then the sanitizer build, then the thread-sanitizer test of two factories at once.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -15,6 +17,10 @@ for preset in default asan; do
     ctest --test-dir build/default -L vm --output-on-failure
   fi
 done
+echo "== tsan: two factories enumerating and rescanning on two threads"
+cmake --preset tsan >/dev/null
+cmake --build --preset tsan
+ctest --preset tsan
 echo "== fuzz: every target briefly over its seeds (clang, sanitizers)"
 bash fuzz/smoke.sh
 echo "== memcheck: the tests under valgrind"

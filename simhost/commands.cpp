@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Commands: scripted answers, the few commands the model answers itself, and the shell's
 // "not found".
 #include <errno.h>
@@ -104,6 +105,7 @@ int SimHost::State::run(const std::string& command, std::vector<std::string>& ou
 int SimHost::exec(const std::string& command, std::vector<std::string>& output,
                   unsigned long limitSeconds, int& sysErrno)
 {
+    const auto guard = m_state->guard();
     (void)limitSeconds;
     const size_t at = m_state->events.size();
     m_state->events.push_back(SimEvent{SimEvent::Command, command, "", 0});
@@ -118,6 +120,7 @@ int SimHost::exec(const std::string& command, std::vector<std::string>& output,
 
 int SimHost::system(const char* command)
 {
+    const auto guard = m_state->guard();
     if (!command) {
         return 1;  // a shell is available
     }

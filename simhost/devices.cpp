@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Device nodes: open and close, and the SCSI commands a device answers through ioctl.
 #include <errno.h>
 #include <string.h>
@@ -123,6 +124,7 @@ bool refusedOpen(const SimDevice* disk, const std::string& name)
 
 int SimHost::open(const char* path, int flags)
 {
+    const auto guard = m_state->guard();
     const int fd = openNode(path);
     char flagText[16];
     snprintf(flagText, sizeof flagText, "0x%x", static_cast<unsigned int>(flags));
@@ -201,6 +203,7 @@ int SimHost::openNode(const char* path)
 
 int SimHost::close(int fd)
 {
+    const auto guard = m_state->guard();
     m_state->nodeCalls.push_back("close " + std::to_string(fd));
     if (m_state->fds.erase(fd) == 0) {
         errno = EBADF;
@@ -211,6 +214,7 @@ int SimHost::close(int fd)
 
 int SimHost::ioctl(int fd, unsigned long request, void* arg)
 {
+    const auto guard = m_state->guard();
     State& state = *m_state;
     auto open = state.fds.find(fd);
     if (open == state.fds.end()) {

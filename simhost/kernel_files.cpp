@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host's files: the kernel's generated files and directories, the snapshot's own files, and
 // the kernel's reactions to writes on its control files.
 #include <errno.h>
@@ -572,6 +573,7 @@ void SimHost::State::actOnWrite(const std::string& written, const std::string& d
 
 FILE* SimHost::fopen(const char* path, const char* mode)
 {
+    const auto guard = m_state->guard();
     if (!path || !mode) {
         errno = EINVAL;
         return nullptr;
@@ -600,6 +602,7 @@ FILE* SimHost::fopen(const char* path, const char* mode)
     // The kernel acts on what was written when the stream is flushed at fclose.
     return openControlStream(
         [state, written, append](const std::string& data) {
+            const auto guard = state->guard();
             state->actOnWrite(written, data, append);
         },
         append);
@@ -631,6 +634,7 @@ struct dirent makeEntry(const std::string& name, const SimNode* node, ino_t inod
 
 void* SimHost::opendir(const char* path)
 {
+    const auto guard = m_state->guard();
     if (!path) {
         errno = EFAULT;
         return nullptr;
@@ -665,6 +669,7 @@ void* SimHost::opendir(const char* path)
 
 struct dirent* SimHost::readdir(void* dir)
 {
+    const auto guard = m_state->guard();
     if (!m_state->dirs.count(dir)) {
         errno = EBADF;
         return nullptr;
@@ -686,6 +691,7 @@ void SimHost::State::closeDirectories()
 
 int SimHost::closedir(void* dir)
 {
+    const auto guard = m_state->guard();
     if (!m_state->dirs.erase(dir)) {
         errno = EBADF;
         return -1;
@@ -696,6 +702,7 @@ int SimHost::closedir(void* dir)
 
 int SimHost::stat(const char* path, struct stat* st)
 {
+    const auto guard = m_state->guard();
     if (!path || !st) {
         errno = EFAULT;
         return -1;
@@ -731,6 +738,7 @@ int SimHost::stat(const char* path, struct stat* st)
 
 int SimHost::access(const char* path, int mode)
 {
+    const auto guard = m_state->guard();
     struct stat st;
     if (stat(path, &st) != 0) {
         return -1;

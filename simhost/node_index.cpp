@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The index of device-node names: answers the per-command lookups (open, ioctl, the node of a
 // path) without a walk over every device. The walks stay the reference: the index answers only
 // when it is sure to give what they would.

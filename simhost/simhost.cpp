@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated host: building it, its record of events, identity calls and shared helpers.
 #include "simhost.h"
 
@@ -364,6 +365,7 @@ std::vector<Bytes> SimHost::cdbsSent(const std::string& node) const
 
 int SimHost::uname(struct utsname* name)
 {
+    const auto guard = m_state->guard();
     if (!name) {
         errno = EFAULT;
         return -1;
@@ -380,6 +382,7 @@ int SimHost::uname(struct utsname* name)
 
 int SimHost::gethostname(char* name, size_t length)
 {
+    const auto guard = m_state->guard();
     // A host without a name fails like a call given a bad buffer.
     if (m_state->hostnameFails || !name) {
         errno = EFAULT;
@@ -398,6 +401,7 @@ int SimHost::gethostname(char* name, size_t length)
 
 unsigned int SimHost::sleep(unsigned int seconds)
 {
+    const auto guard = m_state->guard();
     SimEvent event{SimEvent::Sleep, "", "", seconds};
     m_state->events.push_back(event);
     return 0;

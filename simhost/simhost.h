@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated host: a model of the Linux kernel's SCSI view behind the system interface.
 // It decodes the CDBs it is sent, generates the kernel's files from its state, reacts to writes
 // on control files, answers scripted commands and records everything it was asked to do.
@@ -79,9 +80,11 @@ struct SimEvent {
     int status = 0;            // Command, System: the exec result, or the exit code system() saw
 };
 
-// The host's format on disk is described in docs/host-snapshot.md. One thread at a time: the
-// model holds no lock. Streams from fopen must be closed before the host is destroyed (a write
-// takes effect, and is recorded, at fclose).
+// The host's format on disk is described in docs/host-snapshot.md. Threads may call the system
+// interface at once (each call holds the model's lock, and a wait on a semaphore set that
+// another thread holds blocks until it lets go); building the host and reading what was
+// recorded is for one thread, before and after. Streams from fopen must be closed before the host
+// is destroyed (a write takes effect, and is recorded, at fclose).
 class SimHost : public kzfi_pdk_4_4::CFiSystem {
 public:
     // An empty host: hostname "simhost", kernel "2.6.18-8.el5", with /proc/scsi/scsi.

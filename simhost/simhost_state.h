@@ -1,12 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated host's state and the helpers its parts share. Private to simhost/.
 #ifndef SIMHOST_SIMHOST_STATE_H
 #define SIMHOST_SIMHOST_STATE_H
 
+#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -76,6 +80,19 @@ struct SimHost::State {
     // System V semaphore sets of this host (semaphores.cpp): ids by key, values by id.
     std::map<int, int> semaphoreIds;
     std::map<int, std::vector<int>> semaphores;
+    // The thread of this process that holds each set (last raised it), so that another thread's
+    // wait blocks until it lets go, as the kernel's would; the one thread of a replay never
+    // waits for itself: its wait fails with EAGAIN.
+    std::map<int, std::thread::id> semaphoreHolders;
+    std::condition_variable_any semaphoreReleased;
+
+    // Threads of one process may use the host at once: every call of the system interface, and
+    // the write a control stream makes at fclose, holds this lock.
+    std::recursive_mutex mutex;
+    std::unique_lock<std::recursive_mutex> guard()
+    {
+        return std::unique_lock<std::recursive_mutex>(mutex);
+    }
     int nextSemaphore = 1;
 
     // Devices.

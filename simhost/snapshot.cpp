@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host snapshots: loading a host from its JSON description and writing one back.
 #include <errno.h>
 #include <fcntl.h>

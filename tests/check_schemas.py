@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Every JSON output of scsitool, on every example host, against its schema under docs/.
 
 Usage: check_schemas.py SCSITOOL SOURCE_DIR. Exits 77 (skipped) without python3-jsonschema."""

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The scsitool command where one command line is not enough to show it: JSON answers checked
 // field by field, runs that need a shell around them (file-size limits, the environment), a
 // capture followed by its replay, and the host's own rescan semaphore beside a replay. Everything

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A garbage configuration file: only the keys that are present and readable are imported.
 #include <gtest/gtest.h>
 

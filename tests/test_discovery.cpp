@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Device enumeration on the simulated host: the kernel's SCSI list and its filters, whole-disk
 // names from /proc/partitions, and the records made for multipath and native devices.
 #include <gtest/gtest.h>

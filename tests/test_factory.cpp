@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The UDID factory and the device map: the claim loop, the exception rule, map building, the
 // cached lookup, and whole enumerations on simulated hosts.
 #include <gtest/gtest.h>

@@ -1,6 +1,8 @@
+// SPDX-License-Identifier: Apache-2.0
 // The framework kit: trace log and tracer, reference counts, message ids, the command pipe and the
 // configuration reader behind the tuning settings.
 #include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -17,6 +19,7 @@
 #include "fi_error.h"
 #include "fi_execpipe.h"
 #include "fi_stringtool.h"
+#include "fi_system.h"
 #include "fi_trace.h"
 #include "temp_dir.h"
 #include "trace_capture.h"
@@ -239,6 +242,32 @@ TEST(Singleton, ReleasedWhenTheKitIsUnloadedAfterTracingAtExit)
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
     EXPECT_EQ(report, "WARNING: traced at exit\nreleased\n");
+}
+
+// A host process that forks on another thread hands none of the kit's files to the child; the
+// device node keeps exactly the flags its caller gives.
+TEST(Descriptors, FilesAreCloseOnExecAndDeviceNodesKeepTheirFlags)
+{
+    TempDir dir;
+    const std::string path = dir.file("control");
+    std::ofstream(path) << "0\n";
+    CFiLinuxSystem system;
+    for (const char* mode : {"r", "a", "w", "r+"}) {
+        FILE* file = system.fopen(path.c_str(), mode);
+        ASSERT_NE(file, nullptr) << mode;
+        EXPECT_EQ(fcntl(fileno(file), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC) << mode;
+        EXPECT_EQ(fcntl(fileno(file), F_GETFL) & O_ACCMODE, mode[0] == 'r' && mode[1] == '\0'
+                                                                ? O_RDONLY
+                                                            : mode[1] == '+' ? O_RDWR
+                                                                             : O_WRONLY)
+            << mode;
+        fclose(file);
+    }
+    const int fd = system.open("/dev/null", O_RDWR | O_NONBLOCK);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_EQ(fcntl(fd, F_GETFL) & (O_ACCMODE | O_NONBLOCK), O_RDWR | O_NONBLOCK);
+    system.close(fd);
 }
 
 TEST(ExecPipe, CapturesLinesAndStatus)

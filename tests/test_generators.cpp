@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The generator table end to end (which generator claims a device, the UDID it makes), and every
 // failure of the array generators with its message id and the vendor and product it names.
 #include <fcntl.h>

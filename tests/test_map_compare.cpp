@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Device map comparison: the volume key of a device's pages, the findings between two small
 // hosts cut from the datacenter example, the fleet view, and the fleet's one-disk-at-a-time
 // description against the whole enumeration.

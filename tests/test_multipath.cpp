@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The multipath discovery manager: its module order and the modules registered on it.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The device record, the page cache entries, and the string tools.
 #include <gtest/gtest.h>
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host-wide rescan lock, exercised for real by several processes. This program never
 // rescans in its own process, so every child makes its own first rescan and looks the semaphore
 // set up afresh.
@@ -15,6 +16,7 @@
 #include <string>
 
 #include "device_discovery.h"
+#include "simhost.h"
 
 namespace {
 
@@ -154,4 +156,38 @@ TEST(RescanLock, TheFirstProcessToExitAfterARescanRemovesTheSet)
     waitpid(child, &status, 0);
     EXPECT_EQ(status, 0) << "the rescan made no set";
     EXPECT_EQ(semget(key, 1, 0), -1) << "the set outlived the process that made it";
+}
+
+// A process that replays a host first and then rescans the real one still takes the real lock:
+// the replay's set lives in the replayed host, and the real rescan looks up its own.
+TEST(RescanLock, ARealRescanAfterAReplayTakesTheRealLock)
+{
+    const int key = CDeviceDiscoveryBase::kRescanSemaphoreKey;
+    pid_t child = fork();
+    if (child == 0) {
+        int replayed = 10;
+        {
+            simhost::SimHost host;
+            simhost::SimHostInstall install(host);
+            HoldingDiscovery discovery;
+            discovery.whileEnumerating = [&]() {
+                std::vector<int> values = host.semaphoreValues(key);
+                replayed = values.size() == 1 ? values[0] : 11;
+            };
+            discovery.rescan(false, false, false);
+        }
+        int real = 20;
+        HoldingDiscovery discovery;
+        discovery.whileEnumerating = [&]() {
+            const int id = semget(key, 1, 0);
+            real = id < 0 ? 21 : semctl(id, 0, GETVAL);
+        };
+        discovery.rescan(false, false, false);
+        // 1 and 1: each rescan held the lock of the host it ran on.
+        std::exit(replayed * 10 + real);  // the exit handler removes the real set
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 11) << "tens: the replayed host's lock, units: the real one";
 }

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The rescan protocol where no command reaches: an enumeration that throws, a failed flush, and
 // the validation of one device.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The SCSI access layer against a small kernel model: device handle, INQUIRY and page cache,
 // and the Linux commands.
 #include <fcntl.h>

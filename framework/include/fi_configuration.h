@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The plug-in configuration reader (an INI file read into an ACE configuration heap) and the
 // tool that says where a plug-in's configuration lies.
 #ifndef KZFI_PDK_FI_CONFIGURATION_H
@@ -9,9 +10,11 @@
 #include <memory>
 #include <string>
 
+#include "fi_export.h"
+
 namespace kzfi_pdk_4_4 {
 
-class CFiConfiguration {
+class KZFI_PDK_EXPORT CFiConfiguration {
 public:
     CFiConfiguration();
     ~CFiConfiguration();
@@ -36,7 +39,7 @@ private:
 // Where the "devicefi" configuration lies: the file named by the environment variable
 // DEVICEFI_CONFIG, else /etc/devicefi/devicefi.ini. A process (the scsitool command's
 // --config) may set another file with setConfigFile.
-class CFiConfigurationPathTool {
+class KZFI_PDK_EXPORT CFiConfigurationPathTool {
 public:
     static const char* const kEnvironmentVariable;  // "DEVICEFI_CONFIG"
     static const char* const kDefaultDirectory;     // "/etc/devicefi"

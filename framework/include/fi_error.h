@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kit's exception type, its error registry and the last-error holder.
 #ifndef KZFI_PDK_FI_ERROR_H
 #define KZFI_PDK_FI_ERROR_H
@@ -7,9 +8,11 @@
 #include <mutex>
 #include <string>
 
+#include "fi_export.h"
+
 namespace kzfi_pdk_4_4 {
 
-class CFiError : public std::exception {
+class KZFI_PDK_EXPORT CFiError : public std::exception {
 public:
     explicit CFiError(int code, std::string message = std::string());
     ~CFiError() override;
@@ -27,7 +30,7 @@ private:
 };
 
 // The last system error of an operation: errno and a short text.
-class CFiLastError {
+class KZFI_PDK_EXPORT CFiLastError {
 public:
     CFiLastError();
     ~CFiLastError();
@@ -42,7 +45,7 @@ private:
 };
 
 // Message texts by code, registered by components at start-up.
-class CFiErrorManager {
+class KZFI_PDK_EXPORT CFiErrorManager {
 public:
     static CFiErrorManager& instance();
     ~CFiErrorManager();

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command pipe: runs a shell command line and returns its output one element per line.
 #ifndef KZFI_PDK_FI_EXECPIPE_H
 #define KZFI_PDK_FI_EXECPIPE_H
@@ -6,12 +7,13 @@
 #include <vector>
 
 #include "fi_error.h"
+#include "fi_export.h"
 #include "fi_system.h"
 #include "fi_trace.h"
 
 namespace kzfi_pdk_4_4 {
 
-class CFiExecPipeBase : public virtual CFiTraceable {
+class KZFI_PDK_EXPORT CFiExecPipeBase : public virtual CFiTraceable {
 public:
     CFiExecPipeBase();
     ~CFiExecPipeBase() override;
@@ -33,7 +35,7 @@ protected:
     CFiLastError m_lastError;
 };
 
-class CFiExecPipePosix : public CFiExecPipeBase {
+class KZFI_PDK_EXPORT CFiExecPipePosix : public CFiExecPipeBase {
 public:
     // `mode` 1 captures standard output and error together, the one mode the library uses.
     explicit CFiExecPipePosix(int mode);

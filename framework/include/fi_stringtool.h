@@ -1,12 +1,15 @@
+// SPDX-License-Identifier: Apache-2.0
 #ifndef KZFI_PDK_FI_STRINGTOOL_H
 #define KZFI_PDK_FI_STRINGTOOL_H
 
 #include <string>
 #include <vector>
 
+#include "fi_export.h"
+
 namespace kzfi_pdk_4_4 {
 
-class CFiStringTool {
+class KZFI_PDK_EXPORT CFiStringTool {
 public:
     // Splits `text` at any of `separators`; empty pieces between separators are dropped.
     static std::vector<std::string> tokenize(const std::string& text,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The system interface: every operating-system call that the kit and the library make goes
 // through the one CFiSystem installed for the process. The real Linux implementation is the
 // default; tests, benchmarks and the command's replay mode install another.
@@ -13,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "fi_export.h"
+
 namespace kzfi_pdk_4_4 {
 
 // Result codes of CFiSystem::exec (and so of CFiExecPipeBase::Exec) beside the command's own exit
@@ -24,7 +27,7 @@ enum : int {
 };
 
 // The interface alone: a partial implementation cannot fall through to the real host.
-class CFiSystem {
+class KZFI_PDK_EXPORT CFiSystem {
 public:
     virtual ~CFiSystem();
 
@@ -66,7 +69,7 @@ public:
 };
 
 // The real Linux implementation.
-class CFiLinuxSystem final : public CFiSystem {
+class KZFI_PDK_EXPORT CFiLinuxSystem final : public CFiSystem {
 public:
     int open(const char* path, int flags) override;
     int close(int fd) override;
@@ -89,14 +92,14 @@ public:
 };
 
 // The installed implementation (the real one unless another was installed).
-CFiSystem& fiSystem();
+KZFI_PDK_EXPORT CFiSystem& fiSystem();
 
 // Installs `system` for the process and returns the one it replaces; nullptr restores the real
 // implementation. The caller keeps ownership.
-CFiSystem* fiInstallSystem(CFiSystem* system);
+KZFI_PDK_EXPORT CFiSystem* fiInstallSystem(CFiSystem* system);
 
 // The real Linux implementation, kept for the life of the process.
-CFiSystem& fiRealSystem();
+KZFI_PDK_EXPORT CFiSystem& fiRealSystem();
 
 }  // namespace kzfi_pdk_4_4
 

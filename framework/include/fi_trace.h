@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kit's trace log: reference-counted log with interchangeable sinks, the smart pointer that
 // carries it, the per-plug-in singleton, the CFiTraceable base and the function scope tracer.
 #ifndef KZFI_PDK_FI_TRACE_H
@@ -12,12 +13,14 @@
 #include <utility>
 #include <vector>
 
+#include "fi_export.h"
+
 namespace kzfi_pdk_4_4 {
 
 // The plug-in tag of this library's trace-log singleton.
-extern const char FI_PLUGIN_NAME[];
+KZFI_PDK_EXPORT extern const char FI_PLUGIN_NAME[];
 
-class CFiRefCount {
+class KZFI_PDK_EXPORT CFiRefCount {
 public:
     CFiRefCount() = default;
     CFiRefCount(const CFiRefCount&) = delete;
@@ -35,14 +38,14 @@ private:
 };
 
 // Where trace lines go. A sink receives only lines whose level is enabled.
-class CFiTraceSink {
+class KZFI_PDK_EXPORT CFiTraceSink {
 public:
     virtual ~CFiTraceSink();
     virtual void write(int level, const std::string& message) = 0;
 };
 
 // Lines "2026-11-22 10:15:02.123 pid 4711 tid 4711 L3 message" on a stream (a file or stderr).
-class CFiStreamTraceSink : public CFiTraceSink {
+class KZFI_PDK_EXPORT CFiStreamTraceSink : public CFiTraceSink {
 public:
     // Takes ownership of `stream` when `owned` (closed with fclose in the destructor).
     CFiStreamTraceSink(FILE* stream, bool owned);
@@ -56,7 +59,7 @@ private:
 };
 
 // Keeps every line in memory, for tests and for the command's "warnings it caused".
-class CFiMemoryTraceSink : public CFiTraceSink {
+class KZFI_PDK_EXPORT CFiMemoryTraceSink : public CFiTraceSink {
 public:
     void write(int level, const std::string& message) override;
     std::vector<std::pair<int, std::string>> lines() const;
@@ -69,7 +72,7 @@ private:
     std::vector<std::pair<int, std::string>> m_lines;
 };
 
-class CFiTraceLog : public virtual CFiRefCount {
+class KZFI_PDK_EXPORT CFiTraceLog : public virtual CFiRefCount {
 public:
     CFiTraceLog();
     ~CFiTraceLog() override;
@@ -152,7 +155,7 @@ using CFiTraceLogPtr = CFiSmartPtr<CFiTraceLog, CFiContextSingletonAllocator<CFi
 // storage: nothing is allocated for them and they stay usable while static objects are destroyed
 // at exit. The kit drops the singleton's reference to its trace log when it is unloaded.
 template <class T, const char* TAG>
-class CFiContextSingleton {
+class KZFI_PDK_EXPORT CFiContextSingleton {
 public:
     static CFiSmartPtr<T, CFiContextSingletonAllocator<T>> instance(bool destroy)
     {
@@ -181,9 +184,9 @@ private:
 };
 
 // The plug-in's shared trace log.
-CFiTraceLogPtr fiPluginTraceLog();
+KZFI_PDK_EXPORT CFiTraceLogPtr fiPluginTraceLog();
 
-class CFiTraceable {
+class KZFI_PDK_EXPORT CFiTraceable {
 public:
     CFiTraceable() = default;
     CFiTraceable(const CFiTraceable&) = default;
@@ -199,7 +202,7 @@ protected:
 
 // Writes "Entering Function %s [%d, %s]" when built and "Exiting Function %s [%d, %s]" (or,
 // with line 0, "Exiting Function %s") when destroyed, both at level 6.
-class CFiTraceLogFunction {
+class KZFI_PDK_EXPORT CFiTraceLogFunction {
 public:
     CFiTraceLogFunction(const CFiTraceLogPtr& log, const char* function, int line,
                         const char* file);

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "fi_configuration.h"
 
 #include <ace/Configuration_Import_Export.h>
@@ -39,7 +40,7 @@ void splitPath(const std::string& path, ACE_String_Base<char>& first, ACE_String
 bool iniReaderCanTake(const std::string& path)
 {
     enum { kLongestLine = 4094, kLargestFile = 1 << 20 };
-    FILE* file = std::fopen(path.c_str(), "rb");
+    FILE* file = std::fopen(path.c_str(), "rbe");
     if (file == nullptr) {
         return false;
     }

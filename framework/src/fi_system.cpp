@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "fi_system.h"
 
 #include <fcntl.h>
@@ -109,7 +110,11 @@ int CFiLinuxSystem::ioctl(int fd, unsigned long request, void* arg)
 
 FILE* CFiLinuxSystem::fopen(const char* path, const char* mode)
 {
-    return ::fopen(path, mode);
+    // Kernel, control and identity files are opened close-on-exec: a host process that forks on
+    // another thread while a file is open does not hand it to the child. Device nodes go through
+    // open() and keep exactly the flags their caller gives.
+    std::string closeOnExec = std::string(mode) + "e";
+    return ::fopen(path, closeOnExec.c_str());
 }
 
 void* CFiLinuxSystem::opendir(const char* path)

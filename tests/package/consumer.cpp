@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A program built against the installed tree: the public headers resolve and the factory links.
 #include <device_udid_factory.h>
 

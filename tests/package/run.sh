@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the build tree into a temporary prefix and moves it elsewhere, checks the installed
 # layout, builds a consumer against the moved tree through the CMake package and through
 # pkg-config and a test program against the simulated host, builds the three Debian packages
@@ -86,16 +87,31 @@ g++ -std=c++17 -o "$work/pc-consumer" "$source/tests/package/consumer.cpp" \
 got=$(LD_LIBRARY_PATH="$prefix/$libdir" "$work/pc-consumer")
 [ "$got" = "$expected" ] || fail "pkg-config consumer printed '$got', expected '$expected'"
 
+# Debian's hardening: a read-only relocation table, bound at start-up, in every binary.
+for binary in "$prefix/$libdir/libscsitool.so.1" "$prefix/$libdir/libfikit.so.1" "$prefix/bin/scsitool"; do
+  readelf -d "$binary" | grep -q 'BIND_NOW' || fail "$binary is not linked with -z now"
+  readelf -lW "$binary" | grep -q 'GNU_RELRO' || fail "$binary is not linked with -z relro"
+done
+readelf -d "$prefix/$libdir/libscsitool.so.1" | grep -q 'Flags:.*NODELETE' ||
+  fail "libscsitool is not linked with -z nodelete"
+if command -v dpkg-architecture >/dev/null; then
+  [ "$libdir" = "./lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)" ] ||
+    fail "the libraries went to $libdir, not the multiarch directory"
+fi
+
 (cd "$work" && cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/deb" >/dev/null)
 debs=()
-for name in libscsitool1 libscsitool-dev scsitool; do
+for name in libscsitool-fikit1 libscsitool1 libscsitool-dev scsitool; do
   deb=$(find "$work/deb" -maxdepth 1 -name "${name}_1.0.0_*.deb" -print -quit)
   [ -n "$deb" ] || fail "cpack made no package $name"
   debs+=("$deb")
 done
 # Each package holds its own files and no other's, its copyright and changelog.
 declare -A holds=(
-  [libscsitool1]="/libscsitool.so.1 /libscsitool.so.1.0.0 /libfikit.so.1 /libfikit.so.1.0.0"
+  [libscsitool-fikit1]="/libfikit.so.1 /libfikit.so.1.0.0
+    ./usr/share/lintian/overrides/libscsitool-fikit1"
+  [libscsitool1]="/libscsitool.so.1 /libscsitool.so.1.0.0
+    ./usr/share/lintian/overrides/libscsitool1"
   [libscsitool-dev]="/include/scsitool/device_udid_factory.h /include/scsitool/simhost.h
     /libscsitool.so /libfikit.so /libsimhost.a /scsitool.pc /cmake/scsitool/scsitoolConfig.cmake
     /cmake/scsitool/scsitoolTargets.cmake /cmake/scsitool/FindACE.cmake"
@@ -117,22 +133,34 @@ for deb in "${debs[@]}"; do
   fi
 done
 depends() { dpkg-deb -f "$1" Depends; }
-depends "${debs[0]}" | grep -q 'libace' || fail "libscsitool1 does not depend on ACE"
-depends "${debs[1]}" | grep -q 'libscsitool1 (= 1\.0\.0).*libace-dev' ||
-  fail "libscsitool-dev depends on '$(depends "${debs[1]}")'"
-depends "${debs[2]}" | grep -q '^libscsitool1 (= 1\.0\.0)' ||
-  fail "scsitool depends on '$(depends "${debs[2]}")'"
-control=$work/control
-dpkg-deb -e "${debs[0]}" "$control"
-[ "$(cat "$control/shlibs")" = $'libfikit 1 libscsitool1 (>= 1.0.0)\nlibscsitool 1 libscsitool1 (>= 1.0.0)' ] ||
-  fail "libscsitool1's shlibs file: $(cat "$control/shlibs")"
-[ "$(cat "$control/triggers")" = "activate-noawait ldconfig" ] || fail "libscsitool1 has no ldconfig trigger"
-dpkg-deb -x "${debs[2]}" "$work/command"
+# Versioned dependencies from dpkg-shlibdeps; the kit is ours or the framework's.
+depends "${debs[0]}" | grep -q 'libc6 (>= [0-9.]*)' ||
+  fail "libscsitool-fikit1 depends on '$(depends "${debs[0]}")'"
+[ "$(dpkg-deb -f "${debs[0]}" Provides)" = kzfi-pdk-4-4 ] || fail "libscsitool-fikit1 provides no kit"
+depends "${debs[1]}" | grep -q 'libscsitool-fikit1 (= 1\.0\.0) | kzfi-pdk-4-4' ||
+  fail "libscsitool1 depends on '$(depends "${debs[1]}")'"
+depends "${debs[1]}" | grep -q 'libace-[0-9.]* (>= [^)]*)' ||
+  fail "libscsitool1 has no versioned dependency on ACE: '$(depends "${debs[1]}")'"
+depends "${debs[2]}" | grep -q 'libscsitool1 (= 1\.0\.0).*libace-dev' ||
+  fail "libscsitool-dev depends on '$(depends "${debs[2]}")'"
+depends "${debs[3]}" | grep -q 'libscsitool1 (= 1\.0\.0)' ||
+  fail "scsitool depends on '$(depends "${debs[3]}")'"
+for pair in "0 libfikit 1 libscsitool-fikit1 (>= 1.0.0)" "1 libscsitool 1 libscsitool1 (>= 1.0.0)"; do
+  control=$work/control${pair%% *}
+  dpkg-deb -e "${debs[${pair%% *}]}" "$control"
+  [ "$(cat "$control/shlibs")" = "${pair#* }" ] || fail "shlibs file: $(cat "$control/shlibs")"
+  [ "$(cat "$control/triggers")" = "activate-noawait ldconfig" ] || fail "no ldconfig trigger: $pair"
+done
+for name in libscsitool-fikit1 libscsitool1 scsitool; do
+  [ -n "$(find "$work/deb" -maxdepth 1 -name "${name}-dbgsym_1.0.0_*.ddeb" -print -quit)" ] ||
+    fail "cpack made no debug-symbol package for $name"
+done
+dpkg-deb -x "${debs[3]}" "$work/command"
 file "$work/command/usr/bin/scsitool" | grep -q ', stripped' || fail "the command is not stripped"
 
 if command -v lintian >/dev/null; then
-  # Errors fail the test; warnings and the notice about running as root are shown only.
-  report=$(lintian --fail-on error "${debs[@]}" 2>&1) || fail "lintian: $report"
+  # Errors and warnings fail the test; the notice about running as root is shown only.
+  report=$(lintian --fail-on error,warning "${debs[@]}" 2>&1) || fail "lintian: $report"
   [ -z "$report" ] || echo "$report"
 else
   echo "package: lintian is not installed, the Debian packages are not checked by it"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A test program built against the installed simulated host: it loads a host snapshot and prints
 // the device map the library makes of it, one "DEVICE UDID" line per entry.
 #include <device_udid_factory.h>

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Runs scenario files: a host, one scsitool command line, and what it should print and do.
 
 usage: run.py --binary SCSITOOL --source SOURCE_DIR [--update] [--wrapper CMD] PATH...
@@ -22,6 +23,8 @@ A scenario file:
     --- trace 3                    the trace up to that level (1 to 6), without time and pid;
                                    the function tracer's entry and exit lines, which carry
                                    source lines, are left out at 6
+    --- trace 6 calls              the same with the function tracer's lines kept, each source
+                                   line number shown as "#"
     --- file NAME                  a file the command wrote under {tmp}
     --- contains trace 3           these lines, in this order, somewhere in the trace (other
                                    lines may come before, between and after them); "contains"
@@ -49,6 +52,7 @@ import tempfile
 NO_NEWLINE = "(no newline at end)\n"
 CONTAINS = "contains "
 FUNCTION_LINE = re.compile(r"^L6 (Entering|Exiting) Function .*\n?", re.M)
+FUNCTION_SOURCE_LINE = re.compile(r"^(L6 (?:Entering|Exiting) Function .* \[)\d+(, [^\]]*\])$", re.M)
 TRACE_PREFIX = re.compile(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} pid \d+ tid \d+ ", re.M)
 
 
@@ -150,7 +154,10 @@ def run(scenario, binary, source, wrapper=()):
         if len(levels) > 1:
             raise ValueError(f"{scenario.path}: one trace level per scenario, not {sorted(levels)}")
         if levels:
-            level = levels.pop()
+            spec = levels.pop().split(" ")
+            level = spec[0]
+            if spec[1:] not in ([], ["calls"]):
+                raise ValueError(f"{scenario.path}: a trace section is \"trace N\" or \"trace 6 calls\"")
             if level not in ("1", "2", "3", "4", "5", "6"):
                 raise ValueError(f"{scenario.path}: trace levels are 1 to 6")
             front += ["--trace", trace, "--trace-level", level]
@@ -174,7 +181,12 @@ def run(scenario, binary, source, wrapper=()):
             elif name == "trace":
                 text = open(trace, encoding="utf-8", errors="replace").read() \
                     if os.path.exists(trace) else ""
-                actual[header] = shown(fold(FUNCTION_LINE.sub("", TRACE_PREFIX.sub("", text))))
+                text = TRACE_PREFIX.sub("", text)
+                if header.endswith(" calls"):
+                    text = FUNCTION_SOURCE_LINE.sub(r"\1#\2", text)
+                else:
+                    text = FUNCTION_LINE.sub("", text)
+                actual[header] = shown(fold(text))
             elif name == "file":
                 path = os.path.join(tmp, header.split(" ", 1)[1].strip())
                 text = open(path, encoding="utf-8").read() if os.path.exists(path) else ""

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Builders of SCSI pages and device records for tests: zero-filled pages with fields written at
 // offsets, so a test states only the bytes it cares about.
 #ifndef TESTS_PAGE_BUILDERS_H

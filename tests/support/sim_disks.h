@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Disks and adapters for the simulated host, for the discovery tests.
 #ifndef TESTS_SIM_DISKS_H
 #define TESTS_SIM_DISKS_H

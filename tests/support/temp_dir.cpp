@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "temp_dir.h"
 
 #include <cstdlib>
@@ -12,7 +13,8 @@ TempDir::TempDir()
 
 TempDir::~TempDir()
 {
-    std::system(("rm -rf '" + m_path + "'").c_str());
+    // A directory left behind is only litter in /tmp.
+    (void)!std::system(("rm -rf '" + m_path + "'").c_str());
 }
 
 std::string readFile(const std::string& path)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A fresh directory under /tmp, removed with everything in it when the object goes, and whole
 // files read and written in one call.
 #ifndef TESTS_TEMP_DIR_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A trace log that keeps every line in memory, for tests that assert messages.
 #ifndef TESTS_TRACE_CAPTURE_H
 #define TESTS_TRACE_CAPTURE_H

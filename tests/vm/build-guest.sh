@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the test guest from Debian packages: Debian's kernel (downloaded and unpacked, never
 # installed), the SCSI, virtio, scsi_debug and device-mapper modules it needs in load order,
 # busybox as the whole userland, sg3-utils and dmsetup, and the scsitool command with every

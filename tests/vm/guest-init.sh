@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # /init of the test guest. Loads the SCSI stack, waits for the virtio disks, adds two scsi_debug
 # hosts that show one LUN over two paths, joins those paths into the multipath map mpatha, and
 # dumps what sg3-utils and scsitool read from every disk to the second serial port (ttyS1)

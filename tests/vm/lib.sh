@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Shared helpers of the virtual-machine test scripts (sourced, not run).
 
 # An environment that cannot run the guest is a skip on a developer's machine (exit 77, which

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the test guest, boots it under QEMU (TCG, no KVM) with the disks of disks.conf on a
 # virtio-scsi controller, and unpacks what the guest sent over its second serial port into
 # WORK/out/<name> files. With a scsitool binary, the guest's host capture is then replayed here:

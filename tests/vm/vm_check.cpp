@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Judges what the test guest sent back (run-vm.sh unpacks it into WORK/out): the raw INQUIRY and
 // VPD answers that sg3-utils read on a real kernel, and what scsitool made of the same disks.
 // Every verdict is printed as "@@CHECK <name> PASS|FAIL <detail>"; the exit code is 0 when all

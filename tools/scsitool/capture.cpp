@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `scsitool capture`: this host's SCSI view written as a snapshot that the simulated host
 // replays. Everything is read through the system interface, so a capture made while a snapshot
 // is replayed reproduces that snapshot.

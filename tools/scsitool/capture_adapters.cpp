@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `scsitool capture`: the host adapters, their drivers, proc files and FC port names.
 #include <map>
 

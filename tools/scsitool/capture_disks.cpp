@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `scsitool capture`: the disks, their address, INQUIRY data, pages and partitions.
 #include <algorithm>
 #include <cctype>

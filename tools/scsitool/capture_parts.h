@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The parts of `scsitool capture`, one file each: the disks and their pages, the
 // pseudo-devices, the adapters; the host's own identity and the whole run are in capture.cpp.
 #ifndef SCSITOOL_CLI_CAPTURE_PARTS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `scsitool capture`: the multipath maps and PowerPath devices, paired with their disks.
 #include "capture_parts.h"
 #include "device_probe.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The subcommands. Each returns what it writes on stdout, or throws CommandError.
 #ifndef SCSITOOL_CLI_COMMANDS_H
 #define SCSITOOL_CLI_COMMANDS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `diff` and `fleet`: device maps of captures (or of this host) compared by the library, printed
 // here.
 #ifndef SCSITOOL_CLI_COMPARE_H

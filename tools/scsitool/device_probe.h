@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the command knows of a device node beside the library's answers: what the library's
 // enumeration read of it (the SCSI address, the standard INQUIRY data, page 0x83), whether a
 // node the library did not list opens (and the reason when it does not).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Exit codes of the command and the one error type that carries them to main.
 #ifndef SCSITOOL_CLI_ERRORS_H
 #define SCSITOOL_CLI_ERRORS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // scsitool: the device map of this host or of a host snapshot, one device's identity and pages,
 // the host's initiator names, and the capture of a snapshot.
 #include <CLI/CLI.hpp>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The device map for people: each entry of the library's map beside what its enumeration read of
 // the device (address, kind, vendor, product, WWN, state), the disks and pseudo-devices it did not
 // return (the command's own rows), and the map grouped into volumes.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the command shows its answers: tables for people, JSON for programs.
 #ifndef SCSITOOL_CLI_OUTPUT_H
 #define SCSITOOL_CLI_OUTPUT_H

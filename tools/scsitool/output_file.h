@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files the command writes: whole or not at all, and never in place of a device or a pipe.
 #ifndef SCSITOOL_CLI_OUTPUT_FILE_H
 #define SCSITOOL_CLI_OUTPUT_FILE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A progress line on a terminal while a long enumeration runs.
 #ifndef SCSITOOL_CLI_PROGRESS_H
 #define SCSITOOL_CLI_PROGRESS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What every subcommand runs in: the host (this one, or a snapshot replayed through the
 // simulated host), the plug-in trace log and the configuration, and the one UDID factory.
 #ifndef SCSITOOL_CLI_SESSION_H

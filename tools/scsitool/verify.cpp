@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `scsitool verify CAPTURE`: the capture replayed gives the map recorded when it was taken.
 #include <fstream>
 #include <map>

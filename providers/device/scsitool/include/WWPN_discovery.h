@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The world-wide port names of the host's fibre-channel ports.
 #ifndef SCSITOOL_WWPN_DISCOVERY_H
 #define SCSITOOL_WWPN_DISCOVERY_H
@@ -6,8 +7,9 @@
 #include <vector>
 
 #include "fi_trace.h"
+#include "scsitool_export.h"
 
-class WWPN : public virtual kzfi_pdk_4_4::CFiTraceable {
+class SCSITOOL_EXPORT WWPN : public virtual kzfi_pdk_4_4::CFiTraceable {
 public:
     WWPN();
     ~WWPN() override;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Linux device discovery: the kernel's device tables read into device records, SCSI bus and HBA
 // rescans on 2.4 and 2.6 kernels, removal of dead devices and flushing of stale multipath maps.
 #ifndef SCSITOOL_DEVICE_DISCOVERY_H
@@ -8,14 +9,16 @@
 #include <vector>
 
 #include "device_discovery_base.h"
+#include "scsitool_export.h"
 
-class CLinuxDeviceDiscovery : public CDeviceDiscoveryBase {
+class SCSITOOL_EXPORT CLinuxDeviceDiscovery : public CDeviceDiscoveryBase {
 public:
     CLinuxDeviceDiscovery();
     ~CLinuxDeviceDiscovery() override;
 
-    // Drops records whose query failed (adapter -1), removes kernel disks that have no record
-    // (LUN 0 only with `removeLun0`), then scans the buses once more.
+    // Drops records whose query failed (adapter -1) and deletes them: the caller must not free
+    // its own copies of the pointers it gave. Then removes kernel disks that have no record
+    // (LUN 0 only with `removeLun0`) and scans the buses once more.
     void removeDeadDevices(std::vector<CScsiDeviceData*>& devices, bool removeLun0) override;
     // Asks multipath to flush unused maps when its daemon runs; the daemon check's result.
     int FlushMultipathStaleDevices() override;

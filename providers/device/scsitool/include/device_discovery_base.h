@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The discovery interface that the device map drives: rescan and return every usable device,
 // queried, under the host-wide rescan lock; or return one named device, queried.
 #ifndef SCSITOOL_DEVICE_DISCOVERY_BASE_H
@@ -10,8 +11,9 @@
 #include "dmp_discovery_manager.h"
 #include "fi_trace.h"
 #include "scsitool.h"
+#include "scsitool_export.h"
 
-class CDeviceDiscoveryBase : public virtual kzfi_pdk_4_4::CFiTraceable {
+class SCSITOOL_EXPORT CDeviceDiscoveryBase : public virtual kzfi_pdk_4_4::CFiTraceable {
 public:
     CDeviceDiscoveryBase();
     ~CDeviceDiscoveryBase() override;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Comparing device maps: what changed between two maps of one host (a name or SCSI address that
 // now answers as another volume, a volume whose UDID changed, a UDID under another name, UDIDs
 // that came or went), and which volumes several hosts share.
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "device_scsi_data.h"
+#include "scsitool_export.h"
 
 class CUDIDFactory;
 
@@ -29,7 +31,7 @@ struct SHostMap {
     std::vector<SMapVolume> volumes;
 };
 
-class CDeviceMapCompare {
+class SCSITOOL_EXPORT CDeviceMapCompare {
 public:
     enum Kind { Remapped, IdentityChanged, Moved, Added, Removed };
     // "remapped", "identity-changed", "moved", "added", "removed"
@@ -74,7 +76,7 @@ public:
 
 // The volumes that several hosts see. Hosts are added one at a time and only what the view
 // reports is kept, so memory grows with the distinct volumes, not with the hosts added.
-class CFleetView {
+class SCSITOOL_EXPORT CFleetView {
 public:
     struct Sighting {
         std::string host;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The records that carry a disk through the library: the device record with its page cache,
 // the device-map entry, one kernel SCSI address, and the tuning values for opening devices.
 #ifndef SCSITOOL_DEVICE_SCSI_DATA_H
@@ -7,6 +8,8 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "scsitool_export.h"
 
 // An owning holder of one array, released with delete[].
 template <class T>
@@ -22,7 +25,7 @@ public:
 };
 
 // One cached page: a private copy of the bytes the device returned, and their number.
-class CScsiModePage {
+class SCSITOOL_EXPORT CScsiModePage {
 public:
     CScsiModePage();
     CScsiModePage(const unsigned char* data, unsigned int length);
@@ -39,7 +42,7 @@ public:
     unsigned int m_length;
 };
 
-class CScsiDeviceData {
+class SCSITOOL_EXPORT CScsiDeviceData {
 public:
     CScsiDeviceData(const std::string& deviceName, const std::string& secondName,
                     const std::string& hostName, int target, unsigned int bus, int lun, int port,

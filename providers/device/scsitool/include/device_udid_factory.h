@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The UDID factory: owns discovery, a multipath discovery manager and the generator table,
 // computes the UDID of one device, and builds, validates, prints and serves the device map.
 #ifndef SCSITOOL_DEVICE_UDID_FACTORY_H
@@ -13,6 +14,7 @@
 #include "device_udid_generator.h"
 #include "dmp_discovery_manager.h"
 #include "fi_trace.h"
+#include "scsitool_export.h"
 
 // How getUniqueDeviceID came to a UDID: the generator that made it and, in table order, the
 // generators that claimed the device before it and threw.
@@ -26,7 +28,7 @@ struct SUdidOrigin {
     std::vector<Failure> failures;
 };
 
-class CUDIDFactory : public virtual kzfi_pdk_4_4::CFiTraceable {
+class SCSITOOL_EXPORT CUDIDFactory : public virtual kzfi_pdk_4_4::CFiTraceable {
 public:
     // The same two separators the generators use.
     static const char* const udid_prefix;     // "UDID##"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The unique device id generators: the base class and its exception, one generator per array
 // family, the default generator that serves every other disk, and the ordered table of them.
 //
@@ -13,9 +14,10 @@
 
 #include "device_scsi_data.h"
 #include "fi_trace.h"
+#include "scsitool_export.h"
 
 // The one exception that generators throw, by value, for bad or missing SCSI data.
-class CUdidGeneratorException {
+class SCSITOOL_EXPORT CUdidGeneratorException {
 public:
     CUdidGeneratorException(const std::string& messageId, const std::string& vendorId,
                             const std::string& productId)
@@ -28,7 +30,7 @@ public:
     std::string m_productId;
 };
 
-class CUdidGenerator : public virtual kzfi_pdk_4_4::CFiTraceable {
+class SCSITOOL_EXPORT CUdidGenerator : public virtual kzfi_pdk_4_4::CFiTraceable {
 public:
     // "UDID##" and "##": the start of every UDID and the separator between its fields.
     static const char* const udid_prefix;
@@ -103,25 +105,25 @@ std::vector<CUdidGenerator*> createUdidGeneratorTable();
 
 // --- HP --------------------------------------------------------------------------------------
 
-class CHpMsaUdidGenerator : public CUdidGenerator {
+class SCSITOOL_EXPORT CHpMsaUdidGenerator : public CUdidGenerator {
 public:
     CHpMsaUdidGenerator(std::string vendorId, std::string productId);
     std::string getUniqueDeviceID(CScsiDeviceData* device) override;
 };
 
-class CHpEvaUdidGenerator : public CUdidGenerator {
+class SCSITOOL_EXPORT CHpEvaUdidGenerator : public CUdidGenerator {
 public:
     CHpEvaUdidGenerator(std::string vendorId, std::string productId);
     std::string getUniqueDeviceID(CScsiDeviceData* device) override;
 };
 
-class CHpXpUdidGenerator : public CUdidGenerator {
+class SCSITOOL_EXPORT CHpXpUdidGenerator : public CUdidGenerator {
 public:
     CHpXpUdidGenerator(std::string vendorId, std::string productId);
     std::string getUniqueDeviceID(CScsiDeviceData* device) override;
 };
 
-class CHp3parUdidGenerator : public CUdidGenerator {
+class SCSITOOL_EXPORT CHp3parUdidGenerator : public CUdidGenerator {
 public:
     CHp3parUdidGenerator(std::string vendorId, std::string productId);
     std::string getUniqueDeviceID(CScsiDeviceData* device) override;
@@ -129,7 +131,7 @@ public:
 
 // --- IBM -------------------------------------------------------------------------------------
 
-class CIbmUdidGenerator : public CUdidGenerator {
+class SCSITOOL_EXPORT CIbmUdidGenerator : public CUdidGenerator {
 public:
     CIbmUdidGenerator(std::string vendorId, std::string productId);
     bool claimDevice(CScsiDeviceData* device) override;
@@ -138,7 +140,7 @@ public:
     virtual bool isFASTT(std::string product);
 };
 
-class CIbmDsUdidGenerator : public CUdidGenerator {
+class SCSITOOL_EXPORT CIbmDsUdidGenerator : public CUdidGenerator {
 public:
     CIbmDsUdidGenerator(std::string vendorId, std::string productId);
     bool claimDevice(CScsiDeviceData* device) override;
@@ -149,7 +151,7 @@ public:
 
 // --- EMC -------------------------------------------------------------------------------------
 
-class CEmcClariionUdidGenerator : public CUdidGenerator {
+class SCSITOOL_EXPORT CEmcClariionUdidGenerator : public CUdidGenerator {
 public:
     CEmcClariionUdidGenerator(std::string vendorId, std::string productId);
     std::string getUniqueDeviceIDPrefix(CScsiDeviceData* device) override;
@@ -160,7 +162,7 @@ public:
                                        int lengthIndex, int serialOffset, std::string& enclosureId);
 };
 
-class CEmcSymmetrixUdidGenerator : public CUdidGenerator {
+class SCSITOOL_EXPORT CEmcSymmetrixUdidGenerator : public CUdidGenerator {
 public:
     CEmcSymmetrixUdidGenerator(std::string vendorId, std::string productId);
     std::string getUniqueDeviceID(CScsiDeviceData* device) override;
@@ -168,19 +170,19 @@ public:
 
 // --- Other arrays ----------------------------------------------------------------------------
 
-class CHitachiUdidGenerator : public CUdidGenerator {
+class SCSITOOL_EXPORT CHitachiUdidGenerator : public CUdidGenerator {
 public:
     CHitachiUdidGenerator(std::string vendorId, std::string productId);
     std::string getUniqueDeviceID(CScsiDeviceData* device) override;
 };
 
-class CLsiUdidGenerator : public CUdidGenerator {
+class SCSITOOL_EXPORT CLsiUdidGenerator : public CUdidGenerator {
 public:
     CLsiUdidGenerator(std::string vendorId, std::string productId);
     std::string getUniqueDeviceID(CScsiDeviceData* device) override;
 };
 
-class CNetAppUdidGenerator : public CUdidGenerator {
+class SCSITOOL_EXPORT CNetAppUdidGenerator : public CUdidGenerator {
 public:
     CNetAppUdidGenerator(std::string vendorId, std::string productId);
     std::string getUniqueDeviceID(CScsiDeviceData* device) override;
@@ -188,7 +190,7 @@ public:
     virtual std::string getEnclosureID(CScsiDeviceData* device);
 };
 
-class CFujitsuEternusUdidGenerator : public CUdidGenerator {
+class SCSITOOL_EXPORT CFujitsuEternusUdidGenerator : public CUdidGenerator {
 public:
     CFujitsuEternusUdidGenerator(std::string vendorId, std::string productId);
     std::string getUniqueDeviceID(CScsiDeviceData* device) override;
@@ -196,7 +198,7 @@ public:
 
 // --- Every other disk ------------------------------------------------------------------------
 
-class CDefaultUdidGenerator : public CUdidGenerator {
+class SCSITOOL_EXPORT CDefaultUdidGenerator : public CUdidGenerator {
 public:
     CDefaultUdidGenerator(std::string vendorId, std::string productId);
     bool claimDevice(CScsiDeviceData* device) override;

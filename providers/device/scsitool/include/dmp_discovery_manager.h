@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Multipath discovery: the interface of one module per kind of multipath software, and the
 // manager that asks every module in turn to rescan and to report its pseudo-devices.
 #ifndef SCSITOOL_DMP_DISCOVERY_MANAGER_H
@@ -10,9 +11,10 @@
 #include "device_scsi_data.h"
 #include "dmp_claim_manager.h"
 #include "fi_trace.h"
+#include "scsitool_export.h"
 
 // One multipath discovery module. Modules are created once and live for the whole process.
-class CDmpDiscoveryBase : public virtual kzfi_pdk_4_4::CFiTraceable {
+class SCSITOOL_EXPORT CDmpDiscoveryBase : public virtual kzfi_pdk_4_4::CFiTraceable {
 public:
     CDmpDiscoveryBase();
     ~CDmpDiscoveryBase() override;
@@ -25,7 +27,7 @@ public:
 
 // Holds the modules: PowerPath first, then device-mapper multipath. It shares its trace-log
 // pointer with the claim manager it derives from.
-class CDmpDiscoveryManager : public virtual CDmpClaimManager {
+class SCSITOOL_EXPORT CDmpDiscoveryManager : public virtual CDmpClaimManager {
 public:
     CDmpDiscoveryManager();
     ~CDmpDiscoveryManager() override;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The device-mapper multipath module: "/sbin/multipath -v0 " on rescan, the whole maps under
 // "/dev/mapper/" on enumeration.
 #ifndef SCSITOOL_DMP_LINUX_DEVICE_MAPPER_H

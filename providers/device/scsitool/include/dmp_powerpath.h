@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The EMC PowerPath module: the powermt check, release, config and save sequence on rescan, the
 // "emcpower" nodes of "/dev/" on enumeration.
 #ifndef SCSITOOL_DMP_POWERPATH_H

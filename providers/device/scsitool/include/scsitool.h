@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Linux SCSI query layer: INQUIRY through SCSI_IOCTL_SEND_COMMAND, the SCSI address through
 // SCSI_IOCTL_GET_IDLUN, removal through /proc/scsi/scsi, and the host's iSCSI initiator name.
 #ifndef SCSITOOL_SCSITOOL_H
@@ -5,16 +6,10 @@
 
 #include <string>
 
-#include "fi_scsi_ioctl.h"
+#include "scsitool_export.h"
 #include "scsitoolbase.h"
 
-// Ioctl request numbers of the Linux SCSI mid-layer.
-enum : unsigned long {
-    SCSITOOL_IOCTL_SEND_COMMAND = SCSI_IOCTL_SEND_COMMAND,
-    SCSITOOL_IOCTL_GET_IDLUN = SCSI_IOCTL_GET_IDLUN
-};
-
-class CScsiTool : public CScsiToolBase {
+class SCSITOOL_EXPORT CScsiTool : public CScsiToolBase {
 public:
     CScsiTool();
     ~CScsiTool() override;

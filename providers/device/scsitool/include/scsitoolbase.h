@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The device handle that owns one disk's descriptor for one query, and the platform-independent
 // sequence that fills a device record with INQUIRY data, SCSI address and cached pages.
 #ifndef SCSITOOL_SCSITOOLBASE_H
@@ -8,6 +9,7 @@
 
 #include "device_scsi_data.h"
 #include "fi_trace.h"
+#include "scsitool_export.h"
 
 // Status codes of the SCSI layer.
 enum : int {
@@ -21,7 +23,7 @@ typedef std::unique_ptr<AdapterAutoPtrArray<unsigned char>> ScsiPagePtr;
 
 // Owns the descriptor of one device node while one query runs. A descriptor of -1 or 0 counts
 // as closed: 0 is never handed out as a device descriptor and never closed by the destructor.
-class CScsiDeviceHandle : public virtual kzfi_pdk_4_4::CFiTraceable {
+class SCSITOOL_EXPORT CScsiDeviceHandle : public virtual kzfi_pdk_4_4::CFiTraceable {
 public:
     // A closed handle; `log` (may be empty) receives its messages.
     CScsiDeviceHandle();
@@ -52,7 +54,7 @@ protected:
 };
 
 // The query sequence. The operations that talk to the kernel are supplied by a platform class.
-class CScsiToolBase : public virtual kzfi_pdk_4_4::CFiTraceable {
+class SCSITOOL_EXPORT CScsiToolBase : public virtual kzfi_pdk_4_4::CFiTraceable {
 public:
     CScsiToolBase();
     virtual ~CScsiToolBase();

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Static conversions, trimming and case mapping, and the directory lister.
 #ifndef SCSITOOL_STRINGTOOL_H
 #define SCSITOOL_STRINGTOOL_H
@@ -5,7 +6,9 @@
 #include <string>
 #include <vector>
 
-class CStringTool {
+#include "scsitool_export.h"
+
+class SCSITOOL_EXPORT CStringTool {
 public:
     static std::string bool2str(bool b);
     static std::string int2str(int v);

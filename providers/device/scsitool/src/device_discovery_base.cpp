@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "device_discovery_base.h"
 
 #include <semaphore.h>
@@ -5,6 +6,7 @@
 #include <sys/sem.h>
 
 #include <cstdlib>
+#include <mutex>
 
 #include "fi_system.h"
 #include "trace_call.h"
@@ -17,46 +19,60 @@ namespace {
 // the single-process alternative.
 struct SDeviceSemaphore {
     bool systemV;
-    sem_t posix;
+    sem_t* posix;  // the process's one POSIX semaphore, used when systemV is clear
     int id;
     key_t key;
-    kzfi_pdk_4_4::CFiSystem* system;  // the system that made the set
-
-    // A set made by a system that is no longer installed (a replayed host) went with it; its id
-    // means nothing to the system installed now.
-    bool live() const { return systemV && &kzfi_pdk_4_4::fiSystem() == system; }
+    kzfi_pdk_4_4::CFiSystem* system;  // the system the set belongs to
 };
 
-SDeviceSemaphore* g_deviceSemaphore = nullptr;
+// The real host's set: made by the first rescan on the real host and removed at process exit.
+// The process-exit handler lives in this library, which is therefore never unloaded (it is
+// linked with -z nodelete).
+SDeviceSemaphore g_realSemaphore;
+sem_t g_posixSemaphore;
+std::mutex g_realSemaphoreMutex;
+bool g_realSemaphoreMade = false;
 
 // The first process to exit removes the set for every process; the next rescan elsewhere
 // recreates it only when that process makes its own first rescan.
 void removeDeviceSemaphore()
 {
-    if (g_deviceSemaphore == nullptr) {
+    std::lock_guard<std::mutex> lock(g_realSemaphoreMutex);
+    if (!g_realSemaphoreMade) {
         return;
     }
-    if (g_deviceSemaphore->systemV) {
-        if (g_deviceSemaphore->live()) {
-            g_deviceSemaphore->system->semctl(g_deviceSemaphore->id, 0, IPC_RMID);
-        }
+    if (g_realSemaphore.systemV) {
+        g_realSemaphore.system->semctl(g_realSemaphore.id, 0, IPC_RMID);
     } else {
-        sem_destroy(&g_deviceSemaphore->posix);
+        sem_destroy(g_realSemaphore.posix);
     }
 }
 
-// A failed semget is not reported: the semop calls then fail too and rescans of this process
-// run without cross-process exclusion.
-SDeviceSemaphore* createDeviceSemaphore()
+// The lock belongs to the system installed when a rescan runs. The real host's set is looked up
+// once per process; a replayed host's set lives in that host and is looked up on every rescan,
+// so a replay never stands in for the real host's lock, nor the real one for a replay's.
+// A failed semget is not reported: the semop calls then fail too and those rescans run without
+// cross-process exclusion.
+SDeviceSemaphore deviceSemaphore()
 {
-    static SDeviceSemaphore semaphore;
+    kzfi_pdk_4_4::CFiSystem& system = kzfi_pdk_4_4::fiSystem();
+    SDeviceSemaphore semaphore{};
     semaphore.key = CDeviceDiscoveryBase::kRescanSemaphoreKey;
-    semaphore.system = &kzfi_pdk_4_4::fiSystem();
-    semaphore.id = semaphore.system->semget(semaphore.key, 1, IPC_CREAT | 0666);
     semaphore.systemV = true;
-    g_deviceSemaphore = &semaphore;
-    std::atexit(removeDeviceSemaphore);
-    return &semaphore;
+    semaphore.posix = &g_posixSemaphore;
+    semaphore.system = &system;
+    if (&system != &kzfi_pdk_4_4::fiRealSystem()) {
+        semaphore.id = system.semget(semaphore.key, 1, IPC_CREAT | 0666);
+        return semaphore;
+    }
+    std::lock_guard<std::mutex> lock(g_realSemaphoreMutex);
+    if (!g_realSemaphoreMade) {
+        semaphore.id = system.semget(semaphore.key, 1, IPC_CREAT | 0666);
+        g_realSemaphore = semaphore;
+        g_realSemaphoreMade = true;
+        std::atexit(removeDeviceSemaphore);
+    }
+    return g_realSemaphore;
 }
 
 // Waits until nobody holds the lock and takes it, in one atomic step. SEM_UNDO gives the lock
@@ -64,7 +80,7 @@ SDeviceSemaphore* createDeviceSemaphore()
 void lockDeviceSemaphore(SDeviceSemaphore& semaphore)
 {
     if (!semaphore.systemV) {
-        sem_wait(&semaphore.posix);
+        sem_wait(semaphore.posix);
         return;
     }
     struct sembuf operations[2];
@@ -74,30 +90,26 @@ void lockDeviceSemaphore(SDeviceSemaphore& semaphore)
     operations[1].sem_num = 0;
     operations[1].sem_op = 1;
     operations[1].sem_flg = SEM_UNDO | IPC_NOWAIT;
-    if (semaphore.live()) {
-        semaphore.system->semop(semaphore.id, operations, 2);
-    }
+    semaphore.system->semop(semaphore.id, operations, 2);
 }
 
 void unlockDeviceSemaphore(SDeviceSemaphore& semaphore)
 {
     if (!semaphore.systemV) {
-        sem_post(&semaphore.posix);
+        sem_post(semaphore.posix);
         return;
     }
     struct sembuf operation;
     operation.sem_num = 0;
     operation.sem_op = -1;
     operation.sem_flg = SEM_UNDO | IPC_NOWAIT;
-    if (semaphore.live()) {
-        semaphore.system->semop(semaphore.id, &operation, 1);
-    }
+    semaphore.system->semop(semaphore.id, &operation, 1);
 }
 
 // Releases the lock on every way out of a rescan.
 class CDeviceSemaphoreHold {
 public:
-    explicit CDeviceSemaphoreHold(SDeviceSemaphore& semaphore) : m_semaphore(semaphore)
+    explicit CDeviceSemaphoreHold(const SDeviceSemaphore& semaphore) : m_semaphore(semaphore)
     {
         lockDeviceSemaphore(m_semaphore);
     }
@@ -106,7 +118,7 @@ public:
     CDeviceSemaphoreHold& operator=(const CDeviceSemaphoreHold&) = delete;
 
 private:
-    SDeviceSemaphore& m_semaphore;
+    SDeviceSemaphore m_semaphore;
 };
 
 }  // namespace
@@ -135,8 +147,7 @@ std::vector<CScsiDeviceData*> CDeviceDiscoveryBase::rescan(bool rescanBuses, boo
                                                            bool removeLun0)
 {
     FI_TRACE_FUNCTION("rescan");
-    static SDeviceSemaphore* m_deviceSemaphore = createDeviceSemaphore();
-    CDeviceSemaphoreHold hold(*m_deviceSemaphore);
+    CDeviceSemaphoreHold hold(deviceSemaphore());
 
     std::vector<CScsiDeviceData*> result;
     traceTo(m_traceLog, 3, "libscsitool: Info: CDeviceDiscoveryBase::rescan().");

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "device_scsi_data.h"
 
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The generator base class, the generator table and the default generator.
 #include "device_udid_generator.h"
 
@@ -277,7 +278,6 @@ std::string CDefaultUdidGenerator::getUniqueDeviceIDPrefix(CScsiDeviceData* devi
 
 std::string CDefaultUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
-    FI_TRACE_FUNCTION("CDefaultUdidGenerator::getUniqueDeviceID");
     const std::vector<unsigned int>& pages = device->m_supportedPages;
     if (std::find(pages.begin(), pages.end(), 0x00u) != pages.end() &&
         !stripVendorId(device).empty()) {
@@ -292,12 +292,11 @@ std::string CDefaultUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
     // Host-local id: keeps the device apart on this host only.
     char host[512] = {};
     std::string body = device->m_deviceName + "@";
-    if (fiSystem().gethostname(host, sizeof(host) - 1) == 0) {
+    if (fiSystem().gethostname(host, sizeof(host)) == 0) {
+        host[sizeof(host) - 1] = '\0';  // a system may truncate a long name without a terminator
         body += host;
     } else {
         body += "UNKNOWN";
     }
-    traceTo(m_traceLog, 3, "INFO: %s has no identity page, using the host-local id %s",
-            device->m_deviceName.c_str(), body.c_str());
     return body;
 }

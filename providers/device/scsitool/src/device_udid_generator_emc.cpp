@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The EMC array generators: Clariion/VNX and Symmetrix.
 #include <algorithm>
 #include <string>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The HP array generators: MSA, EVA, XP and 3PAR.
 #include <string>
 

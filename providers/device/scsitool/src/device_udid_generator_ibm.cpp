@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The IBM array generators: enterprise and virtualisation models (ESS, DS8000, DS6000, SVC,
 // FAStT 3552/3542) and the midrange DS models.
 #include <string>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The generators of the remaining arrays: Hitachi, LSI/Engenio, NetApp and Fujitsu Eternus.
 #include <algorithm>
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Helpers shared by the discovery sources: running a command through the command pipe, joining
 // its output, and reading a kernel text file whole.
 #ifndef SCSITOOL_DISCOVERY_COMMON_H

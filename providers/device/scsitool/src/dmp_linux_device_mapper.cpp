@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "dmp_linux_device_mapper.h"
 
 #include "discovery_common.h"

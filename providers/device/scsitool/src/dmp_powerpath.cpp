@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "dmp_powerpath.h"
 
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kernel's SCSI text files read for the tools, and the NetApp filer identity command.
 #include "kernel_files.h"
 

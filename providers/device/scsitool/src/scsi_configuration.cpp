@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tuning settings of the device provider, imported from its configuration file.
 #include "device_scsi_data.h"
 #include "fi_configuration.h"

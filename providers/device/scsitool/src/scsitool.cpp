@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "scsitool.h"
 
 #include <unistd.h>
@@ -6,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "fi_scsi_ioctl.h"
 #include "fi_stringtool.h"
 #include "fi_system.h"
 #include "trace_call.h"
@@ -57,7 +59,7 @@ int CScsiTool::GetModePageInfo(CScsiDeviceHandle& handle, CScsiDeviceData& devic
         cdb[3] = 0;
         cdb[4] = kAllocationLength;
         cdb[5] = 0;
-        if (fiSystem().ioctl(fd, SCSITOOL_IOCTL_SEND_COMMAND, buffer) != 0) {
+        if (fiSystem().ioctl(fd, SCSI_IOCTL_SEND_COMMAND, buffer) != 0) {
             traceTo(m_traceLog, 1,
                     "libscsitool: ERROR: ioctl(SCSI_IOCTL_SEND_COMMAN) for device %s ",
                     device.m_deviceName.c_str());
@@ -91,7 +93,7 @@ void CScsiTool::GetTargetLunPortInfo(CScsiDeviceHandle& handle, CScsiDeviceData&
         int fd = handle.open(device, false);
         // The device word, then the host-unique id, which is not used.
         unsigned int idlun[2] = {0, 0};
-        if (fiSystem().ioctl(fd, SCSITOOL_IOCTL_GET_IDLUN, idlun) == -1) {
+        if (fiSystem().ioctl(fd, SCSI_IOCTL_GET_IDLUN, idlun) == -1) {
             traceTo(m_traceLog, 1,
                     "libscsitool: ERROR: CScsiTool::UpdateTargetLunPortInfo() "
                     "SCSI_IOCTL_GET_IDLUN IOCTL failed for device %s.",

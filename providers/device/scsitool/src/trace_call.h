@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's one way to write a trace line: to the given log when there is one, formatted only
 // when the log would keep the line, never throwing into its caller.
 #ifndef SCSITOOL_TRACE_CALL_H

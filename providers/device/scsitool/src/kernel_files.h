@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library knows of the kernel's SCSI text files and of the one vendor command it sends
 // itself, offered to the tools that capture a host: the rows of "/proc/partitions", the disks
 // "/proc/scsi/scsi" lists, and the NetApp filer identity command.
