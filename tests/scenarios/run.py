@@ -22,6 +22,8 @@ A scenario file:
                                    the function tracer's entry and exit lines, which carry
                                    source lines, are left out at 6
     --- file NAME                  a file the command wrote under {tmp}
+    --- given NAME                 a file put under {tmp} before the command runs, inline ...
+    --- given NAME examples/x.json ... or a copy of a file of the source tree
 
 In the command line and the expectations {tmp} stands for a scratch directory and {src} for
 the source tree. Output that does not end in a newline shows "(no newline at end)" on a line of
@@ -109,6 +111,17 @@ def run(scenario, binary, source, wrapper=()):
                 hostFile = os.path.join(tmp, "host.json")
                 open(hostFile, "w", encoding="utf-8").write(host)
                 front += ["--host", hostFile]
+        for header, body in scenario.sections:
+            if header.split(" ")[0] != "given":
+                continue
+            parts = header.split()
+            if len(parts) not in (2, 3):
+                raise ValueError(f"{scenario.path}: given takes a name and at most one source file")
+            target = os.path.join(tmp, parts[1])
+            os.makedirs(os.path.dirname(target), exist_ok=True)
+            text = open(os.path.join(source, parts[2]), encoding="utf-8").read() \
+                if len(parts) == 3 else body
+            open(target, "w", encoding="utf-8").write(text)
         events = os.path.join(tmp, "events.txt")
         if scenario.get("events")[0] is not None:
             front += ["--events", events]
@@ -143,7 +156,7 @@ def run(scenario, binary, source, wrapper=()):
                 path = os.path.join(tmp, header.split(" ", 1)[1].strip())
                 text = open(path, encoding="utf-8").read() if os.path.exists(path) else ""
                 actual[header] = shown(fold(text))
-            elif name not in ("host", "command"):
+            elif name not in ("host", "command", "given"):
                 raise ValueError(f"{scenario.path}: unknown section {header!r}")
         return actual
 
