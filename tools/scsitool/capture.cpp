@@ -170,7 +170,8 @@ std::vector<std::pair<std::string, std::string>> standIns(const simhost::SimHost
     std::vector<std::pair<std::string, std::string>> names;
     char name[256] = {0};
     if (fiSystem().gethostname(name, sizeof name - 1) == 0 && name[0] != '\0') {
-        const std::string host = "host-" + pseudonym("host", machineId, name, 16) + ".example.invalid";
+        const std::string host =
+            "host-" + pseudonym("host", machineId, name, 16) + ".example.invalid";
         names.emplace_back(name, host);
         names.emplace_back(CStringTool::tostrupper(name), CStringTool::tostrupper(host));
     }
@@ -182,8 +183,8 @@ std::vector<std::pair<std::string, std::string>> standIns(const simhost::SimHost
         size_t at = initiator.find("InitiatorName=");
         if (at != std::string::npos) {
             const std::string iqn = firstLine(initiator.substr(at + 14));
-            names.emplace_back(iqn, "iqn.2000-01.invalid.example:" +
-                                        pseudonym("iqn", machineId, iqn, 16));
+            names.emplace_back(
+                iqn, "iqn.2000-01.invalid.example:" + pseudonym("iqn", machineId, iqn, 16));
         }
     }
     for (const simhost::SimAdapter& adapter : snapshot.adapters()) {
@@ -201,9 +202,8 @@ std::vector<std::pair<std::string, std::string>> standIns(const simhost::SimHost
             names.emplace_back(upper, CStringTool::tostrupper(standIn));
         }
     }
-    std::stable_sort(names.begin(), names.end(), [](const auto& a, const auto& b) {
-        return a.first.size() > b.first.size();
-    });
+    std::stable_sort(names.begin(), names.end(),
+                     [](const auto& a, const auto& b) { return a.first.size() > b.first.size(); });
     return names;
 }
 
@@ -228,7 +228,8 @@ std::string runCapture(Session& session, const std::string& file, bool anonymise
         // The capture's own id: a digest of the host, the time and what was captured, so that a
         // capture is known again whatever its file is called, and two captures differ unless they
         // hold the same host at the same second in the same state.
-        origin["capture_id"] = sha256Hex(machineId + "\n" + time + "\n" + snapshot.toJson()).substr(0, 32);
+        origin["capture_id"] =
+            sha256Hex(machineId + "\n" + time + "\n" + snapshot.toJson()).substr(0, 32);
         origin["map"] = nlohmann::ordered_json::parse(
             formatMapRowsJson(describeMap(session, map, Session::hostName())));
         snapshot.setCapture(origin.dump());

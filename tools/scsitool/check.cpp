@@ -1,5 +1,7 @@
 // `scsitool check --state-dir DIR`: what a scheduler runs. This host is captured into DIR, the
 // capture is compared with the one before it, and the findings are printed as `diff` prints them.
+#include "check.h"
+
 #include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,7 +11,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "check.h"
 #include "commands.h"
 #include "compare.h"
 #include "errors.h"
@@ -50,13 +51,13 @@ std::string captureName(unsigned long number)
 std::vector<unsigned long> stateCaptures(const std::string& directory)
 {
     if (::mkdir(directory.c_str(), 0750) != 0 && errno != EEXIST) {
-        throw CommandError(kExitBadInput,
-                           directory + ": cannot make the state directory: " + std::strerror(errno));
+        throw CommandError(kExitBadInput, directory + ": cannot make the state directory: " +
+                                              std::strerror(errno));
     }
     DIR* dir = ::opendir(directory.c_str());
     if (dir == nullptr) {
-        throw CommandError(kExitBadInput,
-                           directory + ": cannot read the state directory: " + std::strerror(errno));
+        throw CommandError(kExitBadInput, directory + ": cannot read the state directory: " +
+                                              std::strerror(errno));
     }
     std::vector<unsigned long> numbers;
     while (struct dirent* entry = ::readdir(dir)) {
@@ -121,8 +122,8 @@ std::string runCheck(Session& session, const CheckOptions& options, bool& differ
     if (numbers.empty()) {
         output = "first capture " + file + ": nothing to compare with yet\n";
     } else {
-        output = runDiff(session, directory + "/" + captureName(numbers.back()), file, false,
-                         differ);
+        output =
+            runDiff(session, directory + "/" + captureName(numbers.back()), file, false, differ);
     }
     // The oldest go once the new capture is in place, the last `keep` stay.
     numbers.push_back(next);

@@ -218,8 +218,9 @@ std::string describeSide(const SideContext& side)
     if (side.time.empty() && side.version.empty()) {
         return text + ", not written by capture";
     }
-    return text + ", captured " + (side.time.empty() ? std::string("at an unknown time") : side.time) +
-           " by scsitool " + (side.version.empty() ? std::string("(unknown version)") : side.version);
+    return text + ", captured " +
+           (side.time.empty() ? std::string("at an unknown time") : side.time) + " by scsitool " +
+           (side.version.empty() ? std::string("(unknown version)") : side.version);
 }
 
 std::string formatContext(const SideContext& before, const SideContext& after)
@@ -251,8 +252,8 @@ std::string runFleet(Session& session, const std::vector<std::string>& captures,
         throw CommandError(kExitBadInput, "fleet: no captures given");
     }
     CFleetView fleet;
-    std::map<std::string, std::string> seen;     // capture id (or content) -> the first file
-    std::map<std::string, std::string> labels;   // host key -> the name the output gives it
+    std::map<std::string, std::string> seen;    // capture id (or content) -> the first file
+    std::map<std::string, std::string> labels;  // host key -> the name the output gives it
     std::map<std::string, std::string> keysByLabel;
     ProgressLine progress("reading captures");
     size_t read = 0;

@@ -35,8 +35,8 @@ struct SMapVolume {
 // One host's device map, entries in device-name order.
 struct SHostMap {
     std::string hostName;
-    std::string machineId;  // "" when not known
     std::vector<SMapVolume> volumes;
+    std::string machineId;  // "" when not known
 };
 
 class CDeviceMapCompare {

@@ -436,7 +436,7 @@ std::vector<CDeviceMapCompare::Finding> CDeviceMapCompare::compare(const SHostMa
                 continue;
             }
             findings.push_back(Finding{Remapped, old.first, sideOf(udidsBefore, a.udid),
-                                       sideOf(udidsAfter, b.udid)});
+                                       sideOf(udidsAfter, b.udid), std::string()});
             accounted.insert(a.udid);
             accounted.insert(b.udid);
         }
@@ -451,7 +451,7 @@ std::vector<CDeviceMapCompare::Finding> CDeviceMapCompare::compare(const SHostMa
         }
         findings.push_back(Finding{IdentityChanged, old.first,
                                    sideOf(udidsBefore, old.second->udid),
-                                   sideOf(udidsAfter, now->second->udid)});
+                                   sideOf(udidsAfter, now->second->udid), std::string()});
         accounted.insert(old.second->udid);
         accounted.insert(now->second->udid);
     }
@@ -477,17 +477,17 @@ std::vector<CDeviceMapCompare::Finding> CDeviceMapCompare::compare(const SHostMa
     for (const auto& old : udidsBefore) {
         auto now = udidsAfter.find(old.first);
         if (now != udidsAfter.end() && old.second.deviceNames != now->second.deviceNames) {
-            findings.push_back(Finding{Moved, old.first, old.second, now->second});
+            findings.push_back(Finding{Moved, old.first, old.second, now->second, std::string()});
         }
     }
     for (const auto& now : udidsAfter) {
         if (udidsBefore.count(now.first) == 0 && accounted.count(now.first) == 0) {
-            findings.push_back(Finding{Added, now.first, Side(), now.second});
+            findings.push_back(Finding{Added, now.first, Side(), now.second, std::string()});
         }
     }
     for (const auto& old : udidsBefore) {
         if (udidsAfter.count(old.first) == 0 && accounted.count(old.first) == 0) {
-            findings.push_back(Finding{Removed, old.first, old.second, Side()});
+            findings.push_back(Finding{Removed, old.first, old.second, Side(), std::string()});
         }
     }
     std::stable_sort(findings.begin(), findings.end(),
@@ -509,7 +509,8 @@ void CFleetView::addHost(const SHostMap& host)
         }
     }
     for (auto& entry : names) {
-        m_byUdid[entry.first].push_back(Sighting{host.hostName, host.machineId, std::move(entry.second)});
+        m_byUdid[entry.first].push_back(
+            Sighting{host.hostName, host.machineId, std::move(entry.second)});
     }
 }
 
