@@ -21,6 +21,8 @@ and the hosts of the change-detection scenarios under tests/scenarios/changes/ho
   the captures below.
 - localhost-a.json, localhost-b.json: captures of two hosts that are both named localhost.
 - anon-dbhost01.json, anon-dbhost02.json: anonymised captures of the two cluster hosts.
+- localhost-b-recorded-differs.json: the second localhost's capture whose recorded map gives
+  /dev/sdc another UDID than its replay does.
 
 The captures need the command: python3 scripts/make_compare_examples.py [SCSITOOL]; without it
 only the hand-written hosts are written. Run from the top of the tree.
@@ -165,6 +167,14 @@ def main():
         write(plain, with_machine_id(source, machine_id, "localhost"))
         capture(binary, plain, f"{hosts}/{name}.json")
         os.remove(plain)
+    # The second localhost's capture with one recorded UDID that its replay does not give.
+    with open(f"{hosts}/localhost-b.json") as f:
+        tampered = json.load(f)
+    for row in tampered["capture"]["map"]:
+        if row["DeviceName"] == "/dev/sdc":
+            row["Uid"] = "UDID##EMC##SYMMETRIX##000001879014##0B00"
+    tampered["capture"]["capture_id"] = "0" * 32
+    write(f"{hosts}/localhost-b-recorded-differs.json", tampered)
 
 
 if __name__ == "__main__":

@@ -2,7 +2,7 @@
 # Installs the Debian packages the build needs, when any is missing.
 set -euo pipefail
 packages=(cmake g++ make pkg-config libace-dev googletest libgtest-dev libgmock-dev
-          libbenchmark-dev nlohmann-json3-dev libcli11-dev clang clang-format
+          libbenchmark-dev nlohmann-json3-dev libcli11-dev libsimdjson-dev clang clang-format
           libclang-rt-14-dev valgrind python3 python3-jsonschema lintian)
 missing=()
 for p in "${packages[@]}"; do

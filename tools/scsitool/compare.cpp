@@ -90,20 +90,6 @@ std::string dumped(const ordered_json& value)
     return value.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
 }
 
-// The capture replayed on the simulated host; exit 2 with the loader's message when it is not one.
-std::unique_ptr<simhost::SimHost> loadCapture(const std::string& capture)
-{
-    std::string error;
-    std::unique_ptr<simhost::SimHost> host = simhost::SimHost::fromFile(capture, error);
-    if (!host) {
-        // The loader's messages name the file already, except for its JSON errors.
-        throw CommandError(kExitBadInput, error.find(capture) != std::string::npos
-                                              ? error
-                                              : capture + ": " + error);
-    }
-    return host;
-}
-
 std::string stringField(const ordered_json& object, const char* key)
 {
     return object.is_object() && object.contains(key) && object[key].is_string()
@@ -131,6 +117,19 @@ void reportUnopenedNodes(const SHostMap& map)
 }
 
 }  // namespace
+
+std::unique_ptr<simhost::SimHost> loadCapture(const std::string& capture)
+{
+    std::string error;
+    std::unique_ptr<simhost::SimHost> host = simhost::SimHost::fromFile(capture, error);
+    if (!host) {
+        // The loader's messages name the file already, except for its JSON errors.
+        throw CommandError(kExitBadInput, error.find(capture) != std::string::npos
+                                              ? error
+                                              : capture + ": " + error);
+    }
+    return host;
+}
 
 SideContext installedSide(const std::string& source, const std::string& record)
 {
@@ -177,35 +176,10 @@ HostSide loadSide(Session& session, const std::string& capture)
     return side;
 }
 
-namespace {
-
-// A capture's native disks as fleet reads them: the disks the kernel lists, queried one by one.
-SHostMap loadFleetHost(Session& session, const simhost::SimHost& host)
-{
-    std::vector<std::string> disks;
-    for (const simhost::SimDevice& device : host.devices()) {
-        if (device.state != simhost::DeviceState::Latent &&
-            device.state != simhost::DeviceState::Removed) {
-            disks.push_back(device.name);
-        }
-    }
-    return CDeviceMapCompare::describeDisks(session.factory(), disks);
-}
-
-std::string fileText(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 void warn(const std::string& message)
 {
     std::fprintf(stderr, "scsitool: warning: %s\n", message.c_str());
 }
-
-}  // namespace
 
 std::string describeSide(const SideContext& side)
 {
@@ -243,63 +217,6 @@ std::string runDiff(Session& session, const std::string& before, const std::stri
         return formatFindingsJson(findings, first.context, second.context);
     }
     return formatContext(first.context, second.context) + formatFindingsTable(findings);
-}
-
-std::string runFleet(Session& session, const std::vector<std::string>& captures, bool json,
-                     bool& conflicts)
-{
-    if (captures.empty()) {
-        throw CommandError(kExitBadInput, "fleet: no captures given");
-    }
-    CFleetView fleet;
-    std::map<std::string, std::string> seen;    // capture id (or content) -> the first file
-    std::map<std::string, std::string> labels;  // host key -> the name the output gives it
-    std::map<std::string, std::string> keysByLabel;
-    ProgressLine progress("reading captures");
-    size_t read = 0;
-    for (const std::string& capture : captures) {
-        progress.setWhat("reading captures " + std::to_string(++read) + " of " +
-                         std::to_string(captures.size()));
-        if (capture == "-") {
-            throw CommandError(kExitBadInput, "fleet: takes capture files, not - (this host)");
-        }
-        std::unique_ptr<simhost::SimHost> host = loadCapture(capture);
-        simhost::SimHostInstall install(*host);
-        const SideContext context = installedSide(capture, host->capture());
-
-        // A capture is known by its own id; a snapshot that capture did not write by its text.
-        const std::string contentId = context.captureId.empty()
-                                          ? "content " + sha256Hex(fileText(capture))
-                                          : "capture " + context.captureId;
-        auto first = seen.emplace(contentId, capture);
-        if (!first.second) {
-            warn(capture + ": the same capture as " + first.first->second + ", counted once");
-            continue;
-        }
-        // A host is its machine id and name; without a machine id, its name and what it holds.
-        const std::string hostKey =
-            context.hostName + "\n" + (context.machineId.empty() ? contentId : context.machineId);
-        std::string label = context.hostName.empty() ? capture : context.hostName;
-        auto known = labels.find(hostKey);
-        if (known != labels.end()) {
-            label = known->second;
-        } else {
-            // Two hosts of one name are told apart by their machine ids (or their files).
-            if (keysByLabel.count(label) != 0) {
-                label += " (" +
-                         (context.machineId.empty() ? capture : context.machineId.substr(0, 12)) +
-                         ")";
-            }
-            labels[hostKey] = label;
-            keysByLabel[label] = hostKey;
-        }
-        SHostMap map = loadFleetHost(session, *host);
-        map.hostName = label;
-        map.machineId = context.machineId;
-        fleet.addHost(map);
-    }
-    conflicts = !fleet.conflicts().empty();
-    return json ? formatFleetJson(fleet) : formatFleetTable(fleet);
 }
 
 std::string formatFindingsTable(const std::vector<Finding>& findings)

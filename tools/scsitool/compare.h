@@ -3,11 +3,13 @@
 #ifndef SCSITOOL_CLI_COMPARE_H
 #define SCSITOOL_CLI_COMPARE_H
 
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "device_map_compare.h"
 #include "session.h"
+#include "simhost.h"
 
 namespace scsitool_cli {
 
@@ -40,12 +42,20 @@ std::string machineIdOfInstalledHost();
 // for a capture that cannot be used.
 HostSide loadSide(Session& session, const std::string& capture);
 
+// The capture as a simulated host; CommandError (exit 2) with the loader's message when it is not
+// one.
+std::unique_ptr<simhost::SimHost> loadCapture(const std::string& capture);
+// "scsitool: warning: MESSAGE" on stderr.
+void warn(const std::string& message);
+
 // Sets `differ` when the two maps disagree in any way.
 std::string runDiff(Session& session, const std::string& before, const std::string& after,
                     bool json, bool& differ);
-// Sets `conflicts` when hosts know one volume under different UDIDs.
+// Sets `conflicts` when hosts know one volume under different UDIDs. Each capture's recorded map
+// is read (a snapshot without one is replayed); `replay` replays every capture and warns where
+// the replay differs from the record.
 std::string runFleet(Session& session, const std::vector<std::string>& captures, bool json,
-                     bool& conflicts);
+                     bool replay, bool& conflicts);
 
 // "before: …" and "after: …", and a warning on stderr when the host names differ.
 std::string formatContext(const SideContext& before, const SideContext& after);

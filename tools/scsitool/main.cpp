@@ -124,6 +124,10 @@ int main(int argc, char** argv)
         "fleet", "the volumes that several captured hosts share (5: a volume with two UDIDs)");
     fleet->add_option("CAPTURE", captures, "captures of the hosts")->type_name("FILE");
     fleet->add_flag("--json", compareJson, "a JSON object");
+    bool replayFleet = false;
+    fleet->add_flag("--replay", replayFleet,
+                    "recompute each capture's map with this build instead of reading the one "
+                    "recorded, and warn where they differ");
 
     bool anonymise = false;
     capture->add_flag("--anonymise", anonymise,
@@ -192,7 +196,7 @@ int main(int argc, char** argv)
             exitCode = differ ? kExitDiffers : kExitSuccess;
         } else if (fleet->parsed()) {
             bool conflicts = false;
-            output = runFleet(session, captures, compareJson, conflicts);
+            output = runFleet(session, captures, compareJson, replayFleet, conflicts);
             exitCode = conflicts ? kExitDiffers : kExitSuccess;
         } else if (check->parsed()) {
             bool differ = false;
