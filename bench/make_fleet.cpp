@@ -100,7 +100,7 @@ std::string captureRecord(simhost::SimHost& host, const std::string& hostName,
     record["machine_id"] = machineId;
     record["capture_id"] = id;
     record["map"] = map;
-    return record.dump();
+    return record.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -99,6 +100,18 @@ TEST(VolumeKey, PrefersTheUnitsNaaThenEuiThenT10ThenTheSerial)
     };
     for (const Case& c : cases) {
         EXPECT_EQ(CDeviceMapCompare::volumeKey(recordWith(c.vendor, c.pages)), c.key) << c.what;
+    }
+}
+
+TEST(DeviceMapCompare, ANodeThatDoesNotOpenIsDeniedGoneOrInError)
+{
+    const struct {
+        int error;
+        const char* state;
+    } cases[] = {{EACCES, "denied"}, {EPERM, "denied"}, {ENXIO, "gone"}, {ENOENT, "gone"},
+                 {ENODEV, "gone"},   {EIO, "error"},    {EBUSY, "error"}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(CDeviceMapCompare::openFailureState(c.error), c.state) << c.error;
     }
 }
 

@@ -60,6 +60,9 @@ public:
         std::string state;  // unavailable: the name's state now ("unresponsive", "gone", ...)
     };
 
+    // Why a node did not open, in the words of the map: "denied" (EACCES, EPERM), "gone" (ENXIO,
+    // ENOENT, ENODEV) or "error".
+    static std::string openFailureState(int error);
     // Whether the device answered its INQUIRY.
     static bool answered(const SMapVolume& volume) { return volume.state == "running"; }
 

@@ -125,22 +125,6 @@ std::string stateOf(const CScsiDeviceData& record)
     return isPseudoDevice(record.m_deviceName) ? "no-path" : "unresponsive";
 }
 
-// Why a node does not open, in the words of the map.
-std::string openFailureState(int error)
-{
-    switch (error) {
-        case EACCES:
-        case EPERM:
-            return "denied";
-        case ENXIO:
-        case ENOENT:
-        case ENODEV:
-            return "gone";
-        default:
-            return "error";
-    }
-}
-
 // 0 when the node opens, otherwise the errno of the failed open.
 int openError(const std::string& node)
 {
@@ -296,6 +280,21 @@ const char* CDeviceMapCompare::kindName(Kind kind)
             return "removed";
     }
     return "";
+}
+
+std::string CDeviceMapCompare::openFailureState(int error)
+{
+    switch (error) {
+        case EACCES:
+        case EPERM:
+            return "denied";
+        case ENXIO:
+        case ENOENT:
+        case ENODEV:
+            return "gone";
+        default:
+            return "error";
+    }
 }
 
 std::string CDeviceMapCompare::volumeKey(const CScsiDeviceData& record)
