@@ -287,16 +287,49 @@ std::string formatFindingsJson(const std::vector<Finding>& findings, const SideC
     return dumped(object);
 }
 
-std::string formatFleetTable(const CFleetView& fleet)
+namespace {
+
+// The text of a large output, handed to `write` in pieces of about a mebibyte when there is a
+// writer: the whole text of a large fleet would double the command's memory.
+class PiecewiseText {
+public:
+    explicit PiecewiseText(const TextWriter& write) : m_write(write) {}
+    std::string& text()
+    {
+        if (m_write && m_text.size() > (1u << 20)) {
+            m_write(m_text);
+            m_text.clear();
+        }
+        return m_text;
+    }
+    std::string finish()
+    {
+        if (!m_write) {
+            return std::move(m_text);
+        }
+        m_write(m_text);
+        return std::string();
+    }
+
+private:
+    const TextWriter& m_write;
+    std::string m_text;
+};
+
+}  // namespace
+
+std::string formatFleetTable(const CFleetView& fleet, const TextWriter& write)
 {
-    std::string text;
+    PiecewiseText out(write);
     fleet.visitShared([&](const CFleetView::SharedVolume& volume) {
+        std::string& text = out.text();
         text += volume.udid + "\n";
         for (const CFleetView::Sighting& sighting : volume.sightings) {
             text += "  " + sighting.host + ": " + joined(sighting.deviceNames) + "\n";
         }
     });
     for (const CFleetView::Conflict& conflict : fleet.conflicts()) {
+        std::string& text = out.text();
         text += "conflict " + conflict.volumeKey + ":";
         std::string separator = " ";
         for (const auto& entry : conflict.hostsByUdid) {
@@ -305,7 +338,7 @@ std::string formatFleetTable(const CFleetView& fleet)
         }
         text += "\n";
     }
-    return text;
+    return out.finish();
 }
 
 namespace {
@@ -331,9 +364,10 @@ void closeArray(std::string& text, bool empty)
 
 }  // namespace
 
-std::string formatFleetJson(const CFleetView& fleet)
+std::string formatFleetJson(const CFleetView& fleet, const TextWriter& write)
 {
-    std::string text = "{\n  \"hosts\": " + std::to_string(fleet.hosts()) + ",\n  \"shared\": [";
+    PiecewiseText out(write);
+    out.text() = "{\n  \"hosts\": " + std::to_string(fleet.hosts()) + ",\n  \"shared\": [";
     bool first = true;
     fleet.visitShared([&](const CFleetView::SharedVolume& volume) {
         ordered_json hosts = ordered_json::array();
@@ -342,20 +376,21 @@ std::string formatFleetJson(const CFleetView& fleet)
                              {"machine_id", orNull(sighting.machineId)},
                              {"device_names", sighting.deviceNames}});
         }
-        appendElement(text, first, {{"udid", volume.udid}, {"hosts", hosts}});
+        appendElement(out.text(), first, {{"udid", volume.udid}, {"hosts", hosts}});
     });
-    closeArray(text, first);
-    text += ",\n  \"conflicts\": [";
+    closeArray(out.text(), first);
+    out.text() += ",\n  \"conflicts\": [";
     first = true;
     for (const CFleetView::Conflict& conflict : fleet.conflicts()) {
         ordered_json udids = ordered_json::array();
         for (const auto& entry : conflict.hostsByUdid) {
             udids.push_back({{"udid", entry.first}, {"hosts", entry.second}});
         }
-        appendElement(text, first, {{"volume", conflict.volumeKey}, {"udids", udids}});
+        appendElement(out.text(), first, {{"volume", conflict.volumeKey}, {"udids", udids}});
     }
-    closeArray(text, first);
-    return text + "\n}\n";
+    closeArray(out.text(), first);
+    out.text() += "\n}\n";
+    return out.finish();
 }
 
 }  // namespace scsitool_cli

@@ -3,6 +3,7 @@
 #ifndef SCSITOOL_CLI_COMPARE_H
 #define SCSITOOL_CLI_COMPARE_H
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -64,8 +65,10 @@ std::string describeSide(const SideContext& side);
 std::string formatFindingsTable(const std::vector<CDeviceMapCompare::Finding>& findings);
 std::string formatFindingsJson(const std::vector<CDeviceMapCompare::Finding>& findings,
                                const SideContext& before, const SideContext& after);
-std::string formatFleetTable(const CFleetView& fleet);
-std::string formatFleetJson(const CFleetView& fleet);
+// The fleet's text; with a writer, handed to it in pieces as it is made ("" is returned).
+typedef std::function<void(const std::string&)> TextWriter;
+std::string formatFleetTable(const CFleetView& fleet, const TextWriter& write = TextWriter());
+std::string formatFleetJson(const CFleetView& fleet, const TextWriter& write = TextWriter());
 
 }  // namespace scsitool_cli
 

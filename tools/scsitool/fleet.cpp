@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <map>
 #include <string_view>
 #include <thread>
@@ -311,7 +312,11 @@ std::string runFleet(Session& session, const std::vector<std::string>& captures,
         }
     }
     conflicts = !fleet.conflicts().empty();
-    return json ? formatFleetJson(fleet) : formatFleetTable(fleet);
+    // Written as it is made: the text of a large fleet is many times the view it comes from.
+    const TextWriter toStdout = [](const std::string& piece) {
+        std::fwrite(piece.data(), 1, piece.size(), stdout);
+    };
+    return json ? formatFleetJson(fleet, toStdout) : formatFleetTable(fleet, toStdout);
 }
 
 }  // namespace scsitool_cli

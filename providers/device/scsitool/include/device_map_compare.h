@@ -117,14 +117,20 @@ public:
     // must not come with the same one.
     void addHost(const SHostMap& host);
     size_t hosts() const { return m_hosts; }
-    // Hands each UDID seen on more than one host to `visit`, in UDID order; nothing is copied.
+    // Hands each UDID seen on more than one host to `visit`, in UDID order.
     void visitShared(const std::function<void(const SharedVolume&)>& visit) const;
     // Volume keys seen under more than one UDID, in key order.
     std::vector<Conflict> conflicts() const;
 
 private:
+    // A sighting as it is kept: the host by its place in m_hostNames, whose names are kept once.
+    struct Seen {
+        size_t host;
+        std::vector<std::string> deviceNames;
+    };
     size_t m_hosts = 0;
-    std::map<std::string, std::vector<Sighting>> m_byUdid;
+    std::vector<std::pair<std::string, std::string>> m_hostNames;  // name and machine id
+    std::map<std::string, std::vector<Seen>> m_byUdid;
     std::map<std::string, std::set<std::string>> m_byKey;  // the UDIDs of each volume key
 };
 

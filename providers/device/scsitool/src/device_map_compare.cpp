@@ -507,23 +507,35 @@ void CFleetView::addHost(const SHostMap& host)
             m_byKey[volume.volumeKey].insert(volume.udid);
         }
     }
+    // Captures of one host in a row share its names.
+    if (m_hostNames.empty() || m_hostNames.back().first != host.hostName ||
+        m_hostNames.back().second != host.machineId) {
+        m_hostNames.emplace_back(host.hostName, host.machineId);
+    }
     for (auto& entry : names) {
-        m_byUdid[entry.first].push_back(
-            Sighting{host.hostName, host.machineId, std::move(entry.second)});
+        m_byUdid[entry.first].push_back(Seen{m_hostNames.size() - 1, std::move(entry.second)});
     }
 }
 
 void CFleetView::visitShared(const std::function<void(const SharedVolume&)>& visit) const
 {
+    std::vector<Sighting> sightings;
     for (const auto& entry : m_byUdid) {
-        const std::vector<Sighting>& sightings = entry.second;
+        const std::vector<Seen>& seen = entry.second;
         // Two captures of one host share nothing with each other.
-        const bool elsewhere = std::any_of(
-            sightings.begin(), sightings.end(),
-            [&](const Sighting& sighting) { return sighting.host != sightings.front().host; });
-        if (elsewhere) {
-            visit(SharedVolume{entry.first, sightings});
+        const std::string& firstHost = m_hostNames[seen.front().host].first;
+        const bool elsewhere = std::any_of(seen.begin(), seen.end(), [&](const Seen& sighting) {
+            return m_hostNames[sighting.host].first != firstHost;
+        });
+        if (!elsewhere) {
+            continue;
         }
+        sightings.clear();
+        for (const Seen& sighting : seen) {
+            const auto& host = m_hostNames[sighting.host];
+            sightings.push_back(Sighting{host.first, host.second, sighting.deviceNames});
+        }
+        visit(SharedVolume{entry.first, sightings});
     }
 }
 
@@ -538,9 +550,10 @@ std::vector<CFleetView::Conflict> CFleetView::conflicts() const
         conflict.volumeKey = entry.first;
         for (const std::string& udid : entry.second) {
             std::vector<std::string>& hosts = conflict.hostsByUdid[udid];
-            for (const Sighting& sighting : m_byUdid.at(udid)) {
-                if (std::find(hosts.begin(), hosts.end(), sighting.host) == hosts.end()) {
-                    hosts.push_back(sighting.host);
+            for (const Seen& sighting : m_byUdid.at(udid)) {
+                const std::string& host = m_hostNames[sighting.host].first;
+                if (std::find(hosts.begin(), hosts.end(), host) == hosts.end()) {
+                    hosts.push_back(host);
                 }
             }
         }
