@@ -102,6 +102,26 @@ std::pair<std::string, std::string> deviceKey(object device)
     return std::make_pair(name, CDeviceMapCompare::volumeKey(record));
 }
 
+// One row of the recorded map: true for a disk with a UDID, whose name, UDID and host-local flag
+// are then in `volume`.
+bool readDiskRow(object row, SMapVolume& volume)
+{
+    bool disk = false;
+    for (auto column : row) {
+        const std::string_view key = column.unescaped_key();
+        if (key == "DeviceName") {
+            volume.deviceName = text(column.value());
+        } else if (key == "Uid") {
+            volume.udid = text(column.value());
+        } else if (key == "kind") {
+            disk = std::string_view(column.value().get_string()) == "disk";
+        } else if (key == "host_local") {
+            volume.hostLocal = column.value().get_bool();
+        }
+    }
+    return disk && !volume.udid.empty();
+}
+
 // Reads what the fleet needs in one pass over the file's text. False (and nothing trusted) when
 // the file holds no recorded map or is not what capture writes: it is then replayed.
 bool readRecorded(const std::string& path, simdjson::ondemand::parser& parser, CaptureRead& read)
@@ -134,22 +154,9 @@ bool readRecorded(const std::string& path, simdjson::ondemand::parser& parser, C
                         hasMap = true;
                         for (auto row : entry.value().get_array()) {
                             SMapVolume volume;
-                            bool disk = false;
-                            for (auto column : row.get_object()) {
-                                const std::string_view column_key = column.unescaped_key();
-                                if (column_key == "DeviceName") {
-                                    volume.deviceName = text(column.value());
-                                } else if (column_key == "Uid") {
-                                    volume.udid = text(column.value());
-                                } else if (column_key == "kind") {
-                                    disk = std::string_view(column.value().get_string()) == "disk";
-                                } else if (column_key == "host_local") {
-                                    volume.hostLocal = column.value().get_bool();
-                                }
-                            }
                             // The fleet is about the disks; the pseudo-devices in front of them
                             // add no volume.
-                            if (disk && !volume.udid.empty()) {
+                            if (readDiskRow(row.get_object(), volume)) {
                                 read.volumes.push_back(std::move(volume));
                             }
                         }
