@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <string_view>
 #include <thread>
@@ -236,6 +237,24 @@ void readBatch(const std::vector<std::string>& captures, size_t first, size_t co
     }
 }
 
+// A thread joined when it goes out of scope, whatever ends the scope.
+class JoinedThread {
+public:
+    JoinedThread() = default;
+    JoinedThread(const JoinedThread&) = delete;
+    JoinedThread& operator=(const JoinedThread&) = delete;
+    ~JoinedThread()
+    {
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
+    }
+    void start(std::function<void()> work) { m_thread = std::thread(std::move(work)); }
+
+private:
+    std::thread m_thread;
+};
+
 // Captures read ahead of the fold: enough to keep every core busy, few enough that memory stays
 // with the view.
 const size_t kBatch = 256;
@@ -256,13 +275,23 @@ std::string runFleet(Session& session, const std::vector<std::string>& captures,
     std::map<std::string, std::string> labels;  // host key -> the name the output gives it
     std::map<std::string, std::string> keysByLabel;
     ProgressLine progress("reading captures");
-    std::vector<CaptureRead> reads;
+    // The next batch is read on the other cores while this one is folded here.
+    std::vector<CaptureRead> reads, ahead;
+    if (!replay) {
+        readBatch(captures, 0, std::min(kBatch, captures.size()), ahead);
+    }
     for (size_t first = 0; first < captures.size(); first += kBatch) {
         const size_t count = std::min(kBatch, captures.size() - first);
-        if (!replay) {
-            readBatch(captures, first, count, reads);
-        } else {
+        reads.swap(ahead);
+        if (replay) {
             reads.assign(count, CaptureRead());
+        }
+        JoinedThread reader;
+        const size_t next = first + kBatch;
+        if (!replay && next < captures.size()) {
+            reader.start([&captures, &ahead, next]() {
+                readBatch(captures, next, std::min(kBatch, captures.size() - next), ahead);
+            });
         }
         for (size_t i = 0; i < count; ++i) {
             const std::string& capture = captures[first + i];
