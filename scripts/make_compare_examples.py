@@ -15,6 +15,7 @@ and the hosts of the change-detection scenarios under tests/scenarios/changes/ho
   answering (the multipath map and the PowerPath device have no live path).
 - paths-down.json: the same without the node for root only, so that it can be captured.
 - readdressed.json: the Fujitsu LUN sdk at another address under the same name.
+- address-remapped.json: a new volume at sdd's address, which came up as sdz.
 - no-rights.json: the datacenter host, without its multipath maps and PowerPath devices, where
   no disk node opens without root.
 - with-machine-id.json, dbhost02-with-machine-id.json: the two hosts with their machine ids, for
@@ -114,6 +115,14 @@ def readdressed(base):
     return host
 
 
+def address_remapped(base):
+    host = copy.deepcopy(base)
+    sdd = device(host, "sdd")
+    sdd["name"] = "sdz"
+    sdd["vpd"]["83"] = sdd["vpd"]["83"].replace("1a 2b", "1a 2c")
+    return host
+
+
 def no_rights(base):
     # Without multipath or PowerPath: the simulated host opens their nodes to anyone.
     host = copy.deepcopy(base)
@@ -149,6 +158,7 @@ def main():
     write(f"{SCENARIO_HOSTS}/paths-down.json", paths_down(base))
     write(f"{SCENARIO_HOSTS}/readdressed.json", readdressed(base))
     write(f"{SCENARIO_HOSTS}/no-rights.json", no_rights(base))
+    write(f"{SCENARIO_HOSTS}/address-remapped.json", address_remapped(base))
     first = with_machine_id(base, "5f0c9a4e2b7d4c1e8a3f6b2d9e0c7a14")
     second = with_machine_id(second_host(base), "c3a1e7f09b2d4e6a8c5b1f3e7d9a2c40")
     write(f"{SCENARIO_HOSTS}/with-machine-id.json", first)
