@@ -3,8 +3,8 @@
 # Installs the Debian packages the build needs, when any is missing.
 set -euo pipefail
 packages=(cmake g++ make pkg-config libace-dev googletest libgtest-dev libgmock-dev
-          libbenchmark-dev nlohmann-json3-dev libcli11-dev libsmartcols-dev clang clang-format
-          libclang-rt-14-dev valgrind python3 python3-jsonschema lintian abigail-tools
+          libbenchmark-dev nlohmann-json3-dev libcli11-dev libsmartcols-dev libsimdjson-dev clang
+          clang-format libclang-rt-14-dev valgrind python3 python3-jsonschema lintian abigail-tools
           binutils dpkg-dev xz-utils)
 missing=()
 for p in "${packages[@]}"; do

@@ -63,5 +63,23 @@ for name in sorted(os.listdir(hosts_dir)):
         with open(capture) as f:
             check(json.load(f), "host-snapshot.schema.json", f"{name} capture")
 
+# The comparisons: every example host against the datacenter host (whatever differs), and the
+# fleet of them all. Both exit 5 when they find something.
+def compared(args):
+    result = subprocess.run([binary] + args, capture_output=True, text=True)
+    if result.returncode not in (0, 5):
+        raise SystemExit(f"scsitool {' '.join(args)}: exit {result.returncode}: {result.stderr}")
+    return json.loads(result.stdout)
+
+
+hosts = sorted(os.path.join(hosts_dir, n) for n in os.listdir(hosts_dir) if n.endswith(".json"))
+base = os.path.join(hosts_dir, "datacenter.json")
+for host in hosts:
+    check(compared(["diff", "--json", base, host]), "schemas/diff.schema.json",
+          f"diff {os.path.basename(host)}")
+    check(compared(["--host", host, "diff", "--json", "-", base]), "schemas/diff.schema.json",
+          f"diff - {os.path.basename(host)}")
+check(compared(["fleet", "--json"] + hosts), "schemas/fleet.schema.json", "fleet")
+
 print(f"{checked} outputs checked, {failures} schema errors")
 sys.exit(1 if failures else 0)

@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -236,15 +237,21 @@ TEST(CommandVerify, TheReplayOfACaptureGivesItsRecordedMap)
     unrecorded.erase("capture");
     writeFile(dir.file("unrecorded.json"), unrecorded.dump());
 
+    // What is compared comes first: the capture as recorded, and the version that replays it.
+    auto context = [](const std::string& file) {
+        return "recorded: " + file +
+               ": host node7, kernel 5.10.0-23-amd64, captured 1970-01-01T00:00:00Z by "
+               "scsitool " SCSITOOL_VERSION "\nreplayed: by scsitool " SCSITOOL_VERSION "\n";
+    };
     Result same = run({"verify", capture});
     EXPECT_EQ(same.status, 0) << same.err;
-    EXPECT_EQ(same.out, "the replay gives the recorded map: 4 devices\n");
+    EXPECT_EQ(same.out, context(capture) + "the replay gives the recorded map: 4 devices\n");
     Result differs = run({"verify", dir.file("changed.json")});
     EXPECT_EQ(differs.status, 5) << differs.err;
-    EXPECT_EQ(differs.out,
-              "/dev/sda: in the replay, not recorded\n"
-              "/dev/sdb: Uid recorded \"UDID##X\", replayed \"" +
-                  captured["capture"]["map"][3]["Uid"].get<std::string>() + "\"\n");
+    EXPECT_EQ(differs.out, context(dir.file("changed.json")) +
+                               "/dev/sda: in the replay, not recorded\n"
+                               "/dev/sdb: Uid recorded \"UDID##X\", replayed \"" +
+                               captured["capture"]["map"][3]["Uid"].get<std::string>() + "\"\n");
     expectErrors({
         {{"verify", dir.file("unrecorded.json")},
          2,
@@ -259,19 +266,46 @@ TEST(CommandVerify, TheReplayOfACaptureGivesItsRecordedMap)
 TEST(CommandCapture, AnonymisedCaptureReplacesHostNamesConsistently)
 {
     TempDir dir;
+    // The datacenter host with a machine id, and a second host that differs only by it.
+    nlohmann::json host = parseJson(readFile(kDatacenter));
+    host["files"]["/etc/machine-id"] = "5f0c9a4e2b7d4c1e8a3f6b2d9e0c7a14\n";
+    writeFile(dir.file("host.json"), host.dump());
+    host["files"]["/etc/machine-id"] = "c3a1e7f09b2d4e6a8c5b1f3e7d9a2c40\n";
+    writeFile(dir.file("other.json"), host.dump());
     const std::string capture = dir.file("anonymous.json");
-    ASSERT_EQ(run({"--host", kDatacenter, "capture", "--anonymise", capture}).status, 0);
+    ASSERT_EQ(run({"--host", dir.file("host.json"), "capture", "--anonymise", capture}).status, 0);
     const std::string text = readFile(capture);
-    for (const char* name : {"dbhost01", "DBHOST01", "dc01a7f3e2b1", "21000024ff2c3d4e"})
+    for (const char* name :
+         {"dbhost01", "DBHOST01", "dc01a7f3e2b1", "21000024ff2c3d4e", "5f0c9a4e2b7d4c1e"})
         EXPECT_EQ(text.find(name), std::string::npos) << name << " is still in the capture";
     nlohmann::json initiators = parseJson(run({"--host", capture, "initiators", "--json"}).out);
-    EXPECT_EQ(initiators["iscsi_initiator"], "iqn.2000-01.invalid.example:initiator");
-    EXPECT_EQ(initiators["fc_port_names"], nlohmann::json::array({"2000000000000001"}));
-    EXPECT_EQ(initiators["fc_hosts"][1]["port_name"], "20:00:00:00:00:00:00:02");
-    // The host-local UDIDs of the recorded map carry the stand-in too: the replay agrees.
+    const std::string iqn = initiators["iscsi_initiator"];
+    EXPECT_TRUE(std::regex_match(iqn, std::regex("iqn\\.2000-01\\.invalid\\.example:[0-9a-f]{16}")))
+        << iqn;
+    ASSERT_EQ(initiators["fc_port_names"].size(), 1u);
+    const std::string port = initiators["fc_port_names"][0];
+    EXPECT_TRUE(std::regex_match(port, std::regex("2[0-9a-f]{15}"))) << port;
+    // The host-local UDIDs of the recorded map carry the pseudonym too: the replay agrees.
     EXPECT_EQ(run({"verify", capture}).status, 0);
-    EXPECT_NE(run({"--host", capture, "udid", "sdn"}).out.find("@HOST.EXAMPLE.INVALID"),
-              std::string::npos);
+    const std::string hostName = parseJson(text)["hostname"];
+    EXPECT_TRUE(std::regex_match(hostName, std::regex("host-[0-9a-f]{16}\\.example\\.invalid")))
+        << hostName;
+    std::string upper = hostName;
+    std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
+    EXPECT_NE(run({"--host", capture, "udid", "sdn"}).out.find("@" + upper), std::string::npos);
+
+    // The same host anonymises the same way again; another machine id gives other pseudonyms.
+    const std::string again = dir.file("again.json");
+    ASSERT_EQ(run({"--host", dir.file("host.json"), "capture", "--anonymise", again}).status, 0);
+    EXPECT_EQ(parseJson(readFile(again))["hostname"], hostName);
+    EXPECT_EQ(parseJson(readFile(again))["files"], parseJson(text)["files"]);
+    const std::string other = dir.file("other-anonymous.json");
+    ASSERT_EQ(run({"--host", dir.file("other.json"), "capture", "--anonymise", other}).status, 0);
+    const nlohmann::json second = parseJson(readFile(other));
+    EXPECT_NE(second["hostname"], hostName);
+    EXPECT_NE(second["capture"]["machine_id"], parseJson(text)["capture"]["machine_id"]);
+    EXPECT_NE(second["files"]["/etc/iscsi/initiatorname.iscsi"],
+              parseJson(text)["files"]["/etc/iscsi/initiatorname.iscsi"]);
 }
 
 namespace {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -103,6 +104,18 @@ TEST(VolumeKey, PrefersTheUnitsNaaThenEuiThenT10ThenTheSerial)
     }
 }
 
+TEST(DeviceMapCompare, ANodeThatDoesNotOpenIsDeniedGoneOrInError)
+{
+    const struct {
+        int error;
+        const char* state;
+    } cases[] = {{EACCES, "denied"}, {EPERM, "denied"}, {ENXIO, "gone"}, {ENOENT, "gone"},
+                 {ENODEV, "gone"},   {EIO, "error"},    {EBUSY, "error"}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(CDeviceMapCompare::openFailureState(c.error), c.state) << c.error;
+    }
+}
+
 std::string readText(const std::string& path)
 {
     std::ifstream in(path);
@@ -177,9 +190,9 @@ std::string summary(const Finding& f)
         }
         return text;
     };
-    return std::string(CDeviceMapCompare::kindName(f.kind)) + " " + f.subject + ": " +
-           tail(f.before.udid) + " [" + names(f.before) + "] -> " + tail(f.after.udid) + " [" +
-           names(f.after) + "]";
+    return std::string(CDeviceMapCompare::kindName(f.kind)) + " " + f.subject +
+           (f.state.empty() ? "" : " (" + f.state + ")") + ": " + tail(f.before.udid) + " [" +
+           names(f.before) + "] -> " + tail(f.after.udid) + " [" + names(f.after) + "]";
 }
 
 TEST(DeviceMapCompare, EachFindingBetweenTwoSmallHosts)
@@ -230,10 +243,30 @@ TEST(DeviceMapCompare, EachFindingBetweenTwoSmallHosts)
          {"identity-changed serial.ACME.ABCD: 0080000441424344 [/dev/mapper/mpathb,/dev/sdl "
           "4:0:2:0] -> 0080000441424344 [/dev/mapper/mpathb,/dev/sdl 4:0:2:0]"},
          serialOnly},
-        {"the disk that did not answer answers: its name now names a volume",
+        {"the disk that did not answer answers: a volume came, nothing was remapped",
          [](json& h) { deviceNamed(h, "sdn")["state"] = "running"; },
-         {"remapped /dev/sdn: /DEV/SDN@DBHOST01.EXAMPLE.COM [/dev/sdn] -> "
+         {"added "
+          "UDID##DGC##CLARIION##CK200083300789##60:06:01:60:3A:B1:1E:00:4C:8F:5E:59:72:C3:E0:33: "
+          "- [] -> "
           "60:06:01:60:3A:B1:1E:00:4C:8F:5E:59:72:C3:E0:33 [/dev/sdn 4:0:3:0]"}},
+        {"sdd stops answering: unavailable, its volume neither remapped nor removed",
+         [](json& h) { deviceNamed(h, "sdd")["state"] = "unresponsive"; },
+         {"unavailable /dev/sdd (unresponsive): 1A2B [/dev/sdd 3:0:1:0] -> - [/dev/sdd]"}},
+        {"sdd's node no longer opens: unavailable, gone",
+         [](json& h) { deviceNamed(h, "sdd")["state"] = "gone"; },
+         {"unavailable /dev/sdd (gone): 1A2B [/dev/sdd 3:0:1:0] -> - [/dev/sdd]"}},
+        {"the one path of mpathb stops answering: the path and the map, each with its state",
+         [](json& h) { deviceNamed(h, "sdl")["state"] = "unresponsive"; },
+         {"unavailable /dev/mapper/mpathb (no-path): " + acmeOld +
+              " [/dev/mapper/mpathb,/dev/sdl 4:0:2:0] -> - [/dev/mapper/mpathb]",
+          "unavailable /dev/sdl (unresponsive): " + acmeOld +
+              " [/dev/mapper/mpathb,/dev/sdl 4:0:2:0] -> - [/dev/sdl]"}},
+        {"the Fujitsu LUN at another address under the same name",
+         [](json& h) {
+             deviceNamed(h, "sdk")["address"] = json::array({5, 0, 1, 1});
+         },
+         {"readdressed /dev/sdk: 600000E00D0000000001234500010000 [/dev/sdk 4:0:1:1] -> "
+          "600000E00D0000000001234500010000 [/dev/sdk 5:0:1:1]"}},
         {"the Fujitsu LUN came back as sdr",
          [](json& h) { deviceNamed(h, "sdk")["name"] = "sdr"; },
          {"moved UDID##FUJITSU##ETERNUS##4321ABCD##600000E00D0000000001234500010000: "
@@ -289,12 +322,14 @@ TEST(FleetView, SharedVolumesAndOneVolumeUnderTwoUdids)
          {entry("/dev/mapper/mpatha", "UDID##A", "naa.1"), entry("/dev/sdb", "UDID##A", "naa.1"),
           entry("/dev/sdc", "UDID##C", "naa.3"),
           entry("/dev/sdd", "UDID####/DEV/SDD@NODE1", "", true), entry("/dev/sde", "", "naa.5"),
-          entry("/dev/sdf", "UDID##ONLY1", "naa.6")}},
+          entry("/dev/sdf", "UDID##ONLY1", "naa.6")},
+         "m1"},
         {"node2",
          {entry("/dev/sdx", "UDID##A", "naa.1"), entry("/dev/sdc", "UDID##C-NEW", "naa.3"),
-          entry("/dev/sdd", "UDID####/DEV/SDD@NODE1", "", true), entry("/dev/sde", "", "naa.5")}},
+          entry("/dev/sdd", "UDID####/DEV/SDD@NODE1", "", true), entry("/dev/sde", "", "naa.5")},
+         "m2"},
         // A second capture of node1 shares nothing with the first.
-        {"node1", {entry("/dev/sdf", "UDID##ONLY1", "naa.6")}},
+        {"node1", {entry("/dev/sdf", "UDID##ONLY1", "naa.6")}, "m1"},
     };
     CFleetView fleet;
     for (const SHostMap& host : hosts) {
@@ -305,16 +340,15 @@ TEST(FleetView, SharedVolumesAndOneVolumeUnderTwoUdids)
     fleet.visitShared([&](const CFleetView::SharedVolume& volume) {
         std::string line = volume.udid;
         for (const CFleetView::Sighting& sighting : volume.sightings) {
-            line += " " + sighting.host + "=";
+            line += " " + sighting.host + "(" + sighting.machineId + ")=";
             for (const std::string& name : sighting.deviceNames) {
                 line += name + ";";
             }
         }
         shared.push_back(line);
     });
-    EXPECT_EQ(
-        shared,
-        (std::vector<std::string>{"UDID##A node1=/dev/mapper/mpatha;/dev/sdb; node2=/dev/sdx;"}));
+    EXPECT_EQ(shared, (std::vector<std::string>{
+                          "UDID##A node1(m1)=/dev/mapper/mpatha;/dev/sdb; node2(m2)=/dev/sdx;"}));
     const std::vector<CFleetView::Conflict> conflicts = fleet.conflicts();
     ASSERT_EQ(conflicts.size(), 1u);
     EXPECT_EQ(conflicts[0].volumeKey, "naa.3");
@@ -354,7 +388,8 @@ TEST(DeviceMapCompare, DisksQueriedOneByOneGiveTheMapsEntries)
         }
         size_t disksInMap = 0;
         for (const SMapVolume& volume : whole.volumes) {
-            disksInMap += volume.deviceName.compare(0, 7, "/dev/sd") == 0 ? 1 : 0;
+            // Nodes that do not open are described without being in the map.
+            disksInMap += volume.deviceName.compare(0, 7, "/dev/sd") == 0 && volume.openError == 0;
         }
         EXPECT_EQ(matched, disksInMap) << name;
     }

@@ -116,7 +116,8 @@ declare -A holds=(
     /libscsitool.so /libfikit.so /libsimhost.a /scsitool.pc /cmake/scsitool/scsitoolConfig.cmake
     /cmake/scsitool/scsitoolTargets.cmake /cmake/scsitool/FindACE.cmake"
   [scsitool]="./usr/bin/scsitool ./usr/share/man/man1/scsitool.1.gz
-    ./usr/share/bash-completion/completions/scsitool")
+    ./usr/share/bash-completion/completions/scsitool
+    ./usr/lib/systemd/system/scsitool-check.service ./usr/lib/systemd/system/scsitool-check.timer")
 for deb in "${debs[@]}"; do
   name=$(dpkg-deb -f "$deb" Package)
   files=$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ { print $6 }')

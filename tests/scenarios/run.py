@@ -26,6 +26,8 @@ A scenario file:
     --- trace 6 calls              the same with the function tracer's lines kept, each source
                                    line number shown as "#"
     --- file NAME                  a file the command wrote under {tmp}
+    --- given NAME                 a file put under {tmp} before the command runs, inline ...
+    --- given NAME examples/x.json ... or a copy of a file of the source tree
     --- contains trace 3           these lines, in this order, somewhere in the trace (other
                                    lines may come before, between and after them); "contains"
                                    goes in front of any of the sections above: stdout, stderr,
@@ -145,6 +147,17 @@ def run(scenario, binary, source, wrapper=()):
                 hostFile = os.path.join(tmp, "host.json")
                 open(hostFile, "w", encoding="utf-8").write(host)
                 front += ["--host", hostFile]
+        for header, body in scenario.sections:
+            if header.split(" ")[0] != "given":
+                continue
+            parts = header.split()
+            if len(parts) not in (2, 3):
+                raise ValueError(f"{scenario.path}: given takes a name and at most one source file")
+            target = os.path.join(tmp, parts[1])
+            os.makedirs(os.path.dirname(target), exist_ok=True)
+            text = open(os.path.join(source, parts[2]), encoding="utf-8").read() \
+                if len(parts) == 3 else body
+            open(target, "w", encoding="utf-8").write(text)
         events = os.path.join(tmp, "events.txt")
         if scenario.get("events")[0] is not None:
             front += ["--events", events]
@@ -191,7 +204,7 @@ def run(scenario, binary, source, wrapper=()):
                 path = os.path.join(tmp, header.split(" ", 1)[1].strip())
                 text = open(path, encoding="utf-8").read() if os.path.exists(path) else ""
                 actual[header] = shown(fold(text))
-            elif name not in ("host", "command") or full != header:
+            elif name not in ("host", "command", "given") or full != header:
                 raise ValueError(f"{scenario.path}: unknown section {full!r}")
         return actual
 

@@ -14,7 +14,9 @@
 
 #include "capture_parts.h"
 #include "commands.h"
+#include "compare.h"
 #include "device_udid_factory.h"
+#include "digest.h"
 #include "errors.h"
 #include "fi_system.h"
 #include "map_view.h"
@@ -86,6 +88,7 @@ using namespace capture;
 const char* const kExecutables[] = {"/sbin/iscsiadm", "/sbin/powermt", "/bin/rescan-scsi-bus.sh",
                                     "/sbin/multipath", "/sbin/pidof"};
 const char* const kInitiatorFile = "/etc/iscsi/initiatorname.iscsi";
+const char* const kMachineIdFile = "/etc/machine-id";
 
 void captureHost(Session& session, simhost::SimHost& snapshot)
 {
@@ -105,9 +108,12 @@ void captureHost(Session& session, simhost::SimHost& snapshot)
     Identities identities = captureDisks(session, snapshot);
     capturePseudoDevices(session, snapshot, identities);
     captureAdapters(snapshot);
-    std::string initiator;
-    if (readText(kInitiatorFile, initiator)) {
-        snapshot.addFile(kInitiatorFile, initiator);
+    // The files are kept so that a capture of the replayed snapshot records them again.
+    for (const char* path : {kInitiatorFile, kMachineIdFile}) {
+        std::string text;
+        if (readText(path, text)) {
+            snapshot.addFile(path, text);
+        }
     }
     for (const char* path : kExecutables) {
         if (fiSystem().access(path, X_OK) == 0) {
@@ -145,41 +151,60 @@ void replaceAll(std::string& text, const std::string& from, const std::string& t
     }
 }
 
-// The names that identify the customer's host, each with its stand-in: the host name (also
-// upper-case, as host-local UDIDs hold it), the iSCSI initiator name and the FC port names
-// (their 16 hexadecimal digits, in either case).
-std::vector<std::pair<std::string, std::string>> standIns(const simhost::SimHost& snapshot)
+// A pseudonym of `value`: hexadecimal digits of a digest of the kind of name, the machine id and
+// the value. The same host anonymises the same way every time, so its captures still diff; two
+// hosts get different ones even when they share a name ("localhost"). The machine id, which never
+// leaves the host, keeps a pseudonym from being guessed back from a list of likely names.
+std::string pseudonym(const char* kind, const std::string& machineId, const std::string& value,
+                      size_t digits)
+{
+    return sha256Hex(std::string(kind) + "\n" + machineId + "\n" + value).substr(0, digits);
+}
+
+// The names that identify the customer's host, each with its pseudonym: the host name (also
+// upper-case, as host-local UDIDs hold it), the machine id, the iSCSI initiator name and the FC
+// port names (their 16 hexadecimal digits, in either case). Longer names are replaced first, so
+// that a name inside another (the host name in the initiator name) takes the other's pseudonym.
+std::vector<std::pair<std::string, std::string>> standIns(const simhost::SimHost& snapshot,
+                                                          const std::string& machineId)
 {
     std::vector<std::pair<std::string, std::string>> names;
     char name[256] = {0};
     if (fiSystem().gethostname(name, sizeof name - 1) == 0 && name[0] != '\0') {
-        names.emplace_back(name, "host.example.invalid");
-        names.emplace_back(CStringTool::tostrupper(name), "HOST.EXAMPLE.INVALID");
+        const std::string host =
+            "host-" + pseudonym("host", machineId, name, 16) + ".example.invalid";
+        names.emplace_back(name, host);
+        names.emplace_back(CStringTool::tostrupper(name), CStringTool::tostrupper(host));
+    }
+    if (!machineId.empty()) {
+        names.emplace_back(machineId, pseudonym("machine-id", machineId, machineId, 32));
     }
     std::string initiator;
     if (snapshot.fileText(kInitiatorFile, initiator)) {
         size_t at = initiator.find("InitiatorName=");
         if (at != std::string::npos) {
-            names.emplace_back(firstLine(initiator.substr(at + 14)),
-                               "iqn.2000-01.invalid.example:initiator");
+            const std::string iqn = firstLine(initiator.substr(at + 14));
+            names.emplace_back(
+                iqn, "iqn.2000-01.invalid.example:" + pseudonym("iqn", machineId, iqn, 16));
         }
     }
-    int port = 0;
     for (const simhost::SimAdapter& adapter : snapshot.adapters()) {
         std::string digits = adapter.portName;
         if (digits.compare(0, 2, "0x") == 0) {
             digits = digits.substr(2);
         }
         if (digits.size() == 16) {
-            char standIn[24];
-            std::snprintf(standIn, sizeof standIn, "20000000000000%02x", ++port & 0xff);
             std::string lower = digits, upper = digits;
             std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
             std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
+            // NAA 2 port names, as most adapters have.
+            const std::string standIn = "2" + pseudonym("port", machineId, lower, 15);
             names.emplace_back(lower, standIn);
             names.emplace_back(upper, CStringTool::tostrupper(standIn));
         }
     }
+    std::stable_sort(names.begin(), names.end(),
+                     [](const auto& a, const auto& b) { return a.first.size() > b.first.size(); });
     return names;
 }
 
@@ -192,17 +217,25 @@ std::string runCapture(Session& session, const std::string& file, bool anonymise
         ProgressLine progress("capturing the host");
         simhost::SimHost snapshot;
         captureHost(session, snapshot);
-        // The library's map as this host gives it, for verify.
+        // The map as this host gives it, for verify.
+        const std::string machineId = machineIdOfInstalledHost();
+        const std::string time = captureTime();
         nlohmann::ordered_json origin;
         origin["scsitool_version"] = SCSITOOL_VERSION;
-        origin["time"] = captureTime();
+        origin["time"] = time;
         origin["anonymised"] = anonymise;
+        origin["machine_id"] = machineId;
+        // The capture's own id: a digest of the host, the time and what was captured, so that a
+        // capture is known again whatever its file is called, and two captures differ unless they
+        // hold the same host at the same second in the same state.
+        origin["capture_id"] =
+            sha256Hex(machineId + "\n" + time + "\n" + snapshot.toJson()).substr(0, 32);
         origin["map"] = nlohmann::ordered_json::parse(
             formatMapRowsJson(readMap(session, false, false, false, false)));
         snapshot.setCapture(origin.dump());
         text = snapshot.toJson();
         if (anonymise) {
-            for (const auto& name : standIns(snapshot)) {
+            for (const auto& name : standIns(snapshot, machineId)) {
                 replaceAll(text, name.first, name.second);
             }
         }

@@ -77,10 +77,7 @@ std::string runMap(Session& session, const MapOptions& options)
     std::sort(failures.begin(), failures.end());
     const int denied = reportUnopened(failures);
     if (!queried && !failures.empty()) {
-        throw CommandError(kExitNotFound,
-                           denied > 0 ? "no device could be queried: permission denied (the "
-                                        "command needs root to open the disk nodes)"
-                                      : "no device could be queried");
+        throwNoDeviceQueried(denied > 0);
     }
     if (options.volumes) {
         return options.json ? formatVolumesJson(rows) : formatVolumes(rows, options.table);

@@ -1,11 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "compare.h"
 
-#include <algorithm>
-#include <nlohmann/json.hpp>
+#include <sys/utsname.h>
 
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "capture_parts.h"
+#include "device_probe.h"
 #include "device_udid_factory.h"
+#include "digest.h"
 #include "errors.h"
+#include "fi_system.h"
 #include "progress.h"
 #include "simhost.h"
 
@@ -17,8 +27,10 @@ typedef CDeviceMapCompare::Finding Finding;
 namespace {
 
 const CDeviceMapCompare::Kind kKinds[] = {
-    CDeviceMapCompare::Remapped, CDeviceMapCompare::IdentityChanged, CDeviceMapCompare::Moved,
-    CDeviceMapCompare::Added, CDeviceMapCompare::Removed};
+    CDeviceMapCompare::Remapped,    CDeviceMapCompare::IdentityChanged,
+    CDeviceMapCompare::Unavailable, CDeviceMapCompare::Readdressed,
+    CDeviceMapCompare::Moved,       CDeviceMapCompare::Added,
+    CDeviceMapCompare::Removed};
 
 std::string joined(const std::vector<std::string>& items)
 {
@@ -29,12 +41,48 @@ std::string joined(const std::vector<std::string>& items)
     return text;
 }
 
+// "3:0:1:0" as [3, 0, 1, 0], as `map --json` writes an address; null for anything else.
+ordered_json addressJson(const std::string& address)
+{
+    int parts[4];
+    char tail = 0;
+    if (address.empty() || address[0] == '/' ||
+        std::sscanf(address.c_str(), "%d:%d:%d:%d%c", &parts[0], &parts[1], &parts[2], &parts[3],
+                    &tail) != 4) {
+        return nullptr;
+    }
+    return {parts[0], parts[1], parts[2], parts[3]};
+}
+
 ordered_json sideJson(const CDeviceMapCompare::Side& side)
 {
     ordered_json object;
     object["device_names"] = side.deviceNames;
-    object["addresses"] = side.addresses;
+    ordered_json addresses = ordered_json::array();
+    for (const std::string& address : side.addresses) {
+        addresses.push_back(addressJson(address));
+    }
+    object["addresses"] = addresses;
     object["udid"] = side.udid;
+    return object;
+}
+
+ordered_json orNull(const std::string& text)
+{
+    return text.empty() ? ordered_json(nullptr) : ordered_json(text);
+}
+
+ordered_json contextJson(const SideContext& side)
+{
+    ordered_json object;
+    object["source"] = side.source;
+    object["live"] = side.live;
+    object["host"] = side.hostName;
+    object["kernel"] = orNull(side.kernel);
+    object["time"] = orNull(side.time);
+    object["scsitool_version"] = orNull(side.version);
+    object["machine_id"] = orNull(side.machineId);
+    object["capture_id"] = orNull(side.captureId);
     return object;
 }
 
@@ -43,7 +91,34 @@ std::string dumped(const ordered_json& value)
     return value.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
 }
 
-// The capture replayed on the simulated host; exit 2 with the loader's message when it is not one.
+std::string stringField(const ordered_json& object, const char* key)
+{
+    return object.is_object() && object.contains(key) && object[key].is_string()
+               ? object[key].get<std::string>()
+               : std::string();
+}
+
+// This host's nodes that did not open are named; without the rights to open any, nothing can
+// be compared.
+void reportUnopenedNodes(const SHostMap& map)
+{
+    std::vector<std::pair<std::string, int>> failures;
+    bool queried = false;
+    for (const SMapVolume& volume : map.volumes) {
+        if (volume.openError != 0) {
+            failures.emplace_back(volume.deviceName, volume.openError);
+        } else if (volume.state != "-") {
+            queried = true;
+        }
+    }
+    const int denied = reportUnopened(failures);
+    if (!queried && !failures.empty()) {
+        throwNoDeviceQueried(denied > 0);
+    }
+}
+
+}  // namespace
+
 std::unique_ptr<simhost::SimHost> loadCapture(const std::string& capture)
 {
     std::string error;
@@ -57,65 +132,92 @@ std::unique_ptr<simhost::SimHost> loadCapture(const std::string& capture)
     return host;
 }
 
-}  // namespace
-
-SHostMap loadHostMap(Session& session, const std::string& capture)
+SideContext installedSide(const std::string& source, const std::string& record)
 {
+    SideContext side;
+    side.source = source;
+    side.hostName = Session::hostName();
+    struct utsname uts;
+    if (kzfi_pdk_4_4::fiSystem().uname(&uts) == 0) {
+        side.kernel = uts.release;
+    }
+    const ordered_json fields = ordered_json::parse(record, nullptr, false);
+    side.time = stringField(fields, "time");
+    side.version = stringField(fields, "scsitool_version");
+    side.machineId = stringField(fields, "machine_id");
+    side.captureId = stringField(fields, "capture_id");
+    return side;
+}
+
+std::string machineIdOfInstalledHost()
+{
+    std::string text;
+    return capture::readText("/etc/machine-id", text) ? capture::firstLine(text) : std::string();
+}
+
+HostSide loadSide(Session& session, const std::string& capture)
+{
+    HostSide side;
     if (capture == "-") {
-        ProgressLine progress("scanning devices");
-        return CDeviceMapCompare::describeHost(session.factory());
-    }
-    std::unique_ptr<simhost::SimHost> host = loadCapture(capture);
-    simhost::SimHostInstall install(*host);
-    return CDeviceMapCompare::describeHost(session.factory());
-}
-
-namespace {
-
-// A capture's native disks as fleet reads them: the disks the kernel lists, queried one by one.
-SHostMap loadFleetHost(Session& session, const std::string& capture)
-{
-    std::unique_ptr<simhost::SimHost> host = loadCapture(capture);
-    std::vector<std::string> disks;
-    for (const simhost::SimDevice& device : host->devices()) {
-        if (device.state != simhost::DeviceState::Latent &&
-            device.state != simhost::DeviceState::Removed) {
-            disks.push_back(device.name);
+        side.context = installedSide(capture, "");
+        side.context.live = true;
+        side.context.version = SCSITOOL_VERSION;
+        side.context.machineId = machineIdOfInstalledHost();
+        {
+            ProgressLine progress("scanning devices");
+            side.map = CDeviceMapCompare::describeHost(session.factory());
         }
+        reportUnopenedNodes(side.map);
+        return side;
     }
+    std::unique_ptr<simhost::SimHost> host = loadCapture(capture);
     simhost::SimHostInstall install(*host);
-    return CDeviceMapCompare::describeDisks(session.factory(), disks);
+    side.context = installedSide(capture, host->capture());
+    side.map = CDeviceMapCompare::describeHost(session.factory());
+    return side;
 }
 
-}  // namespace
+void warn(const std::string& message)
+{
+    std::fprintf(stderr, "scsitool: warning: %s\n", message.c_str());
+}
+
+std::string describeSide(const SideContext& side)
+{
+    std::string text = side.live ? std::string("this host, now") : side.source;
+    text += ": host " + (side.hostName.empty() ? std::string("(no name)") : side.hostName);
+    text += ", kernel " + (side.kernel.empty() ? std::string("unknown") : side.kernel);
+    if (side.live) {
+        return text + ", scsitool " + side.version;
+    }
+    if (side.time.empty() && side.version.empty()) {
+        return text + ", not written by capture";
+    }
+    return text + ", captured " +
+           (side.time.empty() ? std::string("at an unknown time") : side.time) + " by scsitool " +
+           (side.version.empty() ? std::string("(unknown version)") : side.version);
+}
+
+std::string formatContext(const SideContext& before, const SideContext& after)
+{
+    return "before: " + describeSide(before) + "\n" + "after: " + describeSide(after) + "\n";
+}
 
 std::string runDiff(Session& session, const std::string& before, const std::string& after,
                     bool json, bool& differ)
 {
-    const SHostMap first = loadHostMap(session, before);
-    const SHostMap second = loadHostMap(session, after);
-    const std::vector<Finding> findings = CDeviceMapCompare::compare(first, second);
+    const HostSide first = loadSide(session, before);
+    const HostSide second = loadSide(session, after);
+    if (first.context.hostName != second.context.hostName) {
+        warn("comparing two different hosts: " + first.context.hostName + " and " +
+             second.context.hostName);
+    }
+    const std::vector<Finding> findings = CDeviceMapCompare::compare(first.map, second.map);
     differ = !findings.empty();
-    return json ? formatFindingsJson(findings) : formatFindingsTable(findings);
-}
-
-std::string runFleet(Session& session, const std::vector<std::string>& captures, bool json)
-{
-    if (captures.empty()) {
-        throw CommandError(kExitBadInput, "fleet: no captures given");
+    if (json) {
+        return formatFindingsJson(findings, first.context, second.context);
     }
-    CFleetView fleet;
-    for (const std::string& capture : captures) {
-        if (capture == "-") {
-            throw CommandError(kExitBadInput, "fleet: takes capture files, not - (this host)");
-        }
-        SHostMap host = loadFleetHost(session, capture);
-        if (host.hostName.empty()) {
-            host.hostName = capture;  // a capture whose host had no name is known by its file
-        }
-        fleet.addHost(host);
-    }
-    return json ? formatFleetJson(fleet) : formatFleetTable(fleet);
+    return formatContext(first.context, second.context) + formatFindingsTable(findings);
 }
 
 std::string formatFindingsTable(const std::vector<Finding>& findings)
@@ -131,6 +233,15 @@ std::string formatFindingsTable(const std::vector<Finding>& findings)
             case CDeviceMapCompare::IdentityChanged:
                 text += kind + " " + finding.subject + ": " + finding.before.udid + " -> " +
                         finding.after.udid + " on " + joined(finding.after.deviceNames) + "\n";
+                break;
+            case CDeviceMapCompare::Unavailable:
+                text += kind + " " + finding.subject + ": " + finding.before.udid + " -> " +
+                        finding.state + "\n";
+                break;
+            case CDeviceMapCompare::Readdressed:
+                text += kind + " " + finding.subject + ": " + joined(finding.before.addresses) +
+                        " -> " + joined(finding.after.addresses) + " (" + finding.after.udid +
+                        ")\n";
                 break;
             case CDeviceMapCompare::Moved:
                 text += kind + " " + finding.subject + ": " + joined(finding.before.deviceNames) +
@@ -149,17 +260,24 @@ std::string formatFindingsTable(const std::vector<Finding>& findings)
     return text;
 }
 
-std::string formatFindingsJson(const std::vector<Finding>& findings)
+std::string formatFindingsJson(const std::vector<Finding>& findings, const SideContext& before,
+                               const SideContext& after)
 {
     ordered_json object = ordered_json::object();
+    object["sides"] = {{"before", contextJson(before)}, {"after", contextJson(after)}};
     for (CDeviceMapCompare::Kind kind : kKinds) {
         ordered_json entries = ordered_json::array();
         for (const Finding& finding : findings) {
             if (finding.kind == kind) {
                 ordered_json entry;
-                entry["subject"] = finding.subject;
+                // A remap found at one SCSI address has that address as its subject.
+                const ordered_json address = addressJson(finding.subject);
+                entry["subject"] = address.is_null() ? ordered_json(finding.subject) : address;
                 entry["before"] = sideJson(finding.before);
                 entry["after"] = sideJson(finding.after);
+                if (kind == CDeviceMapCompare::Unavailable) {
+                    entry["state"] = finding.state;
+                }
                 entries.push_back(entry);
             }
         }
@@ -170,16 +288,49 @@ std::string formatFindingsJson(const std::vector<Finding>& findings)
     return dumped(object);
 }
 
-std::string formatFleetTable(const CFleetView& fleet)
+namespace {
+
+// The text of a large output, handed to `write` in pieces of about a mebibyte when there is a
+// writer: the whole text of a large fleet would double the command's memory.
+class PiecewiseText {
+public:
+    explicit PiecewiseText(const TextWriter& write) : m_write(write) {}
+    std::string& text()
+    {
+        if (m_write && m_text.size() > (1u << 20)) {
+            m_write(m_text);
+            m_text.clear();
+        }
+        return m_text;
+    }
+    std::string finish()
+    {
+        if (!m_write) {
+            return std::move(m_text);
+        }
+        m_write(m_text);
+        return std::string();
+    }
+
+private:
+    const TextWriter& m_write;
+    std::string m_text;
+};
+
+}  // namespace
+
+std::string formatFleetTable(const CFleetView& fleet, const TextWriter& write)
 {
-    std::string text;
+    PiecewiseText out(write);
     fleet.visitShared([&](const CFleetView::SharedVolume& volume) {
+        std::string& text = out.text();
         text += volume.udid + "\n";
         for (const CFleetView::Sighting& sighting : volume.sightings) {
             text += "  " + sighting.host + ": " + joined(sighting.deviceNames) + "\n";
         }
     });
     for (const CFleetView::Conflict& conflict : fleet.conflicts()) {
+        std::string& text = out.text();
         text += "conflict " + conflict.volumeKey + ":";
         std::string separator = " ";
         for (const auto& entry : conflict.hostsByUdid) {
@@ -188,7 +339,7 @@ std::string formatFleetTable(const CFleetView& fleet)
         }
         text += "\n";
     }
-    return text;
+    return out.finish();
 }
 
 namespace {
@@ -214,29 +365,33 @@ void closeArray(std::string& text, bool empty)
 
 }  // namespace
 
-std::string formatFleetJson(const CFleetView& fleet)
+std::string formatFleetJson(const CFleetView& fleet, const TextWriter& write)
 {
-    std::string text = "{\n  \"hosts\": " + std::to_string(fleet.hosts()) + ",\n  \"shared\": [";
+    PiecewiseText out(write);
+    out.text() = "{\n  \"hosts\": " + std::to_string(fleet.hosts()) + ",\n  \"shared\": [";
     bool first = true;
     fleet.visitShared([&](const CFleetView::SharedVolume& volume) {
         ordered_json hosts = ordered_json::array();
         for (const CFleetView::Sighting& sighting : volume.sightings) {
-            hosts.push_back({{"host", sighting.host}, {"device_names", sighting.deviceNames}});
+            hosts.push_back({{"host", sighting.host},
+                             {"machine_id", orNull(sighting.machineId)},
+                             {"device_names", sighting.deviceNames}});
         }
-        appendElement(text, first, {{"udid", volume.udid}, {"hosts", hosts}});
+        appendElement(out.text(), first, {{"udid", volume.udid}, {"hosts", hosts}});
     });
-    closeArray(text, first);
-    text += ",\n  \"conflicts\": [";
+    closeArray(out.text(), first);
+    out.text() += ",\n  \"conflicts\": [";
     first = true;
     for (const CFleetView::Conflict& conflict : fleet.conflicts()) {
         ordered_json udids = ordered_json::array();
         for (const auto& entry : conflict.hostsByUdid) {
             udids.push_back({{"udid", entry.first}, {"hosts", entry.second}});
         }
-        appendElement(text, first, {{"volume", conflict.volumeKey}, {"udids", udids}});
+        appendElement(out.text(), first, {{"volume", conflict.volumeKey}, {"udids", udids}});
     }
-    closeArray(text, first);
-    return text + "\n}\n";
+    closeArray(out.text(), first);
+    out.text() += "\n}\n";
+    return out.finish();
 }
 
 }  // namespace scsitool_cli

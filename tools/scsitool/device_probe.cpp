@@ -210,4 +210,12 @@ int reportUnopened(const std::vector<std::pair<std::string, int>>& failures)
     return denied;
 }
 
+void throwNoDeviceQueried(bool denied)
+{
+    throw CommandError(kExitNotFound,
+                       denied ? "no device could be queried: permission denied (the command needs "
+                                "root to open the disk nodes)"
+                              : "no device could be queried");
+}
+
 }  // namespace scsitool_cli

@@ -82,6 +82,8 @@ bool isWholeDisk(const std::string& name);
 // Names the nodes that did not open, one line each on stderr ("scsitool: NODE: cannot open:
 // REASON"); returns how many did not open for lack of rights.
 int reportUnopened(const std::vector<std::pair<std::string, int>>& failures);
+// No device could be queried: exit 3, saying when it was for lack of rights.
+[[noreturn]] void throwNoDeviceQueried(bool denied);
 
 }  // namespace scsitool_cli
 

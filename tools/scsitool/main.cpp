@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "check.h"
 #include "commands.h"
 #include "compare.h"
 #include "errors.h"
@@ -27,7 +28,7 @@ const char* const kFooter =
     "  2  bad input: a snapshot, configuration, trace or output file that cannot be used\n"
     "  3  device not found, cannot be opened (the reason is named), or it does not answer\n"
     "  4  the library failed unexpectedly\n"
-    "  5  the device maps compared differ";
+    "  5  the device maps compared differ, or hosts know one volume by different UDIDs";
 
 // What --rescan-buses and --rescan-if-missing set off on the host, in order.
 const char* const kRescanFooter =
@@ -145,20 +146,41 @@ int main(int argc, char** argv)
     std::vector<std::string> sides;
     bool compareJson = false;
     CLI::App* diff = app.add_subcommand(
-        "diff", "what changed between two device maps: remapped names, new identities, moves");
+        "diff",
+        "what changed between two device maps: remapped names, new identities, devices that "
+        "stopped answering, new addresses, moves");
     diff->add_option("BEFORE AFTER", sides, "two captures (- for this host now)")
         ->required()
         ->expected(2);
-    diff->add_flag("--json", compareJson, "a JSON object, one array per kind of finding");
+    diff->add_flag("--json", compareJson,
+                   "a JSON object: the sides compared, then one array per kind of finding");
 
     std::vector<std::string> captures;
-    CLI::App* fleet = app.add_subcommand("fleet", "the volumes that several captured hosts share");
+    CLI::App* fleet = app.add_subcommand(
+        "fleet", "the volumes that several captured hosts share (5: a volume with two UDIDs)");
     fleet->add_option("CAPTURE", captures, "captures of the hosts")->type_name("FILE");
     fleet->add_flag("--json", compareJson, "a JSON object");
+    bool replayFleet = false;
+    fleet->add_flag("--replay", replayFleet,
+                    "recompute each capture's map with this build instead of reading the one "
+                    "recorded, and warn where they differ");
 
     bool anonymise = false;
     capture->add_flag("--anonymise", anonymise,
-                      "replace the host name, iSCSI initiator name and FC port names");
+                      "replace the host name, machine id, iSCSI initiator name and FC port names "
+                      "by pseudonyms, the same for this host every time");
+
+    CheckOptions checkOptions;
+    CLI::App* check = app.add_subcommand(
+        "check", "capture this host into DIR and compare it with the capture before (5: differs)");
+    check->add_option("--state-dir", checkOptions.stateDir, "where the captures are kept")
+        ->required()
+        ->type_name("DIR");
+    check->add_option("--keep", checkOptions.keep, "the captures kept (default 30)")
+        ->type_name("N")
+        ->check(CLI::Range(1, 1000000));
+    check->add_flag("--journal", checkOptions.journal,
+                    "put each line behind its priority for the journal (<3> remapped, ...)");
 
     std::string verifyFile;
     CLI::App* verify = app.add_subcommand(
@@ -184,8 +206,8 @@ int main(int argc, char** argv)
     }
     if (app.get_subcommands().empty()) {
         reportError(
-            "a subcommand is required: map, udid, show, initiators, capture, verify, diff or "
-            "fleet");
+            "a subcommand is required: map, udid, show, initiators, capture, verify, diff, "
+            "fleet or check");
         return kExitUsage;
     }
     if (fleet->parsed() && captures.empty()) {
@@ -220,7 +242,13 @@ int main(int argc, char** argv)
             output = runDiff(session, sides[0], sides[1], compareJson, differ);
             exitCode = differ ? kExitDiffers : kExitSuccess;
         } else if (fleet->parsed()) {
-            output = runFleet(session, captures, compareJson);
+            bool conflicts = false;
+            output = runFleet(session, captures, compareJson, replayFleet, conflicts);
+            exitCode = conflicts ? kExitDiffers : kExitSuccess;
+        } else if (check->parsed()) {
+            bool differ = false;
+            output = runCheck(session, checkOptions, differ);
+            exitCode = differ ? kExitDiffers : kExitSuccess;
         } else if (verify->parsed()) {
             bool same = true;
             output = runVerify(session, verifyFile, same);

@@ -32,6 +32,12 @@ ProgressLine::~ProgressLine()
     }
 }
 
+void ProgressLine::setWhat(const std::string& what)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_what = what;
+}
+
 void ProgressLine::run()
 {
     using clock = std::chrono::steady_clock;

@@ -18,6 +18,8 @@ public:
     explicit ProgressLine(const std::string& what);
     ~ProgressLine();
     ProgressLine(const ProgressLine&) = delete;
+    // What the line says from its next refresh on ("reading captures 12 of 400").
+    void setWhat(const std::string& what);
     ProgressLine& operator=(const ProgressLine&) = delete;
 
 private:

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "commands.h"
+#include "compare.h"
 #include "device_udid_factory.h"
 #include "errors.h"
 #include "map_view.h"
@@ -42,6 +43,10 @@ std::string runVerify(Session& session, const std::string& file, bool& same)
         throw CommandError(kExitBadInput,
                            file + ": no recorded map: the snapshot was not written by capture");
     }
+    // What is compared: the capture as it was recorded, and this build's replay of it.
+    const std::string context =
+        "recorded: " + describeSide(installedSide(file, root["capture"].dump())) + "\n" +
+        "replayed: by scsitool " SCSITOOL_VERSION "\n";
     const json replayed =
         json::parse(formatMapRowsJson(readMap(session, false, false, false, false)));
 
@@ -74,9 +79,10 @@ std::string runVerify(Session& session, const std::string& file, bool& same)
     }
     same = differences.empty();
     if (same) {
-        return "the replay gives the recorded map: " + std::to_string(names.size()) + " devices\n";
+        return context + "the replay gives the recorded map: " + std::to_string(names.size()) +
+               " devices\n";
     }
-    return differences;
+    return context + differences;
 }
 
 }  // namespace scsitool_cli

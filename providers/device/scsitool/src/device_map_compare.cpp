@@ -1,11 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "device_map_compare.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 
 #include "device_udid_factory.h"
 #include "fi_system.h"
+#include "kernel_files.h"
 #include "stringtool.h"
 
 namespace {
@@ -109,6 +113,67 @@ std::string addressOf(const CScsiDeviceData& record)
     return text;
 }
 
+// A record whose standard INQUIRY is cached answered. A pseudo-device that does not answer has no
+// live path behind it; the device-mapper control node answers nothing by nature.
+std::string stateOf(const CScsiDeviceData& record)
+{
+    if (record.findPage(0) != nullptr) {
+        return "running";
+    }
+    if (record.m_deviceName == "/dev/mapper/control") {
+        return "-";
+    }
+    return isPseudoDevice(record.m_deviceName) ? "no-path" : "unresponsive";
+}
+
+// 0 when the node opens, otherwise the errno of the failed open.
+int openError(const std::string& node)
+{
+    errno = 0;
+    const int fd = kzfi_pdk_4_4::fiSystem().open(node.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return errno != 0 ? errno : EIO;
+    }
+    kzfi_pdk_4_4::fiSystem().close(fd);
+    return 0;
+}
+
+// "sd" and lower-case letters: a whole disk, not a partition. Checked here rather than by
+// discovery, whose check traces every name it is given.
+bool isWholeDisk(const std::string& name)
+{
+    return name.size() > 2 && name.compare(0, 2, "sd") == 0 &&
+           std::all_of(name.begin() + 2, name.end(), [](char c) { return c >= 'a' && c <= 'z'; });
+}
+
+// The nodes a person expects to see: the whole disks the kernel lists, every multipath map and
+// every PowerPath device.
+std::vector<std::string> expectedNodes()
+{
+    std::vector<std::string> nodes;
+    for (const SPartitionRow& row : readProcPartitions()) {
+        if (isWholeDisk(row.name)) {
+            nodes.push_back("/dev/" + row.name);
+        }
+    }
+    for (const char* directory : {"/dev/mapper/", "/dev/"}) {
+        void* dir = kzfi_pdk_4_4::fiSystem().opendir(directory);
+        if (dir == nullptr) {
+            continue;
+        }
+        while (struct dirent* entry = kzfi_pdk_4_4::fiSystem().readdir(dir)) {
+            const std::string name = std::string(directory) + entry->d_name;
+            if (entry->d_name[0] != '.' && isPseudoDevice(name) && name != "/dev/mapper/control") {
+                nodes.push_back(name);
+            }
+        }
+        kzfi_pdk_4_4::fiSystem().closedir(dir);
+    }
+    std::sort(nodes.begin(), nodes.end());
+    nodes.erase(std::unique(nodes.begin(), nodes.end()), nodes.end());
+    return nodes;
+}
+
 // What the default generator makes of a disk without identity pages: "<node>@<host>".
 bool isHostLocal(const std::string& udid, const std::string& deviceName,
                  const std::string& hostName)
@@ -204,6 +269,10 @@ const char* CDeviceMapCompare::kindName(Kind kind)
             return "remapped";
         case IdentityChanged:
             return "identity-changed";
+        case Unavailable:
+            return "unavailable";
+        case Readdressed:
+            return "readdressed";
         case Moved:
             return "moved";
         case Added:
@@ -212,6 +281,21 @@ const char* CDeviceMapCompare::kindName(Kind kind)
             return "removed";
     }
     return "";
+}
+
+std::string CDeviceMapCompare::openFailureState(int error)
+{
+    switch (error) {
+        case EACCES:
+        case EPERM:
+            return "denied";
+        case ENXIO:
+        case ENOENT:
+        case ENODEV:
+            return "gone";
+        default:
+            return "error";
+    }
 }
 
 std::string CDeviceMapCompare::volumeKey(const CScsiDeviceData& record)
@@ -225,7 +309,28 @@ std::string CDeviceMapCompare::volumeKey(const CScsiDeviceData& record)
 SHostMap CDeviceMapCompare::describeHost(CUDIDFactory& factory)
 {
     std::vector<CScsiDeviceData*> records = factory.m_discovery.rescan(false, false, false);
-    return describeRecords(factory, records, installedHostName());
+    SHostMap host = describeRecords(factory, records, installedHostName());
+    std::set<std::string> mapped;
+    for (const SMapVolume& volume : host.volumes) {
+        mapped.insert(volume.deviceName);
+    }
+    // A node that opens and is not in the map is one the library has no use for (a map of
+    // another kind): it is left out as the map leaves it out.
+    for (const std::string& node : expectedNodes()) {
+        if (mapped.count(node) != 0) {
+            continue;
+        }
+        if (const int error = openError(node)) {
+            SMapVolume volume;
+            volume.deviceName = node;
+            volume.state = openFailureState(error);
+            volume.openError = error;
+            host.volumes.push_back(volume);
+        }
+    }
+    std::sort(host.volumes.begin(), host.volumes.end(),
+              [](const SMapVolume& a, const SMapVolume& b) { return a.deviceName < b.deviceName; });
+    return host;
 }
 
 SHostMap CDeviceMapCompare::describeDisks(CUDIDFactory& factory,
@@ -253,6 +358,7 @@ SHostMap CDeviceMapCompare::describeRecords(CUDIDFactory& factory,
         volume.deviceName = record->m_deviceName;
         volume.address = addressOf(*record);
         volume.volumeKey = volumeKey(*record);
+        volume.state = stateOf(*record);
     }
     DeviceMap map = factory.fillDeviceMap(records, false);
     SHostMap result;
@@ -272,11 +378,44 @@ std::vector<CDeviceMapCompare::Finding> CDeviceMapCompare::compare(const SHostMa
 {
     SHostMap before = fullBefore;
     SHostMap after = fullAfter;
+    std::vector<Finding> findings;
+    std::set<std::string> accounted;  // UDIDs a remap, an identity change or an outage explains
+
+    // A name that answered and now does not: the volume it carried is out of reach, nothing is
+    // known of what the name points at now. Names that do not answer on either side take no
+    // further part: their UDIDs (host-local, or none) say nothing of a volume.
+    const std::map<std::string, Side> allBefore = byUdid(before);
+    std::set<std::string> silent;
+    for (const SMapVolume& now : after.volumes) {
+        if (answered(now)) {
+            continue;
+        }
+        silent.insert(now.deviceName);
+        for (const SMapVolume& old : before.volumes) {
+            if (old.deviceName == now.deviceName && answered(old) && !old.udid.empty()) {
+                Finding finding{Unavailable, now.deviceName, sideOf(allBefore, old.udid), Side(),
+                                now.state};
+                finding.after.deviceNames.push_back(now.deviceName);
+                if (!now.address.empty()) {
+                    finding.after.addresses.push_back(now.address);
+                }
+                findings.push_back(finding);
+                accounted.insert(old.udid);
+            }
+        }
+    }
+    for (SHostMap* map : {&before, &after}) {
+        std::vector<SMapVolume>& volumes = map->volumes;
+        volumes.erase(std::remove_if(volumes.begin(), volumes.end(),
+                                     [&](const SMapVolume& volume) {
+                                         return !answered(volume) ||
+                                                silent.count(volume.deviceName) != 0;
+                                     }),
+                      volumes.end());
+    }
     dropHostLocalPairs(before, after);
     const std::map<std::string, Side> udidsBefore = byUdid(before);
     const std::map<std::string, Side> udidsAfter = byUdid(after);
-    std::vector<Finding> findings;
-    std::set<std::string> accounted;  // UDIDs a remap or identity change explains
 
     // A name, then an address, that answers as another volume. The same volume under another
     // UDID is an identity change, not a remap.
@@ -297,7 +436,7 @@ std::vector<CDeviceMapCompare::Finding> CDeviceMapCompare::compare(const SHostMa
                 continue;
             }
             findings.push_back(Finding{Remapped, old.first, sideOf(udidsBefore, a.udid),
-                                       sideOf(udidsAfter, b.udid)});
+                                       sideOf(udidsAfter, b.udid), std::string()});
             accounted.insert(a.udid);
             accounted.insert(b.udid);
         }
@@ -312,27 +451,47 @@ std::vector<CDeviceMapCompare::Finding> CDeviceMapCompare::compare(const SHostMa
         }
         findings.push_back(Finding{IdentityChanged, old.first,
                                    sideOf(udidsBefore, old.second->udid),
-                                   sideOf(udidsAfter, now->second->udid)});
+                                   sideOf(udidsAfter, now->second->udid), std::string()});
         accounted.insert(old.second->udid);
         accounted.insert(now->second->udid);
+    }
+
+    // The same name and volume at another SCSI address.
+    const auto namesAfter = index(after, &SMapVolume::deviceName);
+    for (const auto& old : index(before, &SMapVolume::deviceName)) {
+        auto now = namesAfter.find(old.first);
+        if (now != namesAfter.end() && old.second->udid == now->second->udid &&
+            !old.second->address.empty() && !now->second->address.empty() &&
+            old.second->address != now->second->address) {
+            Finding finding{Readdressed, old.first, sideOf(udidsBefore, old.second->udid),
+                            sideOf(udidsAfter, now->second->udid), std::string()};
+            // Each side shows the one name and its address.
+            finding.before.deviceNames = {old.first};
+            finding.before.addresses = {old.second->address};
+            finding.after.deviceNames = {old.first};
+            finding.after.addresses = {now->second->address};
+            findings.push_back(finding);
+        }
     }
 
     for (const auto& old : udidsBefore) {
         auto now = udidsAfter.find(old.first);
         if (now != udidsAfter.end() && old.second.deviceNames != now->second.deviceNames) {
-            findings.push_back(Finding{Moved, old.first, old.second, now->second});
+            findings.push_back(Finding{Moved, old.first, old.second, now->second, std::string()});
         }
     }
     for (const auto& now : udidsAfter) {
         if (udidsBefore.count(now.first) == 0 && accounted.count(now.first) == 0) {
-            findings.push_back(Finding{Added, now.first, Side(), now.second});
+            findings.push_back(Finding{Added, now.first, Side(), now.second, std::string()});
         }
     }
     for (const auto& old : udidsBefore) {
         if (udidsAfter.count(old.first) == 0 && accounted.count(old.first) == 0) {
-            findings.push_back(Finding{Removed, old.first, old.second, Side()});
+            findings.push_back(Finding{Removed, old.first, old.second, Side(), std::string()});
         }
     }
+    std::stable_sort(findings.begin(), findings.end(),
+                     [](const Finding& a, const Finding& b) { return a.kind < b.kind; });
     return findings;
 }
 
@@ -349,22 +508,35 @@ void CFleetView::addHost(const SHostMap& host)
             m_byKey[volume.volumeKey].insert(volume.udid);
         }
     }
+    // Captures of one host in a row share its names.
+    if (m_hostNames.empty() || m_hostNames.back().first != host.hostName ||
+        m_hostNames.back().second != host.machineId) {
+        m_hostNames.emplace_back(host.hostName, host.machineId);
+    }
     for (auto& entry : names) {
-        m_byUdid[entry.first].push_back(Sighting{host.hostName, std::move(entry.second)});
+        m_byUdid[entry.first].push_back(Seen{m_hostNames.size() - 1, std::move(entry.second)});
     }
 }
 
 void CFleetView::visitShared(const std::function<void(const SharedVolume&)>& visit) const
 {
+    std::vector<Sighting> sightings;
     for (const auto& entry : m_byUdid) {
-        const std::vector<Sighting>& sightings = entry.second;
+        const std::vector<Seen>& seen = entry.second;
         // Two captures of one host share nothing with each other.
-        const bool elsewhere = std::any_of(
-            sightings.begin(), sightings.end(),
-            [&](const Sighting& sighting) { return sighting.host != sightings.front().host; });
-        if (elsewhere) {
-            visit(SharedVolume{entry.first, sightings});
+        const std::string& firstHost = m_hostNames[seen.front().host].first;
+        const bool elsewhere = std::any_of(seen.begin(), seen.end(), [&](const Seen& sighting) {
+            return m_hostNames[sighting.host].first != firstHost;
+        });
+        if (!elsewhere) {
+            continue;
         }
+        sightings.clear();
+        for (const Seen& sighting : seen) {
+            const auto& host = m_hostNames[sighting.host];
+            sightings.push_back(Sighting{host.first, host.second, sighting.deviceNames});
+        }
+        visit(SharedVolume{entry.first, sightings});
     }
 }
 
@@ -379,9 +551,10 @@ std::vector<CFleetView::Conflict> CFleetView::conflicts() const
         conflict.volumeKey = entry.first;
         for (const std::string& udid : entry.second) {
             std::vector<std::string>& hosts = conflict.hostsByUdid[udid];
-            for (const Sighting& sighting : m_byUdid.at(udid)) {
-                if (std::find(hosts.begin(), hosts.end(), sighting.host) == hosts.end()) {
-                    hosts.push_back(sighting.host);
+            for (const Seen& sighting : m_byUdid.at(udid)) {
+                const std::string& host = m_hostNames[sighting.host].first;
+                if (std::find(hosts.begin(), hosts.end(), host) == hosts.end()) {
+                    hosts.push_back(host);
                 }
             }
         }

@@ -1,0 +1,358 @@
+// `scsitool fleet`: the volumes several captured hosts share. A capture records the map its host's
+// library gave, which is what the fleet is about: that map is read, without building the JSON
+// document or replaying the host, on every core. A snapshot without a recorded map is replayed,
+// and so is every capture with --replay, which also says where the replay differs from the record.
+#include <simdjson.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <string_view>
+#include <thread>
+
+#include "compare.h"
+#include "device_udid_factory.h"
+#include "digest.h"
+#include "errors.h"
+#include "progress.h"
+#include "simhost.h"
+
+namespace scsitool_cli {
+
+namespace {
+
+using simdjson::ondemand::object;
+
+// What the fleet takes from one capture file.
+struct CaptureRead {
+    bool recorded = false;  // the recorded map was read; otherwise the capture is replayed
+    std::string hostName;
+    std::string machineId;
+    std::string captureId;
+    std::string contentId;            // "capture ID", or "content DIGEST" of the file's text
+    std::vector<SMapVolume> volumes;  // the recorded map's disks, with their volume keys
+};
+
+// "00 83 00 14 …" as bytes; a simdjson error for anything else, so that the file is replayed and
+// its loader names the fault.
+std::vector<unsigned char> hexBytes(std::string_view text)
+{
+    std::vector<unsigned char> bytes;
+    int high = -1;
+    for (char c : text) {
+        int digit;
+        if (c >= '0' && c <= '9') {
+            digit = c - '0';
+        } else if (c >= 'a' && c <= 'f') {
+            digit = c - 'a' + 10;
+        } else if (c >= 'A' && c <= 'F') {
+            digit = c - 'A' + 10;
+        } else if (c == ' ' && high < 0) {
+            continue;
+        } else {
+            throw simdjson::simdjson_error(simdjson::INCORRECT_TYPE);
+        }
+        if (high < 0) {
+            high = digit;
+        } else {
+            bytes.push_back(static_cast<unsigned char>(high << 4 | digit));
+            high = -1;
+        }
+    }
+    if (high >= 0) {
+        throw simdjson::simdjson_error(simdjson::INCORRECT_TYPE);
+    }
+    return bytes;
+}
+
+std::string text(simdjson::ondemand::value value)
+{
+    return std::string(std::string_view(value.get_string()));
+}
+
+// The node of one snapshot device and its volume key, from its identification pages as recorded.
+std::pair<std::string, std::string> deviceKey(object device)
+{
+    std::string name, vendor;
+    std::map<unsigned int, std::vector<unsigned char>> pages;
+    for (auto field : device) {
+        const std::string_view key = field.unescaped_key();
+        if (key == "name") {
+            name = "/dev/" + text(field.value());
+        } else if (key == "inquiry") {
+            const std::vector<unsigned char> inquiry = hexBytes(field.value().get_string());
+            if (inquiry.size() >= 16) {
+                vendor.assign(inquiry.begin() + 8, inquiry.begin() + 16);
+            }
+        } else if (key == "vpd") {
+            for (auto page : field.value().get_object()) {
+                const std::string_view code = page.unescaped_key();
+                if (code == "80" || code == "83") {
+                    pages[code == "80" ? 0x80 : 0x83] = hexBytes(page.value().get_string());
+                }
+            }
+        }
+    }
+    CScsiDeviceData record("", "", "", 0, 0, 0, 0, vendor, "", "", 0);
+    for (const auto& page : pages) {
+        record.m_pageCache[page.first] =
+            CScsiModePage(page.second.data(), static_cast<unsigned int>(page.second.size()));
+    }
+    return std::make_pair(name, CDeviceMapCompare::volumeKey(record));
+}
+
+// One row of the recorded map: true for a disk with a UDID, whose name, UDID and host-local flag
+// are then in `volume`.
+bool readDiskRow(object row, SMapVolume& volume)
+{
+    bool disk = false;
+    for (auto column : row) {
+        const std::string_view key = column.unescaped_key();
+        if (key == "DeviceName") {
+            volume.deviceName = text(column.value());
+        } else if (key == "Uid") {
+            volume.udid = text(column.value());
+        } else if (key == "kind") {
+            disk = std::string_view(column.value().get_string()) == "disk";
+        } else if (key == "host_local") {
+            volume.hostLocal = column.value().get_bool();
+        }
+    }
+    return disk && !volume.udid.empty();
+}
+
+// Reads what the fleet needs in one pass over the file's text. False (and nothing trusted) when
+// the file holds no recorded map or is not what capture writes: it is then replayed.
+bool readRecorded(const std::string& path, simdjson::ondemand::parser& parser, CaptureRead& read)
+{
+    simdjson::padded_string content;
+    if (simdjson::padded_string::load(path).get(content) != simdjson::SUCCESS) {
+        return false;
+    }
+    bool hasHostName = false, hasMap = false;
+    std::map<std::string, std::string> keys;  // "/dev/sdc" -> its volume key
+    try {
+        simdjson::ondemand::document document = parser.iterate(content);
+        for (auto field : document.get_object()) {
+            const std::string_view key = field.unescaped_key();
+            if (key == "hostname") {
+                read.hostName = text(field.value());
+                hasHostName = true;
+            } else if (key == "devices") {
+                for (auto device : field.value().get_array()) {
+                    keys.insert(deviceKey(device.get_object()));
+                }
+            } else if (key == "capture") {
+                for (auto entry : field.value().get_object()) {
+                    const std::string_view name = entry.unescaped_key();
+                    if (name == "machine_id") {
+                        read.machineId = text(entry.value());
+                    } else if (name == "capture_id") {
+                        read.captureId = text(entry.value());
+                    } else if (name == "map") {
+                        hasMap = true;
+                        for (auto row : entry.value().get_array()) {
+                            SMapVolume volume;
+                            // The fleet is about the disks; the pseudo-devices in front of them
+                            // add no volume.
+                            if (readDiskRow(row.get_object(), volume)) {
+                                read.volumes.push_back(std::move(volume));
+                            }
+                        }
+                    }
+                }
+            }
+        }
+    } catch (const simdjson::simdjson_error&) {
+        return false;
+    }
+    for (SMapVolume& volume : read.volumes) {
+        volume.volumeKey = keys[volume.deviceName];
+    }
+    read.contentId = read.captureId.empty()
+                         ? "content " + sha256Hex(std::string(content.data(), content.size()))
+                         : "capture " + read.captureId;
+    read.recorded = hasHostName && hasMap;
+    return read.recorded;
+}
+
+// A capture's native disks as the replaying fleet reads them: the disks the kernel lists, queried
+// one by one.
+SHostMap replayDisks(Session& session, const simhost::SimHost& host)
+{
+    std::vector<std::string> disks;
+    for (const simhost::SimDevice& device : host.devices()) {
+        if (device.state != simhost::DeviceState::Latent &&
+            device.state != simhost::DeviceState::Removed) {
+            disks.push_back(device.name);
+        }
+    }
+    return CDeviceMapCompare::describeDisks(session.factory(), disks);
+}
+
+// Where the replay of a capture gives other UDIDs than its record, one warning each.
+void warnReplayDiffers(const std::string& capture, const std::vector<SMapVolume>& recorded,
+                       const std::vector<SMapVolume>& replayed)
+{
+    std::map<std::string, std::pair<std::string, std::string>> udids;
+    for (const SMapVolume& volume : recorded) {
+        udids[volume.deviceName].first = volume.udid;
+    }
+    for (const SMapVolume& volume : replayed) {
+        udids[volume.deviceName].second = volume.udid;
+    }
+    for (const auto& entry : udids) {
+        if (entry.second.first != entry.second.second) {
+            const auto orNone = [](const std::string& udid) {
+                return udid.empty() ? std::string("none") : udid;
+            };
+            warn(capture + ": " + entry.first + ": recorded " + orNone(entry.second.first) +
+                 ", replayed " + orNone(entry.second.second));
+        }
+    }
+}
+
+// Reads `count` captures from `first` on every core, each into its slot.
+void readBatch(const std::vector<std::string>& captures, size_t first, size_t count,
+               std::vector<CaptureRead>& reads)
+{
+    reads.assign(count, CaptureRead());
+    std::atomic<size_t> next(0);
+    const auto work = [&]() {
+        simdjson::ondemand::parser parser;
+        for (size_t i = next++; i < count; i = next++) {
+            readRecorded(captures[first + i], parser, reads[i]);
+        }
+    };
+    const size_t cores = std::max(1u, std::thread::hardware_concurrency());
+    std::vector<std::thread> threads;
+    for (size_t t = 1; t < std::min(cores, count); ++t) {
+        threads.emplace_back(work);
+    }
+    work();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+// A thread joined when it goes out of scope, whatever ends the scope.
+class JoinedThread {
+public:
+    JoinedThread() = default;
+    JoinedThread(const JoinedThread&) = delete;
+    JoinedThread& operator=(const JoinedThread&) = delete;
+    ~JoinedThread()
+    {
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
+    }
+    void start(std::function<void()> work) { m_thread = std::thread(std::move(work)); }
+
+private:
+    std::thread m_thread;
+};
+
+// Captures read ahead of the fold: enough to keep every core busy, few enough that memory stays
+// with the view.
+const size_t kBatch = 256;
+
+}  // namespace
+
+std::string runFleet(Session& session, const std::vector<std::string>& captures, bool json,
+                     bool replay, bool& conflicts)
+{
+    if (captures.empty()) {
+        throw CommandError(kExitBadInput, "fleet: no captures given");
+    }
+    if (std::find(captures.begin(), captures.end(), "-") != captures.end()) {
+        throw CommandError(kExitBadInput, "fleet: takes capture files, not - (this host)");
+    }
+    CFleetView fleet;
+    std::map<std::string, std::string> seen;    // capture id (or content) -> the first file
+    std::map<std::string, std::string> labels;  // host key -> the name the output gives it
+    std::map<std::string, std::string> keysByLabel;
+    ProgressLine progress("reading captures");
+    // The next batch is read on the other cores while this one is folded here.
+    std::vector<CaptureRead> reads, ahead;
+    if (!replay) {
+        readBatch(captures, 0, std::min(kBatch, captures.size()), ahead);
+    }
+    for (size_t first = 0; first < captures.size(); first += kBatch) {
+        const size_t count = std::min(kBatch, captures.size() - first);
+        reads.swap(ahead);
+        if (replay) {
+            reads.assign(count, CaptureRead());
+        }
+        JoinedThread reader;
+        const size_t next = first + kBatch;
+        if (!replay && next < captures.size()) {
+            reader.start([&captures, &ahead, next]() {
+                readBatch(captures, next, std::min(kBatch, captures.size() - next), ahead);
+            });
+        }
+        for (size_t i = 0; i < count; ++i) {
+            const std::string& capture = captures[first + i];
+            progress.setWhat("reading captures " + std::to_string(first + i + 1) + " of " +
+                             std::to_string(captures.size()));
+            CaptureRead& read = reads[i];
+            SHostMap map;
+            if (read.recorded) {
+                map.volumes = std::move(read.volumes);
+            } else {
+                std::unique_ptr<simhost::SimHost> host = loadCapture(capture);
+                simhost::SimHostInstall install(*host);
+                const SideContext context = installedSide(capture, host->capture());
+                read.hostName = context.hostName;
+                read.machineId = context.machineId;
+                read.contentId = context.captureId.empty() ? "content " + sha256Hex(host->toJson())
+                                                           : "capture " + context.captureId;
+                map = replayDisks(session, *host);
+                if (replay) {
+                    simdjson::ondemand::parser parser;
+                    CaptureRead record;
+                    if (readRecorded(capture, parser, record)) {
+                        warnReplayDiffers(capture, record.volumes, map.volumes);
+                    }
+                }
+            }
+            // A capture is known by its own id; a snapshot that capture did not write by its
+            // content.
+            auto known = seen.emplace(read.contentId, capture);
+            if (!known.second) {
+                warn(capture + ": the same capture as " + known.first->second + ", counted once");
+                continue;
+            }
+            // A host is its machine id and name; without a machine id, its name and content.
+            const std::string hostKey =
+                read.hostName + "\n" + (read.machineId.empty() ? read.contentId : read.machineId);
+            std::string label = read.hostName.empty() ? capture : read.hostName;
+            auto named = labels.find(hostKey);
+            if (named != labels.end()) {
+                label = named->second;
+            } else {
+                // Two hosts of one name are told apart by their machine ids (or their files).
+                if (keysByLabel.count(label) != 0) {
+                    label += " (" +
+                             (read.machineId.empty() ? capture : read.machineId.substr(0, 12)) +
+                             ")";
+                }
+                labels[hostKey] = label;
+                keysByLabel[label] = hostKey;
+            }
+            map.hostName = label;
+            map.machineId = read.machineId;
+            fleet.addHost(map);
+        }
+    }
+    conflicts = !fleet.conflicts().empty();
+    // Written as it is made: the text of a large fleet is many times the view it comes from.
+    const TextWriter toStdout = [](const std::string& piece) {
+        std::fwrite(piece.data(), 1, piece.size(), stdout);
+    };
+    return json ? formatFleetJson(fleet, toStdout) : formatFleetTable(fleet, toStdout);
+}
+
+}  // namespace scsitool_cli
