@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """The command's documentation against the command itself.
 
 usage: check_docs.py SCSITOOL SOURCE_DIR

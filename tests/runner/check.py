@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Checks the scenario runner itself on one file of tests/runner/.
 
 usage: check.py RUNNER SCSITOOL SOURCE_DIR FILE

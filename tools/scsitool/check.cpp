@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `scsitool check --state-dir DIR`: what a scheduler runs. This host is captured into DIR, the
 // capture is compared with the one before it, and the findings are printed as `diff` prints them.
 #include "check.h"

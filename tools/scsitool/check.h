@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `scsitool check`: this host captured into a state directory and compared with the capture
 // before it, for a scheduler to run.
 #ifndef SCSITOOL_CLI_CHECK_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SHA-256 of a text, for the ids a capture carries and the pseudonyms of an anonymised one: the
 // same input always gives the same id, and two inputs never share one in practice.
 #ifndef SCSITOOL_CLI_DIGEST_H

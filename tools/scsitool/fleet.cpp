@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `scsitool fleet`: the volumes several captured hosts share. A capture records the map its host's
 // library gave, which is what the fleet is about: that map is read, without building the JSON
 // document or replaying the host, on every core. A snapshot without a recorded map is replayed,

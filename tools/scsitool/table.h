@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tables for people through util-linux's libsmartcols, as lsblk and findmnt draw them: aligned
 // columns, a tree, or one line a row for scripts (--raw, --pairs). Widths are counted in
 // characters, and control characters (an INQUIRY field may hold any byte) are written as \xHH,
