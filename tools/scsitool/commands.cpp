@@ -8,6 +8,7 @@
 #include "device_probe.h"
 #include "device_udid_factory.h"
 #include "errors.h"
+#include "explain.h"
 #include "fi_system.h"
 #include "map_view.h"
 #include "output.h"
@@ -93,13 +94,15 @@ std::string runShow(Session& session, const std::string& device, bool json)
     int status = tool.UpdateDevice(&record);
     if (status == SCSI_STATUS_OK) {
         SUdidOrigin origin;
+        CUdidReadRecorder recorder;
         report.udid = factory.getUniqueDeviceID(&record, origin);
         report.generator = origin.generator;
         for (const SUdidOrigin::Failure& failure : origin.failures) {
             report.failedGenerators.push_back({failure.generator, failure.exception});
         }
+        report.explanation = explainUdid(recorder, record, origin, report.udid);
     }
-    report.warnings = session.stopCapture();
+    report.warnings = withoutExplainedWarnings(session.stopCapture(), report.explanation);
     if (status != SCSI_STATUS_OK) {
         throwUnanswered(node);
     }
