@@ -207,6 +207,15 @@ void defaultBody(const CUdidReadRecorder& recorder, const CScsiDeviceData& recor
     }
     BodySegment device = fixedSegment(body, 0, at);
     device.source = BodySegment::kDeviceName;
+    // Why the id is only good on this host.
+    const std::vector<unsigned int>& pages = record.m_supportedPages;
+    if (std::find(pages.begin(), pages.end(), 0x00u) == pages.end()) {
+        device.note = "a host-local id: the device lists no page 0x00";
+    } else if (CStringTool::rtrim(record.m_vendorId, ' ').empty()) {
+        device.note = "a host-local id: the INQUIRY vendor is blank";
+    } else {
+        device.note = "a host-local id: neither page 0x83 nor page 0x80 holds data";
+    }
     explanation.body.push_back(device);
     explanation.body.push_back(fixedSegment(body, at, at + 1));
     BodySegment host = fixedSegment(body, at + 1, body.size());
@@ -468,7 +477,8 @@ std::string describeSegment(const BodySegment& segment)
                                          : "\"" + segment.text + "\", " + segment.note;
             return text;
         case BodySegment::kDeviceName:
-            return text + "the device name \"" + segment.text + "\"";
+            return text + "the device name \"" + segment.text + "\"" +
+                   (segment.note.empty() ? "" : ", " + segment.note);
         case BodySegment::kHostName:
             return text + "the host name \"" + segment.text + "\"";
         case BodySegment::kPage:
@@ -480,8 +490,12 @@ std::string describeSegment(const BodySegment& segment)
         text += ", " + segment.note;
     }
     if (segment.zeroBehind > 0) {
-        text += "; " + std::to_string(segment.zeroBehind) + " of them behind the " +
-                std::to_string(segment.pageLength) + " bytes received, read as zero";
+        const unsigned int behind = std::max(segment.first, segment.pageLength);
+        text += "; " +
+                (behind == segment.last ? "byte " + std::to_string(behind) + " lies"
+                                        : "bytes " + range(behind, segment.last) + " lie") +
+                " behind the " + std::to_string(segment.pageLength) +
+                " bytes received and read as zero";
     } else if (segment.endsAtZero) {
         text += "; the text ends at the zero byte " + std::to_string(segment.last);
     }

@@ -120,6 +120,9 @@ std::string formatDeviceTable(const DeviceReport& report)
     if (report.explanation.recorded) {
         text += "\nprovenance of the UDID\n" + formatProvenance(report.explanation);
     }
+    if (!report.supportedPages.empty()) {
+        text += "\n" + formatPageList(report.supportedPages);
+    }
     for (const auto& page : report.pages) {
         text += "\n" + formatDecodedPage(page.first, page.second);
     }

@@ -1,5 +1,6 @@
 #include "page_decode.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace scsitool_cli {
@@ -298,6 +299,16 @@ std::string pageTitle(unsigned int code)
     return title;
 }
 
+std::string formatPageList(const std::vector<unsigned int>& codes)
+{
+    std::string list;
+    for (unsigned int code : codes) {
+        list += (list.empty() ? "" : " ") + hexByte(code);
+    }
+    return "VPD page 0x00 supported pages, as the library keeps the list\n  pages             " +
+           (list.empty() ? std::string("-") : list) + "\n";
+}
+
 std::string inhexDump(const PageBytes& bytes)
 {
     std::string text;
@@ -335,9 +346,15 @@ ordered_json decodedPageJson(unsigned int code, const PageBytes& bytes)
 {
     ordered_json object = ordered_json::object();
     for (const DecodedField& field : decodePage(code, bytes)) {
-        if (field.name != "designator") {
-            object[field.name] = field.value;
+        if (field.name == "designator") {
+            continue;
         }
+        // Keys in the JSON manner; a text field without the quotes people read it in.
+        std::string key = field.name;
+        std::replace(key.begin(), key.end(), ' ', '_');
+        const std::string& value = field.value;
+        const bool quotedText = value.size() >= 2 && value.front() == '"' && value.back() == '"';
+        object[key] = quotedText ? value.substr(1, value.size() - 2) : value;
     }
     if (code == 0x83) {
         ordered_json list = ordered_json::array();

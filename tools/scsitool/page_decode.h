@@ -40,6 +40,9 @@ std::vector<DecodedField> decodePage(unsigned int code, const PageBytes& bytes);
 // "standard INQUIRY", "page 0x83 device identification", "page 0xC0 (vendor) EMC array".
 std::string pageTitle(unsigned int code);
 
+// Page 0x00 from the supported list the record keeps (its bytes are not cached).
+std::string formatPageList(const std::vector<unsigned int>& codes);
+
 // The bytes as lines of sixteen hexadecimal pairs that sg_inq --inhex and sg_vpd --inhex read
 // back; the offset and the printable text follow a '#' on each line, which they skip.
 std::string inhexDump(const PageBytes& bytes);
