@@ -5,6 +5,7 @@
 
 #include "device_udid_factory.h"
 #include "errors.h"
+#include "explain_change.h"
 #include "progress.h"
 #include "simhost.h"
 
@@ -95,7 +96,8 @@ std::string runDiff(Session& session, const std::string& before, const std::stri
     const SHostMap second = loadHostMap(session, after);
     const std::vector<Finding> findings = CDeviceMapCompare::compare(first, second);
     differ = !findings.empty();
-    return json ? formatFindingsJson(findings) : formatFindingsTable(findings);
+    const FindingExplainer explain = identityChangeExplainer(session, before, after);
+    return json ? formatFindingsJson(findings, explain) : formatFindingsTable(findings, explain);
 }
 
 std::string runFleet(Session& session, const std::vector<std::string>& captures, bool json)
@@ -117,10 +119,13 @@ std::string runFleet(Session& session, const std::vector<std::string>& captures,
     return json ? formatFleetJson(fleet) : formatFleetTable(fleet);
 }
 
-std::string formatFindingsTable(const std::vector<Finding>& findings)
+std::string formatFindingsTable(const std::vector<Finding>& findings,
+                                const FindingExplainer& explain)
 {
     std::string text;
     for (const Finding& finding : findings) {
+        const std::vector<std::string> why =
+            explain ? explain(finding) : std::vector<std::string>();
         const std::string kind = CDeviceMapCompare::kindName(finding.kind);
         switch (finding.kind) {
             case CDeviceMapCompare::Remapped:
@@ -144,11 +149,15 @@ std::string formatFindingsTable(const std::vector<Finding>& findings)
                         "\n";
                 break;
         }
+        for (const std::string& line : why) {
+            text += "  " + line + "\n";
+        }
     }
     return text;
 }
 
-std::string formatFindingsJson(const std::vector<Finding>& findings)
+std::string formatFindingsJson(const std::vector<Finding>& findings,
+                               const FindingExplainer& explain)
 {
     ordered_json object = ordered_json::object();
     for (CDeviceMapCompare::Kind kind : kKinds) {
@@ -159,6 +168,10 @@ std::string formatFindingsJson(const std::vector<Finding>& findings)
                 entry["subject"] = finding.subject;
                 entry["before"] = sideJson(finding.before);
                 entry["after"] = sideJson(finding.after);
+                if (explain && (kind == CDeviceMapCompare::Remapped ||
+                                kind == CDeviceMapCompare::IdentityChanged)) {
+                    entry["explanation"] = explain(finding);
+                }
                 entries.push_back(entry);
             }
         }

@@ -3,6 +3,7 @@
 #ifndef SCSITOOL_CLI_COMPARE_H
 #define SCSITOOL_CLI_COMPARE_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -20,8 +21,13 @@ std::string runDiff(Session& session, const std::string& before, const std::stri
                     bool json, bool& differ);
 std::string runFleet(Session& session, const std::vector<std::string>& captures, bool json);
 
-std::string formatFindingsTable(const std::vector<CDeviceMapCompare::Finding>& findings);
-std::string formatFindingsJson(const std::vector<CDeviceMapCompare::Finding>& findings);
+// What a finding's two identities differ in, one line each (explain_change.h); none by default.
+typedef std::function<std::vector<std::string>(const CDeviceMapCompare::Finding&)> FindingExplainer;
+
+std::string formatFindingsTable(const std::vector<CDeviceMapCompare::Finding>& findings,
+                                const FindingExplainer& explain = FindingExplainer());
+std::string formatFindingsJson(const std::vector<CDeviceMapCompare::Finding>& findings,
+                               const FindingExplainer& explain = FindingExplainer());
 std::string formatFleetTable(const CFleetView& fleet);
 std::string formatFleetJson(const CFleetView& fleet);
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "page_decode.h"
+#include "scsitool.h"
 #include "stringtool.h"
 
 namespace scsitool_cli {
@@ -377,6 +379,13 @@ std::string range(size_t first, size_t last)
     return std::to_string(first) + ".." + std::to_string(last);
 }
 
+std::string hexByteText(unsigned int value)
+{
+    char text[8];
+    std::snprintf(text, sizeof text, "%02x", value & 0xffu);
+    return text;
+}
+
 std::string padRight(const std::string& text, size_t width)
 {
     return text.size() >= width ? text : text + std::string(width - text.size(), ' ');
@@ -547,6 +556,159 @@ ordered_json provenanceJson(const UdidExplanation& explanation)
     }
     object["body"] = body;
     return object;
+}
+
+ExaminedDevice examineDevice(Session& session, const std::string& node)
+{
+    ExaminedDevice examined;
+    // A record made the way discovery makes one.
+    examined.record.reset(
+        new CScsiDeviceData(node, "", Session::hostName(), 0, 0, 0, -1, "", "", "", 0));
+    CScsiDeviceData& record = *examined.record;
+    record.m_pagesValid = 1;
+    record.m_secondFlag = 1;
+    CScsiTool tool;
+    tool.registerTraceLog(session.log());
+    examined.status = tool.UpdateDevice(&record);
+    if (examined.status == SCSI_STATUS_OK) {
+        CUdidReadRecorder recorder;
+        examined.udid = session.factory().getUniqueDeviceID(&record, examined.origin);
+        examined.explanation = explainUdid(recorder, record, examined.origin, examined.udid);
+    }
+    return examined;
+}
+
+namespace {
+
+PageBytes cachedPage(const CScsiDeviceData& record, unsigned int code)
+{
+    const CScsiModePage* page = record.findPage(code);
+    if (page == nullptr || page->getData() == nullptr) {
+        return PageBytes();
+    }
+    return PageBytes(page->getData(), page->getData() + page->getLength());
+}
+
+std::string designatorWords(const Designator& designator)
+{
+    return designator.value + " (" + designator.typeName + ", " + designator.associationName + ")";
+}
+
+// The designators of page 0x83 on both sides, matched by association and type in page order.
+void compareDesignators(const PageBytes& before, const PageBytes& after,
+                        std::vector<std::string>& lines)
+{
+    std::vector<Designator> old = parseDesignators(before);
+    std::vector<Designator> now = parseDesignators(after);
+    std::vector<bool> matched(now.size(), false);
+    for (const Designator& gone : old) {
+        size_t found = now.size();
+        for (size_t i = 0; i < now.size() && found == now.size(); ++i) {
+            if (!matched[i] && now[i].association == gone.association && now[i].type == gone.type) {
+                found = i;
+            }
+        }
+        if (found == now.size()) {
+            lines.push_back("page 0x83 lost the designator " + designatorWords(gone));
+            continue;
+        }
+        matched[found] = true;
+        if (now[found].raw != gone.raw || now[found].codeSet != gone.codeSet) {
+            lines.push_back("page 0x83 designator " + designatorWords(gone) + " is now " +
+                            now[found].value);
+        }
+    }
+    for (size_t i = 0; i < now.size(); ++i) {
+        if (!matched[i]) {
+            lines.push_back("page 0x83 gained the designator " + designatorWords(now[i]));
+        }
+    }
+}
+
+// "page 0x83 bytes 0..23 as hex"
+std::string segmentSource(const BodySegment& segment)
+{
+    if (segment.source != BodySegment::kPage) {
+        std::string line = describeSegment(segment);
+        return line.substr(line.find("<- ") + 3);
+    }
+    return pageName(segment.page) + " bytes " + range(segment.first, segment.last) + " as " +
+           segment.encoding;
+}
+
+// The first byte of [first, last] where the two pages differ (a byte one side lacks counts as
+// different), with both values; "" when they agree there.
+std::string firstDifference(const PageBytes& before, const PageBytes& after, unsigned int first,
+                            unsigned int last)
+{
+    for (unsigned int i = first; i <= last; ++i) {
+        const bool inBefore = i < before.size();
+        const bool inAfter = i < after.size();
+        if (inBefore != inAfter || (inBefore && before[i] != after[i])) {
+            char values[48];
+            std::snprintf(values, sizeof values, "%s -> %s",
+                          inBefore ? ("0x" + hexByteText(before[i])).c_str() : "none",
+                          inAfter ? ("0x" + hexByteText(after[i])).c_str() : "none");
+            return "first differs at byte " + std::to_string(i) + " (" + values + ")";
+        }
+    }
+    return "";
+}
+
+}  // namespace
+
+std::vector<std::string> explainIdentityChange(const ExaminedDevice& before,
+                                               const ExaminedDevice& after)
+{
+    std::vector<std::string> lines;
+    if (!before.record || !after.record || before.status != SCSI_STATUS_OK ||
+        after.status != SCSI_STATUS_OK) {
+        lines.push_back("one side's device does not answer: nothing to compare");
+        return lines;
+    }
+    const UdidExplanation& old = before.explanation;
+    const UdidExplanation& now = after.explanation;
+    if (old.generator != now.generator) {
+        lines.push_back("generator " + generatorWords(old.generator) + " -> " +
+                        generatorWords(now.generator));
+    }
+    compareDesignators(cachedPage(*before.record, 0x83), cachedPage(*after.record, 0x83), lines);
+    if (old.prefix != now.prefix) {
+        lines.push_back("prefix \"" + old.prefix + "\" -> \"" + now.prefix + "\"");
+    }
+    for (size_t i = 0; i < old.body.size() && i < now.body.size(); ++i) {
+        const BodySegment& a = old.body[i];
+        const BodySegment& b = now.body[i];
+        if (a.text == b.text) {
+            continue;
+        }
+        std::string line = "body[" + range(a.start, a.start + a.length - 1) + "] <- " +
+                           segmentSource(a) + " \"" + a.text + "\" -> ";
+        if (segmentSource(a) != segmentSource(b) || a.start != b.start) {
+            line +=
+                "body[" + range(b.start, b.start + b.length - 1) + "] <- " + segmentSource(b) + " ";
+        }
+        line += "\"" + b.text + "\"";
+        if (b.source == BodySegment::kPage && !b.note.empty()) {
+            line += " (" + b.note + ")";
+        }
+        if (a.source == BodySegment::kPage && b.source == BodySegment::kPage && a.page == b.page &&
+            a.page != kIdentityAnswer) {
+            const std::string difference =
+                firstDifference(cachedPage(*before.record, unsigned(a.page)),
+                                cachedPage(*after.record, unsigned(b.page)),
+                                std::min(a.first, b.first), std::max(a.last, b.last));
+            if (!difference.empty()) {
+                line += "; " + pageName(a.page) + " " + difference;
+            }
+        }
+        lines.push_back(line);
+    }
+    if (old.body.size() != now.body.size()) {
+        lines.push_back("the body has " + std::to_string(old.body.size()) + " parts before and " +
+                        std::to_string(now.body.size()) + " after");
+    }
+    return lines;
 }
 
 }  // namespace scsitool_cli

@@ -5,12 +5,14 @@
 #define SCSITOOL_CLI_EXPLAIN_H
 
 #include <map>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "device_scsi_data.h"
 #include "device_udid_factory.h"
+#include "session.h"
 #include "udid_read_recorder.h"
 
 namespace scsitool_cli {
@@ -71,6 +73,22 @@ std::string describeSegment(const BodySegment& segment);
 // The prefix and body lines, indented by two.
 std::string formatProvenance(const UdidExplanation& explanation);
 nlohmann::ordered_json provenanceJson(const UdidExplanation& explanation);
+
+// One device queried the way discovery queries it, its UDID computed with the recorder on.
+struct ExaminedDevice {
+    std::unique_ptr<CScsiDeviceData> record;
+    int status = -1;  // UpdateDevice's; the rest is empty unless it is SCSI_STATUS_OK
+    SUdidOrigin origin;
+    std::string udid;
+    UdidExplanation explanation;
+};
+ExaminedDevice examineDevice(Session& session, const std::string& node);
+
+// What differs between two identities of one volume or one name, in words, one a line: the
+// generator, the designators of page 0x83 added, removed or changed, and each part of the body
+// whose bytes differ.
+std::vector<std::string> explainIdentityChange(const ExaminedDevice& before,
+                                               const ExaminedDevice& after);
 
 }  // namespace scsitool_cli
 
