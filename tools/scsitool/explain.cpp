@@ -62,14 +62,6 @@ std::string generatorWords(const std::string& generator)
     return generator == ":" ? "the default generator" : generator;
 }
 
-std::string capitalised(std::string text)
-{
-    if (!text.empty() && text[0] >= 'a' && text[0] <= 'z') {
-        text[0] = char(text[0] - 'a' + 'A');
-    }
-    return text;
-}
-
 // "INQUIRY data is 36 bytes", "page 0x83 is 20 bytes"
 std::string sizeWords(int code, unsigned int length)
 {
@@ -336,12 +328,12 @@ std::string failureReason(const CUdidReadRecorder& recorder, const CScsiDeviceDa
     }
     const int code = int(lookup->code);
     if (lookup->data == nullptr) {
-        return capitalised(pageName(code)) + (code == 0 ? " data is not there" : " is not there");
+        return pageName(code) + (code == 0 ? " data is not there" : " is not there");
     }
     if (const SBodyNeeds* needs = needsOf(generator)) {
         for (const auto& page : needs->pages) {
             if (page.code == code && lookup->length < page.bytes) {
-                return capitalised(sizeWords(code, lookup->length)) + "; the " + family +
+                return sizeWords(code, lookup->length) + "; the " + family +
                        " body needs at least " + std::to_string(page.bytes);
             }
         }
@@ -365,8 +357,7 @@ std::string failureReason(const CUdidReadRecorder& recorder, const CScsiDeviceDa
                " bytes from byte " + std::to_string(serialAt) + ", past the " + received +
                " bytes received";
     }
-    return capitalised(sizeWords(code, lookup->length)) + " and fails the " + family +
-           " body's test";
+    return sizeWords(code, lookup->length) + " and fails the " + family + " body's test";
 }
 
 std::string messageIdOf(const std::string& exception)

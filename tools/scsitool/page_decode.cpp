@@ -250,13 +250,21 @@ std::vector<DecodedField> decodePage(unsigned int code, const PageBytes& bytes)
         case 0x80:
             fields.push_back({"serial", quoted(printable(bytes, 4, held))});
             break;
-        case 0x83:
+        case 0x83: {
+            size_t next = 4;
             for (const Designator& d : parseDesignators(bytes)) {
                 fields.push_back({"designator", d.value + "  (" + d.typeName + ", " +
                                                     d.associationName + ", " + d.codeSetName +
                                                     ", at byte " + std::to_string(d.offset) + ")"});
+                next = d.offset + 4 + d.raw.size();
+            }
+            if (next < 4 + held) {
+                fields.push_back({"designator", "- (bytes " + std::to_string(next) + ".." +
+                                                    std::to_string(3 + held) +
+                                                    " hold no whole designator)"});
             }
             break;
+        }
         case 0xc0:
             // The array serial: its length at byte 49, at most 14 characters from byte 50.
             if (bytes.size() > 49) {
