@@ -186,7 +186,8 @@ void defaultBody(const CUdidReadRecorder& recorder, const CScsiDeviceData& recor
         segment.page = int(lookup.code);
         segment.encoding = "hex";
         segment.pageLength = lookup.length;
-        segment.last = body.empty() ? 0 : unsigned((body.size() - 1) / 2);
+        // Every digit may be a dropped zero: the body is then empty and names the whole page.
+        segment.last = body.empty() ? lookup.length - 1 : unsigned((body.size() - 1) / 2);
         segment.note = lookup.length * 2 > 80
                            ? "the whole page as hex, cut to 80 digits, trailing zero digits dropped"
                            : "the whole page as hex, trailing zero digits dropped";
@@ -370,6 +371,14 @@ std::string range(size_t first, size_t last)
     return std::to_string(first) + ".." + std::to_string(last);
 }
 
+// "body[0..13]"; "body" for a body with no characters at all.
+std::string bodyRange(const BodySegment& segment)
+{
+    return segment.length == 0
+               ? std::string("body")
+               : "body[" + range(segment.start, segment.start + segment.length - 1) + "]";
+}
+
 std::string hexByteText(unsigned int value)
 {
     char text[8];
@@ -469,7 +478,7 @@ std::vector<std::string> withoutExplainedWarnings(const std::vector<std::string>
 
 std::string describeSegment(const BodySegment& segment)
 {
-    std::string text = "body[" + range(segment.start, segment.start + segment.length - 1) + "]";
+    std::string text = bodyRange(segment);
     text = padRight(text, 13) + " <- ";
     switch (segment.source) {
         case BodySegment::kFixed:
@@ -673,11 +682,9 @@ std::vector<std::string> explainIdentityChange(const ExaminedDevice& before,
         if (a.text == b.text) {
             continue;
         }
-        std::string line = "body[" + range(a.start, a.start + a.length - 1) + "] <- " +
-                           segmentSource(a) + " \"" + a.text + "\" -> ";
+        std::string line = bodyRange(a) + " <- " + segmentSource(a) + " \"" + a.text + "\" -> ";
         if (segmentSource(a) != segmentSource(b) || a.start != b.start) {
-            line +=
-                "body[" + range(b.start, b.start + b.length - 1) + "] <- " + segmentSource(b) + " ";
+            line += bodyRange(b) + " <- " + segmentSource(b) + " ";
         }
         line += "\"" + b.text + "\"";
         if (b.source == BodySegment::kPage && !b.note.empty()) {
