@@ -348,7 +348,8 @@ std::string failureReason(const CUdidReadRecorder& recorder, const CScsiDeviceDa
     }
     const std::string received = std::to_string(lookup->length);
     if (last != nullptr && code == 0x83 && last->index == 3) {
-        const unsigned int announced = lookup->data[2] * 256u + lookup->data[3];
+        const unsigned int high = lookup->length > 2 ? lookup->data[2] : 0u;
+        const unsigned int announced = high * 256u + last->value;
         return "page 0x83 announces " + std::to_string(announced) + " bytes of designators; the " +
                family + " body needs more than 19";
     }
