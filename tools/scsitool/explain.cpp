@@ -423,12 +423,11 @@ UdidExplanation explainUdid(const CUdidReadRecorder& recorder, const CScsiDevice
         failure.reason = failureReason(recorder, record, attemptOf(recorder, i), failure.generator,
                                        failure.exception);
         if (i + 1 < origin.failures.size()) {
-            failure.next =
-                "next: " + generatorWords(origin.failures[i + 1].generator) + " claimed the device";
+            failure.next = generatorWords(origin.failures[i + 1].generator) + " claimed the device";
         } else if (!origin.generator.empty()) {
-            failure.next = "next: " + generatorWords(origin.generator) + " made the UDID";
+            failure.next = generatorWords(origin.generator) + " made the UDID";
         } else {
-            failure.next = "next: no generator made a UDID";
+            failure.next = "no generator made a UDID";
         }
         explanation.failures.push_back(failure);
     }

@@ -103,7 +103,7 @@ std::string formatDeviceTable(const DeviceReport& report)
         fields.push_back({i == 0 ? "failed" : "", failed.first + " (" + failed.second + ")"});
         if (i < report.explanation.failures.size()) {
             fields.push_back({"", "  " + report.explanation.failures[i].reason});
-            fields.push_back({"", "  " + report.explanation.failures[i].next});
+            fields.push_back({"", "  next: " + report.explanation.failures[i].next});
         }
     }
     fields.push_back({"udid", report.udid.empty() ? "-" : report.udid});
