@@ -4,11 +4,13 @@
 // getUniqueDeviceID; nothing is recorded otherwise, and an enumeration pays one test of a
 // pointer per byte read.
 //
-// One recorder listens at a time, on the thread that made it; reads on other threads are not
-// its own and go unrecorded.
+// One recorder listens at a time, on the thread that made it (a second one made on that thread
+// listens until it ends, then the first again); reads on other threads are not its own and go
+// unrecorded.
 #ifndef SCSITOOL_UDID_READ_RECORDER_H
 #define SCSITOOL_UDID_READ_RECORDER_H
 
+#include <atomic>
 #include <cstddef>
 #include <string>
 #include <thread>
@@ -60,12 +62,12 @@ public:
     // The recorder listening on this thread, or nullptr.
     static CUdidReadRecorder* active()
     {
-        CUdidReadRecorder* recorder = s_active;
+        CUdidReadRecorder* recorder = s_active.load(std::memory_order_acquire);
         return recorder != nullptr && recorder->m_owner == std::this_thread::get_id() ? recorder
                                                                                       : nullptr;
     }
     // Whether any recorder listens: the one test an unrecorded read pays.
-    static bool listening() { return s_active != nullptr; }
+    static bool listening() { return s_active.load(std::memory_order_relaxed) != nullptr; }
 
     void noteRead(const unsigned char* data, unsigned int length, unsigned int index);
     void noteLookup(unsigned int code, const unsigned char* data, unsigned int length);
@@ -81,7 +83,8 @@ public:
 private:
     size_t currentGenerator() const { return generators.empty() ? npos : generators.size() - 1; }
 
-    static CUdidReadRecorder* s_active;
+    // Read by every thread that reads a page; set by the one that records.
+    static std::atomic<CUdidReadRecorder*> s_active;
     std::thread::id m_owner;
     CUdidReadRecorder* m_previous;
 };

@@ -1,6 +1,6 @@
 #include "udid_read_recorder.h"
 
-CUdidReadRecorder* CUdidReadRecorder::s_active = nullptr;
+std::atomic<CUdidReadRecorder*> CUdidReadRecorder::s_active(nullptr);
 
 CUdidReadRecorder::CUdidReadRecorder() : m_owner(std::this_thread::get_id()), m_previous(s_active)
 {
@@ -9,7 +9,7 @@ CUdidReadRecorder::CUdidReadRecorder() : m_owner(std::this_thread::get_id()), m_
 
 CUdidReadRecorder::~CUdidReadRecorder()
 {
-    s_active = m_previous;
+    s_active.store(m_previous, std::memory_order_release);
 }
 
 void CUdidReadRecorder::noteRead(const unsigned char* data, unsigned int length, unsigned int index)
