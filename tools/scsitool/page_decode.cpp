@@ -296,7 +296,7 @@ std::string pageTitle(unsigned int code)
         case 0xc0:
             return "VPD page 0xc0 EMC array (vendor)";
         case 0xc8:
-            return "VPD page 0xc8 LSI array (vendor)";
+            return "VPD page 0xc8 LSI or IBM FAStT array (vendor)";
         case 0xd0:
             return "VPD page 0xd0 IBM array (vendor)";
         default:

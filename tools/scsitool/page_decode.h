@@ -37,7 +37,7 @@ struct DecodedField {
 };
 std::vector<DecodedField> decodePage(unsigned int code, const PageBytes& bytes);
 
-// "standard INQUIRY", "page 0x83 device identification", "page 0xC0 (vendor) EMC array".
+// "standard INQUIRY", "VPD page 0x83 device identification", "VPD page 0xc0 EMC array (vendor)".
 std::string pageTitle(unsigned int code);
 
 // Page 0x00 from the supported list the record keeps (its bytes are not cached).
