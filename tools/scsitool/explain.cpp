@@ -291,16 +291,27 @@ void arrayBody(const CUdidReadRecorder& recorder, const CScsiDeviceData& record,
     }
     std::sort(placed.begin(), placed.end(),
               [](const BodySegment& a, const BodySegment& b) { return a.start < b.start; });
+    // The IBM bodies write the model, the product id's first four characters, into their text.
+    const std::string model = upper(CStringTool::rtrim(record.m_productId, ' ').substr(0, 4));
+    auto gap = [&](size_t start, size_t end) {
+        BodySegment segment = fixedSegment(body, start, end);
+        if (model.size() == 4 && index + 1 == recorder.generators.size() &&
+            recorder.generators[index].name.compare(0, 4, "IBM:") == 0 &&
+            segment.text.find(model) != std::string::npos) {
+            segment.note = "the model \"" + model + "\" from the product id";
+        }
+        explanation.body.push_back(segment);
+    };
     size_t cursor = 0;
     for (const BodySegment& segment : placed) {
         if (segment.start > cursor) {
-            explanation.body.push_back(fixedSegment(body, cursor, segment.start));
+            gap(cursor, segment.start);
         }
         explanation.body.push_back(segment);
         cursor = segment.start + segment.length;
     }
     if (cursor < body.size()) {
-        explanation.body.push_back(fixedSegment(body, cursor, body.size()));
+        gap(cursor, body.size());
     }
 }
 
