@@ -261,8 +261,8 @@ void arrayBody(const CUdidReadRecorder& recorder, const CScsiDeviceData& record,
         // A serial with its blanks trimmed is found by its trimmed text.
         std::string text = upper(field.text);
         std::string trimmed = CStringTool::trim(text);
+        bool done = false;
         for (const std::string& candidate : {text, trimmed}) {
-            bool done = false;
             for (size_t at :
                  candidate.empty() ? std::vector<size_t>() : placesOf(body, candidate)) {
                 bool free = true;
@@ -287,6 +287,13 @@ void arrayBody(const CUdidReadRecorder& recorder, const CScsiDeviceData& record,
             if (done || candidate == trimmed) {
                 break;
             }
+        }
+        if (!done) {
+            // Read and then left out: a serial the generator rejected for another source.
+            BodySegment unused = fieldSegment(recorder, record, field, body, 0);
+            unused.length = 0;
+            unused.text = field.text;
+            explanation.unused.push_back(unused);
         }
     }
     std::sort(placed.begin(), placed.end(),
@@ -522,6 +529,21 @@ std::string describeSegment(const BodySegment& segment)
     return text;
 }
 
+namespace {
+
+// "page 0x83 bytes 0..23 as hex"
+std::string segmentSource(const BodySegment& segment)
+{
+    if (segment.source != BodySegment::kPage) {
+        std::string line = describeSegment(segment);
+        return line.substr(line.find("<- ") + 3);
+    }
+    return pageName(segment.page) + " bytes " + range(segment.first, segment.last) + " as " +
+           segment.encoding;
+}
+
+}  // namespace
+
 std::string formatProvenance(const UdidExplanation& explanation)
 {
     if (!explanation.recorded) {
@@ -531,6 +553,10 @@ std::string formatProvenance(const UdidExplanation& explanation)
                        explanation.prefixSource + "\n";
     for (const BodySegment& segment : explanation.body) {
         text += "  " + describeSegment(segment) + "\n";
+    }
+    for (const BodySegment& segment : explanation.unused) {
+        text += "  " + padRight("not used", 13) + " <- " + segmentSource(segment) + " \"" +
+                segment.text + "\", read and left out\n";
     }
     return text;
 }
@@ -566,6 +592,15 @@ ordered_json provenanceJson(const UdidExplanation& explanation)
         body.push_back(entry);
     }
     object["body"] = body;
+    ordered_json unused = ordered_json::array();
+    for (const BodySegment& segment : explanation.unused) {
+        unused.push_back({{"text", segment.text},
+                          {"page", segment.page == kIdentityAnswer ? ordered_json("identity_answer")
+                                                                   : ordered_json(segment.page)},
+                          {"bytes", {segment.first, segment.last}},
+                          {"encoding", segment.encoding}});
+    }
+    object["unused"] = unused;
     return object;
 }
 
@@ -634,17 +669,6 @@ void compareDesignators(const PageBytes& before, const PageBytes& after,
             lines.push_back("page 0x83 gained the designator " + designatorWords(now[i]));
         }
     }
-}
-
-// "page 0x83 bytes 0..23 as hex"
-std::string segmentSource(const BodySegment& segment)
-{
-    if (segment.source != BodySegment::kPage) {
-        std::string line = describeSegment(segment);
-        return line.substr(line.find("<- ") + 3);
-    }
-    return pageName(segment.page) + " bytes " + range(segment.first, segment.last) + " as " +
-           segment.encoding;
 }
 
 // The first byte of [first, last] where the two pages differ (a byte one side lacks counts as

@@ -49,6 +49,7 @@ struct UdidExplanation {
     std::string prefix;
     std::string prefixSource;
     std::vector<BodySegment> body;
+    std::vector<BodySegment> unused;  // fields the generator read and left out of the body
     std::vector<FailureExplanation> failures;
 };
 
