@@ -9,6 +9,7 @@
 #include "fuzz_input.h"
 #include "simhost.h"
 #include "stringtool.h"
+#include "udid_read_recorder.h"
 
 namespace {
 
@@ -76,7 +77,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     const std::string vendor = device.m_vendorId;
     const std::string product = device.m_productId;
-    factory().getUniqueDeviceID(&device);
+    const std::string udid = factory().getUniqueDeviceID(&device);
+    {
+        // Listening changes no answer.
+        CUdidReadRecorder recorder;
+        device.m_vendorId = vendor;
+        device.m_productId = product;
+        if (factory().getUniqueDeviceID(&device) != udid) {
+            __builtin_trap();
+        }
+    }
 
     // Every generator on every input, claimed or not: bad data must end in the one exception.
     for (CUdidGenerator* generator : factory().m_generators) {

@@ -5,7 +5,7 @@ set -euo pipefail
 packages=(cmake g++ make pkg-config libace-dev googletest libgtest-dev libgmock-dev
           libbenchmark-dev nlohmann-json3-dev libcli11-dev libsmartcols-dev libsimdjson-dev clang
           clang-format libclang-rt-14-dev valgrind python3 python3-jsonschema lintian abigail-tools
-          binutils dpkg-dev xz-utils)
+          binutils dpkg-dev xz-utils sg3-utils)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

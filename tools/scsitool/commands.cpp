@@ -13,6 +13,7 @@
 #include "device_probe.h"
 #include "device_udid_factory.h"
 #include "errors.h"
+#include "explain.h"
 #include "fi_system.h"
 #include "map_view.h"
 #include "output.h"
@@ -154,27 +155,21 @@ std::string runUdid(Session& session, const std::string& device, bool rescanIfMi
 std::string runShow(Session& session, const std::string& device, bool json)
 {
     const std::string node = deviceNode(device);
-    CUDIDFactory& factory = session.factory();
-    // A record made the way discovery makes one.
-    CScsiDeviceData record(node, "", Session::hostName(), 0, 0, 0, -1, "", "", "", 0);
-    record.m_pagesValid = 1;
-    record.m_secondFlag = 1;
-    CScsiTool tool;
-    tool.registerTraceLog(session.log());
-
+    session.factory();  // made before the capture starts, as every command makes it
     DeviceReport report;
     session.startCapture();
-    int status = tool.UpdateDevice(&record);
-    if (status == SCSI_STATUS_OK) {
-        SUdidOrigin origin;
-        report.udid = factory.getUniqueDeviceID(&record, origin);
-        report.generator = origin.generator;
-        for (const SUdidOrigin::Failure& failure : origin.failures) {
+    ExaminedDevice examined = examineDevice(session, node);
+    const CScsiDeviceData& record = *examined.record;
+    if (examined.status == SCSI_STATUS_OK) {
+        report.udid = examined.udid;
+        report.generator = examined.origin.generator;
+        for (const SUdidOrigin::Failure& failure : examined.origin.failures) {
             report.failedGenerators.push_back({failure.generator, failure.exception});
         }
+        report.explanation = examined.explanation;
     }
-    report.warnings = session.stopCapture();
-    if (status != SCSI_STATUS_OK) {
+    report.warnings = withoutExplainedWarnings(session.stopCapture(), report.explanation);
+    if (examined.status != SCSI_STATUS_OK) {
         throwUnanswered(node);
     }
 

@@ -16,6 +16,7 @@
 #include "digest.h"
 #include "errors.h"
 #include "fi_system.h"
+#include "explain_change.h"
 #include "progress.h"
 #include "simhost.h"
 
@@ -214,16 +215,20 @@ std::string runDiff(Session& session, const std::string& before, const std::stri
     }
     const std::vector<Finding> findings = CDeviceMapCompare::compare(first.map, second.map);
     differ = !findings.empty();
+    const FindingExplainer explain = identityChangeExplainer(session, before, after);
     if (json) {
-        return formatFindingsJson(findings, first.context, second.context);
+        return formatFindingsJson(findings, first.context, second.context, explain);
     }
-    return formatContext(first.context, second.context) + formatFindingsTable(findings);
+    return formatContext(first.context, second.context) + formatFindingsTable(findings, explain);
 }
 
-std::string formatFindingsTable(const std::vector<Finding>& findings)
+std::string formatFindingsTable(const std::vector<Finding>& findings,
+                                const FindingExplainer& explain)
 {
     std::string text;
     for (const Finding& finding : findings) {
+        const std::vector<std::string> why =
+            explain ? explain(finding) : std::vector<std::string>();
         const std::string kind = CDeviceMapCompare::kindName(finding.kind);
         switch (finding.kind) {
             case CDeviceMapCompare::Remapped:
@@ -256,12 +261,15 @@ std::string formatFindingsTable(const std::vector<Finding>& findings)
                         "\n";
                 break;
         }
+        for (const std::string& line : why) {
+            text += "  " + line + "\n";
+        }
     }
     return text;
 }
 
 std::string formatFindingsJson(const std::vector<Finding>& findings, const SideContext& before,
-                               const SideContext& after)
+                               const SideContext& after, const FindingExplainer& explain)
 {
     ordered_json object = ordered_json::object();
     object["sides"] = {{"before", contextJson(before)}, {"after", contextJson(after)}};
@@ -277,6 +285,10 @@ std::string formatFindingsJson(const std::vector<Finding>& findings, const SideC
                 entry["after"] = sideJson(finding.after);
                 if (kind == CDeviceMapCompare::Unavailable) {
                     entry["state"] = finding.state;
+                }
+                if (explain && (kind == CDeviceMapCompare::Remapped ||
+                                kind == CDeviceMapCompare::IdentityChanged)) {
+                    entry["explanation"] = explain(finding);
                 }
                 entries.push_back(entry);
             }

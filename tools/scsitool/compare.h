@@ -63,9 +63,14 @@ std::string runFleet(Session& session, const std::vector<std::string>& captures,
 std::string formatContext(const SideContext& before, const SideContext& after);
 // The one line that says what a side is ("this host, now: host …", "FILE: host …, captured …").
 std::string describeSide(const SideContext& side);
-std::string formatFindingsTable(const std::vector<CDeviceMapCompare::Finding>& findings);
+// What a finding's two identities differ in, one line each (explain_change.h); none by default.
+typedef std::function<std::vector<std::string>(const CDeviceMapCompare::Finding&)> FindingExplainer;
+
+std::string formatFindingsTable(const std::vector<CDeviceMapCompare::Finding>& findings,
+                                const FindingExplainer& explain = FindingExplainer());
 std::string formatFindingsJson(const std::vector<CDeviceMapCompare::Finding>& findings,
-                               const SideContext& before, const SideContext& after);
+                               const SideContext& before, const SideContext& after,
+                               const FindingExplainer& explain = FindingExplainer());
 // The fleet's text; with a writer, handed to it in pieces as it is made ("" is returned).
 typedef std::function<void(const std::string&)> TextWriter;
 std::string formatFleetTable(const CFleetView& fleet, const TextWriter& write = TextWriter());

@@ -128,7 +128,8 @@ int main(int argc, char** argv)
     udid->footer(std::string(kRescanFooter) + kFooter);
 
     bool showJson = false;
-    CLI::App* show = app.add_subcommand("show", "one device: identity, pages, generator, UDID");
+    CLI::App* show = app.add_subcommand(
+        "show", "one device: decoded pages, generator, UDID and the bytes each part came from");
     show->add_option("DEVICE", device, "the device node, e.g. /dev/sdc or sdc")->required();
     show->add_flag("--json", showJson, "a JSON object");
 

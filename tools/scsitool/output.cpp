@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "page_decode.h"
+
 namespace scsitool_cli {
 
 using ordered_json = nlohmann::ordered_json;
@@ -14,13 +16,6 @@ namespace {
 std::string padRight(const std::string& text, size_t width)
 {
     return text.size() >= width ? text : text + std::string(width - text.size(), ' ');
-}
-
-std::string pageLabel(unsigned int code)
-{
-    char label[32];
-    std::snprintf(label, sizeof label, "VPD page 0x%02x", code);
-    return code == 0 ? "standard INQUIRY" : label;
 }
 
 std::string pageKey(unsigned int code)
@@ -107,6 +102,10 @@ std::string formatDeviceTable(const DeviceReport& report)
     for (size_t i = 0; i < report.failedGenerators.size(); ++i) {
         const auto& failed = report.failedGenerators[i];
         fields.push_back({i == 0 ? "failed" : "", failed.first + " (" + failed.second + ")"});
+        if (i < report.explanation.failures.size()) {
+            fields.push_back({"", "  " + report.explanation.failures[i].reason});
+            fields.push_back({"", "  next: " + report.explanation.failures[i].next});
+        }
     }
     fields.push_back({"udid", report.udid.empty() ? "-" : report.udid});
     std::string text;
@@ -119,9 +118,14 @@ std::string formatDeviceTable(const DeviceReport& report)
     for (size_t i = 0; i < report.warnings.size(); ++i) {
         text += padRight(i == 0 ? "warnings" : "", 11) + report.warnings[i] + "\n";
     }
+    if (report.explanation.recorded) {
+        text += "\nprovenance of the UDID\n" + formatProvenance(report.explanation);
+    }
+    if (!report.supportedPages.empty()) {
+        text += "\n" + formatPageList(report.supportedPages);
+    }
     for (const auto& page : report.pages) {
-        text += "\n" + pageLabel(page.first) + ", " + std::to_string(page.second.size()) +
-                " bytes\n" + hexDump(page.second);
+        text += "\n" + formatDecodedPage(page.first, page.second);
     }
     return text;
 }
@@ -146,11 +150,25 @@ std::string formatDeviceJson(const DeviceReport& report)
     object["vpd"] = vpd;
     object["generator"] = report.generator;
     ordered_json failed = ordered_json::array();
-    for (const auto& generator : report.failedGenerators) {
-        failed.push_back({{"generator", generator.first}, {"exception", generator.second}});
+    for (size_t i = 0; i < report.failedGenerators.size(); ++i) {
+        ordered_json entry = {{"generator", report.failedGenerators[i].first},
+                              {"exception", report.failedGenerators[i].second}};
+        if (i < report.explanation.failures.size()) {
+            entry["message_id"] = report.explanation.failures[i].messageId;
+            entry["reason"] = report.explanation.failures[i].reason;
+            entry["next"] = report.explanation.failures[i].next;
+        }
+        failed.push_back(entry);
     }
     object["failed_generators"] = failed;
     object["udid"] = report.udid;
+    object["provenance"] = provenanceJson(report.explanation);
+    ordered_json decoded = ordered_json::object();
+    for (const auto& page : report.pages) {
+        decoded[page.first == 0 ? "inquiry" : pageKey(page.first)] =
+            decodedPageJson(page.first, page.second);
+    }
+    object["decoded"] = decoded;
     object["warnings"] = report.warnings;
     return jsonString(object);
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "device_scsi_data.h"
+#include "explain.h"
 
 namespace scsitool_cli {
 
@@ -31,6 +32,7 @@ struct DeviceReport {
     std::vector<std::pair<std::string, std::string>> failedGenerators;
     std::string udid;
     std::vector<std::string> warnings;
+    UdidExplanation explanation;  // why the UDID is what it is
 };
 
 // An FC host as sysfs shows it: the command's own reading, beside the library's answer.

@@ -15,6 +15,7 @@
 #include "device_scsi_data.h"
 #include "fi_trace.h"
 #include "scsitool_export.h"
+#include "udid_read_recorder.h"
 
 // The one exception that generators throw, by value, for bad or missing SCSI data.
 class SCSITOOL_EXPORT CUdidGeneratorException {
@@ -51,7 +52,17 @@ public:
         unsigned int length = 0;
 
         explicit operator bool() const { return data != nullptr; }
-        unsigned char operator[](unsigned int i) const { return i < length ? data[i] : 0; }
+        unsigned char operator[](unsigned int i) const
+        {
+            // An explanation of the UDID listens to every byte read; an enumeration does not.
+            if (CUdidReadRecorder::listening()) {
+                noteRead(i);
+            }
+            return i < length ? data[i] : 0;
+        }
+
+    private:
+        void noteRead(unsigned int i) const;
     };
 
     CUdidGenerator(std::string vendorId, std::string productId);

@@ -75,6 +75,11 @@ std::string CUDIDFactory::getUniqueDeviceID(CScsiDeviceData* device, SUdidOrigin
             if (!generator->claimDevice(device)) {
                 continue;
             }
+            if (CUdidReadRecorder::listening()) {
+                if (CUdidReadRecorder* recorder = CUdidReadRecorder::active()) {
+                    recorder->noteGenerator(generator->getGeneratorName());
+                }
+            }
             udid = generator->getUniqueDeviceIDPrefix(device);
             udid += generator->getUniqueDeviceID(device);
             udid = CStringTool::tostrupper(udid);

@@ -182,15 +182,49 @@ CUdidGenerator::CachedBytes CUdidGenerator::findPageData(const CScsiDeviceData* 
         bytes.data = page->getData();
         bytes.length = page->getLength();
     }
+    if (CUdidReadRecorder::listening()) {
+        if (CUdidReadRecorder* recorder = CUdidReadRecorder::active()) {
+            recorder->noteLookup(code, bytes.data, bytes.length);
+        }
+    }
     return bytes;
 }
+
+void CUdidGenerator::CachedBytes::noteRead(unsigned int i) const
+{
+    if (CUdidReadRecorder* recorder = CUdidReadRecorder::active()) {
+        recorder->noteRead(data, length, i);
+    }
+}
+
+namespace {
+
+// The index of the next read, where a field that a recorder will see starts.
+size_t fieldStart()
+{
+    CUdidReadRecorder* recorder = CUdidReadRecorder::active();
+    return recorder != nullptr ? recorder->reads.size() : 0;
+}
+
+void noteField(CUdidReadRecorder::FieldKind kind, size_t first, const std::string& text)
+{
+    if (CUdidReadRecorder* recorder = CUdidReadRecorder::active()) {
+        recorder->noteField(kind, first, text);
+    }
+}
+
+}  // namespace
 
 std::string CUdidGenerator::textField(const CachedBytes& page, unsigned int offset,
                                       unsigned int count)
 {
+    const size_t first = CUdidReadRecorder::listening() ? fieldStart() : 0;
     std::string text;
     for (unsigned int i = offset; i < offset + count && page[i] != 0; ++i) {
         text += char(page[i]);
+    }
+    if (CUdidReadRecorder::listening()) {
+        noteField(CUdidReadRecorder::kText, first, text);
     }
     return text;
 }
@@ -199,6 +233,7 @@ std::string CUdidGenerator::hexField(const CachedBytes& page, unsigned int offse
                                      unsigned int count, bool upperCase, const char* separator,
                                      unsigned int group)
 {
+    const size_t first = CUdidReadRecorder::listening() ? fieldStart() : 0;
     std::string text;
     char digits[3];
     for (unsigned int i = 0; i < count; ++i) {
@@ -208,6 +243,9 @@ std::string CUdidGenerator::hexField(const CachedBytes& page, unsigned int offse
         snprintf(digits, sizeof(digits), upperCase ? "%02X" : "%02x", page[offset + i]);
         text += digits;
     }
+    if (CUdidReadRecorder::listening()) {
+        noteField(CUdidReadRecorder::kHex, first, text);
+    }
     return text;
 }
 
@@ -215,6 +253,11 @@ std::string CUdidGenerator::decimalOf(const std::string& text, int base)
 {
     char number[64];
     snprintf(number, sizeof(number), "%d", int(strtol(text.c_str(), nullptr, base)));
+    if (CUdidReadRecorder::listening()) {
+        if (CUdidReadRecorder* recorder = CUdidReadRecorder::active()) {
+            recorder->noteDecimal(text, base, number);
+        }
+    }
     return number;
 }
 
