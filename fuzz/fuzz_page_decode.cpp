@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The page decoder of `show` over arbitrary bytes under every page code it names: whatever a
 // device answers, it reads only the bytes received.
 #include <cstddef>

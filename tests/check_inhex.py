@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """The hex that `scsitool show` prints under each page, read back by sg3_utils.
 
 For every disk of every example host, each page section's hex lines go to `sg_inq --inhex` (the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The read recorder: what it sees of a UDID's computation (the generators asked, the pages they
 // looked up, the fields they made and the bytes behind them), that it changes no answer, and
 // that it hears nothing it was not asked to.

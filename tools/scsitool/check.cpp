@@ -97,11 +97,17 @@ std::string withJournalPriorities(const std::string& text)
 {
     std::string result;
     size_t start = 0;
+    int priority = 5;
     while (start < text.size()) {
         size_t end = text.find('\n', start);
         end = end == std::string::npos ? text.size() : end + 1;
         const std::string line = text.substr(start, end - start);
-        result += "<" + std::to_string(priorityOf(line)) + ">" + line;
+        // An indented line says why the finding above it was made: it goes with that finding,
+        // so that an alert on errors carries its explanation.
+        if (line.compare(0, 2, "  ") != 0) {
+            priority = priorityOf(line);
+        }
+        result += "<" + std::to_string(priority) + ">" + line;
         start = end;
     }
     return result;

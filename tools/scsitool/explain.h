@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Why a UDID is what it is: which bytes of which page made each part of its body, where its
 // prefix came from, and why the generators that claimed the device before the one that made it
 // gave up. Built from what the library's read recorder saw while the UDID was computed.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `diff`'s words on a changed identity: each side's device queried again on its own host, with
 // the read recorder on, and the two explanations compared.
 #ifndef SCSITOOL_CLI_EXPLAIN_CHANGE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The pages a device gave, decoded for people: the standard INQUIRY data, the page list (0x00),
 // the unit serial (0x80), the designators of page 0x83 and the vendor pages the array bodies
 // read (0xC0, 0xC8, 0xD0). Every field is read only from the bytes received.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A recorder of what the generators read while one UDID is computed: the pages they look up,
 // every byte they read through CachedBytes, the fields they make of those bytes, and which
 // generator was asked. A tool that explains a UDID puts one on the stack around the factory's
@@ -16,7 +17,9 @@
 #include <thread>
 #include <vector>
 
-class CUdidReadRecorder {
+#include "scsitool_export.h"
+
+class SCSITOOL_EXPORT CUdidReadRecorder {
 public:
     // One byte read: the array it came from, that array's length, the index and the value
     // returned (zero for an index at or past the length).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "udid_read_recorder.h"
 
 std::atomic<CUdidReadRecorder*> CUdidReadRecorder::s_active(nullptr);
