@@ -10,7 +10,7 @@ for preset in default asan; do
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset"
   echo "== $preset: tests"
-  ctest --preset "$preset"
+  ctest --preset "$preset" --no-tests=error
   if [ "$preset" = default ]; then
     echo "== default: real-kernel tests in a virtual machine"
     # The presets leave the vm label out; these run from the build directory itself.
@@ -20,7 +20,7 @@ done
 echo "== tsan: two factories enumerating and rescanning on two threads"
 cmake --preset tsan >/dev/null
 cmake --build --preset tsan
-ctest --preset tsan
+ctest --preset tsan --no-tests=error
 echo "== fuzz: every target briefly over its seeds (clang, sanitizers)"
 bash fuzz/smoke.sh
 echo "== memcheck: the tests under valgrind"
