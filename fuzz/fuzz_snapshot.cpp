@@ -45,9 +45,11 @@ void checkComparison(simhost::SimHost& host)
         fprintf(stderr, "a device map differs from itself\n");
         abort();
     }
+    // Against an empty map every volume that answered is removed; names that did not answer
+    // (the control node, a disk that is gone) say nothing of a volume and are not reported.
     std::set<std::string> udids;
     for (const SMapVolume& volume : map.volumes) {
-        if (!volume.udid.empty()) {
+        if (!volume.udid.empty() && CDeviceMapCompare::answered(volume)) {
             udids.insert(volume.udid);
         }
     }
