@@ -23,10 +23,10 @@ set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # dpkg-shlibdeps finds the kit and the library in the build tree; the dependencies on them are
 # named below (they have no installed shlibs file yet).
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR})
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_SOURCE_DIR}/cmake/deb-staging.cmake)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/deb-staging.cmake)
 set(CPACK_SCSITOOL_STRIP ${CMAKE_STRIP})
 
 # The development package names the ACE headers' package this build used.
@@ -64,9 +64,9 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${SCSITOOL_KIT_DEB}")
 # which does no harm).
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
-file(WRITE ${CMAKE_BINARY_DIR}/debian/runtime/triggers "activate-noawait ldconfig\n")
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/debian/runtime/triggers)
-set(CPACK_DEBIAN_KIT_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/debian/runtime/triggers)
+file(WRITE ${PROJECT_BINARY_DIR}/debian/runtime/triggers "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/debian/runtime/triggers)
+set(CPACK_DEBIAN_KIT_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/debian/runtime/triggers)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
   "unique device ids of SCSI disks and multipath devices (library)
 libscsitool names every disk the host sees by the storage-array volume it is,
@@ -97,30 +97,30 @@ scsitool shows the device map of this host with each disk's address, kind,
 state and unique device id, one device's identity and pages, and captures a
 host's SCSI view as a snapshot that replays anywhere.")
 
-configure_file(${CMAKE_SOURCE_DIR}/cmake/changelog.in ${CMAKE_BINARY_DIR}/debian/changelog @ONLY)
-execute_process(COMMAND gzip -9nc ${CMAKE_BINARY_DIR}/debian/changelog
-  OUTPUT_FILE ${CMAKE_BINARY_DIR}/debian/changelog.gz COMMAND_ERROR_IS_FATAL ANY)
+configure_file(${PROJECT_SOURCE_DIR}/cmake/changelog.in ${PROJECT_BINARY_DIR}/debian/changelog @ONLY)
+execute_process(COMMAND gzip -9nc ${PROJECT_BINARY_DIR}/debian/changelog
+  OUTPUT_FILE ${PROJECT_BINARY_DIR}/debian/changelog.gz COMMAND_ERROR_IS_FATAL ANY)
 # What lintian is told, each with its reason: the kit's package is named for this project, not
 # for the library's SONAME, so that no other package can claim it; and cpack's own maintainer
 # scripts call ldconfig, which the trigger makes redundant but not harmful.
 set(SCSITOOL_LDCONFIG_REASON "# cpack's maintainer scripts call ldconfig; the ldconfig trigger makes that redundant.")
-file(WRITE ${CMAKE_BINARY_DIR}/debian/overrides/libscsitool-fikit1
+file(WRITE ${PROJECT_BINARY_DIR}/debian/overrides/libscsitool-fikit1
   "# The kit stands in for the framework's own libfikit; the package is named for this project.\n"
   "libscsitool-fikit1: package-name-doesnt-match-sonames libfikit1\n"
   "${SCSITOOL_LDCONFIG_REASON}\n"
   "libscsitool-fikit1: maintscript-calls-ldconfig [postinst]\n"
   "libscsitool-fikit1: maintscript-calls-ldconfig [postrm]\n")
-file(WRITE ${CMAKE_BINARY_DIR}/debian/overrides/libscsitool1
+file(WRITE ${PROJECT_BINARY_DIR}/debian/overrides/libscsitool1
   "${SCSITOOL_LDCONFIG_REASON}\n"
   "libscsitool1: maintscript-calls-ldconfig [postinst]\n"
   "libscsitool1: maintscript-calls-ldconfig [postrm]\n")
-install(FILES ${CMAKE_BINARY_DIR}/debian/overrides/libscsitool-fikit1
+install(FILES ${PROJECT_BINARY_DIR}/debian/overrides/libscsitool-fikit1
         DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides COMPONENT kit EXCLUDE_FROM_ALL)
-install(FILES ${CMAKE_BINARY_DIR}/debian/overrides/libscsitool1
+install(FILES ${PROJECT_BINARY_DIR}/debian/overrides/libscsitool1
         DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides COMPONENT runtime EXCLUDE_FROM_ALL)
 foreach(component kit runtime development command)
   string(TOUPPER ${component} upper)
-  install(FILES ${CMAKE_SOURCE_DIR}/cmake/copyright ${CMAKE_BINARY_DIR}/debian/changelog.gz
+  install(FILES ${PROJECT_SOURCE_DIR}/cmake/copyright ${PROJECT_BINARY_DIR}/debian/changelog.gz
           DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME}
           COMPONENT ${component} EXCLUDE_FROM_ALL)
 endforeach()

@@ -1,10 +1,11 @@
 # SPDX-License-Identifier: Apache-2.0
-# The fuzz targets and their dictionaries; sourced by the fuzz scripts.
-FUZZ_TARGETS=(fuzz_generators fuzz_update_device fuzz_kernel_files fuzz_snapshot fuzz_page_decode)
-fuzz_dict() {
-  case "$1" in
-    fuzz_generators | fuzz_update_device | fuzz_page_decode) echo fuzz/device.dict ;;
-    fuzz_kernel_files) echo fuzz/kernel_files.dict ;;
-    fuzz_snapshot) echo fuzz/snapshot.dict ;;
-  esac
-}
+# The fuzz targets and their dictionaries from fuzz/targets.txt; sourced by the fuzz scripts
+# from the top of the tree.
+FUZZ_TARGETS=()
+declare -A FUZZ_DICTS=()
+while read -r target dict; do
+  case "$target" in '' | '#'*) continue ;; esac
+  FUZZ_TARGETS+=("$target")
+  FUZZ_DICTS[$target]="fuzz/$dict"
+done <fuzz/targets.txt
+fuzz_dict() { echo "${FUZZ_DICTS[$1]}"; }

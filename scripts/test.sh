@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Sets up, builds and runs every test: the default build (with the boundary, ABI and package
-# checks), then the sanitizer build, then the thread-sanitizer test of two factories at once.
+# Sets up, checks the C++ files' format, builds and runs every test: the default build (with the
+# boundary, ABI and package checks), then the sanitizer build, then the thread-sanitizer test of
+# two factories at once.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
+echo "== format: every C++ file as clang-format writes it"
+bash scripts/check-format.sh
 for preset in default asan; do
   echo "== $preset: configure and build"
   cmake --preset "$preset" >/dev/null

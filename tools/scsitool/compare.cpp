@@ -15,8 +15,8 @@
 #include "device_udid_factory.h"
 #include "digest.h"
 #include "errors.h"
-#include "fi_system.h"
 #include "explain_change.h"
+#include "fi_system.h"
 #include "progress.h"
 #include "simhost.h"
 
