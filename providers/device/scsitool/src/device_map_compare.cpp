@@ -10,6 +10,7 @@
 #include "device_udid_factory.h"
 #include "fi_system.h"
 #include "kernel_files.h"
+#include "scsi_page_codes.h"
 #include "stringtool.h"
 
 namespace {
@@ -78,7 +79,7 @@ std::string designatorKey(const unsigned char* page, size_t length)
 // within one vendor's arrays.
 std::string serialKey(const CScsiDeviceData& record)
 {
-    const CScsiModePage* page = record.findPage(0x80);
+    const CScsiModePage* page = record.findPage(scsi_page::kUnitSerial);
     if (page == nullptr || page->getData() == nullptr || page->getLength() < 4) {
         return std::string();
     }
@@ -117,7 +118,7 @@ std::string addressOf(const CScsiDeviceData& record)
 // live path behind it; the device-mapper control node answers nothing by nature.
 std::string stateOf(const CScsiDeviceData& record)
 {
-    if (record.findPage(0) != nullptr) {
+    if (record.findPage(scsi_page::kStandardInquiry) != nullptr) {
         return "running";
     }
     if (record.m_deviceName == "/dev/mapper/control") {
@@ -300,7 +301,7 @@ std::string CDeviceMapCompare::openFailureState(int error)
 
 std::string CDeviceMapCompare::volumeKey(const CScsiDeviceData& record)
 {
-    const CScsiModePage* page = record.findPage(0x83);
+    const CScsiModePage* page = record.findPage(scsi_page::kDeviceIdentification);
     std::string key =
         page == nullptr ? std::string() : designatorKey(page->getData(), page->getLength());
     return key.empty() ? serialKey(record) : key;
