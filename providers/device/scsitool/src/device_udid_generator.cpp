@@ -70,14 +70,15 @@ const SFamily kFamilies[] = {
     {"IBM", "TOTALSTORAGE", make<CIbmUdidGenerator>,
      {{"IBM"}, kPrefix, {}, kAny, ibmEnterpriseModel, false, false},
      "device_udid_generator_ibm.cpp", {I, S, C8, D, E}},
-    // IBM midrange DS models: the IBM test decides.
+    // IBM midrange DS models: the IBM test decides. Its isESS and isFASTT take the same models,
+    // so the body's branch for a FAStT (page 0xC8) is never reached.
     {"IBM", "DISKSYSTEM", make<CIbmDsUdidGenerator>,
      {{"IBM"}, kPrefix, {}, kAny, ibmMidrangeModel, false, false},
-     "device_udid_generator_ibm.cpp", {D0, I, S, C8, D, E}},
+     "device_udid_generator_ibm.cpp", {D0, I, S, D, E}},
     // EMC Clariion and VNX (vendor DGC): array serial of the unit page and the LUN name.
     {"DGC", "", make<CEmcClariionUdidGenerator>,
      {{"DGC"}, kExact, {"RAID", "DISK", "VNX", "CX"}, kContains, nullptr, false, false},
-     "device_udid_generator_emc.cpp", {C0, S, D, I, E}},
+     "device_udid_generator_emc.cpp", {C0, S, D, E}},
     // EMC Symmetrix: array serial and device number of the INQUIRY data.
     {"EMC", "SYMMETRIX", make<CEmcSymmetrixUdidGenerator>,
      {{"EMC"}, kExact, {"SYMMETRIX"}, kExact, nullptr, false, false},
