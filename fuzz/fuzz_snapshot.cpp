@@ -46,7 +46,7 @@ void checkComparison(simhost::SimHost& host)
         abort();
     }
     std::set<std::string> udids;
-    for (const SMapVolume& volume : map.volumes) {
+    for (const SMapVolume& volume : map.entries) {
         if (!volume.udid.empty()) {
             udids.insert(volume.udid);
         }

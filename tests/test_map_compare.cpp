@@ -289,7 +289,7 @@ TEST(DeviceMapCompare, EachFindingBetweenTwoSmallHosts)
           "removed UDID##IBM##TOTALSTORAGE##IBM.2107-7512345##1A2B: 1A2B [/dev/sdd 3:0:1:0] -> - "
           "[]"}},
     };
-    ASSERT_EQ(describe(smallHost()).volumes.size(), 7u);  // five disks, mpathb, the control node
+    ASSERT_EQ(describe(smallHost()).entries.size(), 7u);  // five disks, mpathb, the control node
     for (const Case& c : cases) {
         json before = smallHost();
         c.both(before);
@@ -375,11 +375,11 @@ TEST(DeviceMapCompare, DisksQueriedOneByOneGiveTheMapsEntries)
         const SHostMap queried = CDeviceMapCompare::describeDisks(factory, disks);
         EXPECT_EQ(queried.hostName, whole.hostName) << name;
         size_t matched = 0;
-        for (const SMapVolume& volume : queried.volumes) {
+        for (const SMapVolume& volume : queried.entries) {
             auto same = std::find_if(
-                whole.volumes.begin(), whole.volumes.end(),
+                whole.entries.begin(), whole.entries.end(),
                 [&](const SMapVolume& v) { return v.deviceName == volume.deviceName; });
-            ASSERT_NE(same, whole.volumes.end()) << name << " " << volume.deviceName;
+            ASSERT_NE(same, whole.entries.end()) << name << " " << volume.deviceName;
             ++matched;
             EXPECT_EQ(volume.udid, same->udid) << name << " " << volume.deviceName;
             EXPECT_EQ(volume.address, same->address) << name << " " << volume.deviceName;
@@ -387,7 +387,7 @@ TEST(DeviceMapCompare, DisksQueriedOneByOneGiveTheMapsEntries)
             EXPECT_EQ(volume.hostLocal, same->hostLocal) << name << " " << volume.deviceName;
         }
         size_t disksInMap = 0;
-        for (const SMapVolume& volume : whole.volumes) {
+        for (const SMapVolume& volume : whole.entries) {
             // Nodes that do not open are described without being in the map.
             disksInMap += volume.deviceName.compare(0, 7, "/dev/sd") == 0 && volume.openError == 0;
         }

@@ -389,13 +389,6 @@ std::string CDefaultUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
     }
 
     // Host-local id: keeps the device apart on this host only.
-    char host[512] = {};
-    std::string body = device->m_deviceName + "@";
-    if (fiSystem().gethostname(host, sizeof(host)) == 0) {
-        host[sizeof(host) - 1] = '\0';  // a system may truncate a long name without a terminator
-        body += host;
-    } else {
-        body += "UNKNOWN";
-    }
-    return body;
+    std::string host;
+    return device->m_deviceName + "@" + (kzfi_pdk_4_4::fiHostName(host, 512) ? host : "UNKNOWN");
 }
