@@ -16,6 +16,7 @@
 
 #include "device_map_compare.h"
 #include "device_udid_factory.h"
+#include "pseudo_devices.h"
 #include "simhost.h"
 
 namespace {
@@ -396,3 +397,52 @@ TEST(DeviceMapCompare, DisksQueriedOneByOneGiveTheMapsEntries)
 }
 
 }  // namespace
+
+// The one rule that map, show, diff and fleet share: a host-local UDID is the default
+// generator's "<node>@<host>" body, upper-cased, behind a whole prefix.
+TEST(HostLocalUdid, OnlyTheDefaultGeneratorsNodeAtHostBody)
+{
+    struct Case {
+        const char* udid;
+        const char* node;
+        const char* host;
+        bool hostLocal;
+    };
+    // clang-format off
+    const Case cases[] = {
+        {"UDID##ACME##DISK##/DEV/SDC@TESTHOST", "/dev/sdc", "testhost", true},
+        {"UDID##ACME##DISK##/DEV/SDC@UNKNOWN", "/dev/sdc", "", true},
+        {"UDID##ACME##DISK##/DEV/SDC@UNKNOWN", "/dev/sdc", "testhost", false},
+        {"UDID##ACME##DISK##/DEV/SDC@TESTHOST", "/dev/sdd", "testhost", false},
+        {"UDID##ACME##DISK##X/DEV/SDC@TESTHOST", "/dev/sdc", "testhost", false},
+        {"OVERRIDE##/DEV/SDC@TESTHOST", "/dev/sdc", "testhost", false},
+        {"UDID####/DEV/SDC@TESTHOST", "/dev/sdc", "testhost", true},
+        {"UDID##/DEV/SDC@TESTHOST", "/dev/sdc", "testhost", false},
+        {"", "/dev/sdc", "testhost", false},
+    };
+    // clang-format on
+    for (const Case& c : cases) {
+        EXPECT_EQ(isHostLocalUdid(c.udid, c.node, c.host), c.hostLocal) << c.udid << " " << c.host;
+    }
+}
+
+// Every pseudo-device kind by its node, and the nodes that only look like one.
+TEST(PseudoDevices, KindOfEachNode)
+{
+    using namespace pseudo_device;
+    const std::pair<const char*, EKind> cases[] = {
+        {"/dev/mapper/control", kMapperControl},
+        {"/dev/mapper/mpatha", kMapper},
+        {"/dev/mapper/", kMapper},
+        {"/dev/emcpowera", kPowerPath},
+        {"/dev/sdc", kNative},
+        {"/dev/mapperx/a", kNative},
+        {"emcpowera", kNative},
+        {"/dev/dm-0", kNative},
+        {"/dev/mapper/control2", kMapper},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(kindOf(c.first), c.second) << c.first;
+        EXPECT_EQ(isPseudo(c.first), c.second != kNative) << c.first;
+    }
+}
