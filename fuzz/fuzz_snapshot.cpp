@@ -48,7 +48,7 @@ void checkComparison(simhost::SimHost& host)
     // Against an empty map every volume that answered is removed; names that did not answer
     // (the control node, a disk that is gone) say nothing of a volume and are not reported.
     std::set<std::string> udids;
-    for (const SMapVolume& volume : map.volumes) {
+    for (const SMapVolume& volume : map.entries) {
         if (!volume.udid.empty() && CDeviceMapCompare::answered(volume)) {
             udids.insert(volume.udid);
         }

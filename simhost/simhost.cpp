@@ -275,11 +275,6 @@ void SimHost::setKernelFile(const std::string& path, const std::string& text)
     m_state->kernelFiles[normalizePath(path)] = text;
 }
 
-void SimHost::addInertFile(const std::string& path)
-{
-    m_state->inertFiles.insert(normalizePath(path));
-}
-
 void SimHost::setNextDescriptor(int fd)
 {
     m_state->nextFd = fd;
@@ -296,11 +291,6 @@ std::vector<SimAdapter> SimHost::adapters() const
 }
 
 // --- the record --------------------------------------------------------------------------------
-
-const std::vector<SimEvent>& SimHost::events() const
-{
-    return m_state->events;
-}
 
 std::vector<std::string> SimHost::commandsRun() const
 {

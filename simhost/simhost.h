@@ -122,13 +122,10 @@ public:
     // A kernel file whose text wins over the one the model generates (it exists even where the
     // model would have none), e.g. "/proc/partitions" with a line the parser must survive.
     void setKernelFile(const std::string& path, const std::string& text);
-    // A control file whose writes are recorded and otherwise ignored by the kernel.
-    void addInertFile(const std::string& path);
     // The descriptor number the next successful open hands out (later ones count up from it).
     void setNextDescriptor(int fd);
 
-    // What the library did, in order; and views of it.
-    const std::vector<SimEvent>& events() const;
+    // Views of what the library did, in order.
     std::vector<std::string> commandsRun() const;  // exec and system() command lines
     std::vector<SimEvent> writesTo(const std::string& path) const;
     std::vector<unsigned int> sleeps() const;

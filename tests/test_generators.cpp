@@ -6,12 +6,15 @@
 #include <scsi/sg.h>
 
 #include <algorithm>
+#include <fstream>
 #include <memory>
+#include <set>
 
 #include "device_udid_generator.h"
 #include "page_builders.h"
 #include "simhost.h"
 #include "trace_capture.h"
+#include "udid_families.h"
 
 using namespace kzfi_pdk_4_4;
 
@@ -103,6 +106,77 @@ TEST(GeneratorTable, ClaimsByFirstMatchingRuleInTableOrder)
     for (const auto& c : cases) {
         auto device = makeDevice(c[0], c[1]);
         EXPECT_EQ(claimerOf(device.get())->getGeneratorName(), c[2]) << c[0] << "/" << c[1];
+    }
+}
+
+// Every family row is whole: its generator carries its claim strings, its rule tests a vendor
+// and a product (only the last row, the default, takes any), its file exists, and its page list
+// is exactly what its generator looks up over devices that reach each branch.
+TEST(FamilyRows, EachRowIsWholeAndListsThePagesItsGeneratorLooksUp)
+{
+    using namespace udid_family;
+    FakeHost system(filerAnswer("ENCLOSURE1"));
+    const Bytes filled = PageBuilder(255).text(4, std::string(250, '7'));
+    const std::map<unsigned int, Bytes> pages = {{0x00, filled}, {0x80, filled}, {0x83, filled},
+                                                 {0xC0, filled}, {0xC8, filled}, {0xD0, filled}};
+    const std::vector<unsigned int> supported = {0x00, 0x80, 0x83, 0xC0, 0xC8, 0xD0};
+    const char* products[] = {"2107900", "2105", "3542", "1724", "1815", "OTHER"};
+
+    ASSERT_EQ(familyCount(), table().size());
+    for (size_t i = 0; i < familyCount(); ++i) {
+        const SFamily& row = families()[i];
+        const std::string name = std::string(row.vendorId) + ":" + row.productId;
+        std::unique_ptr<CUdidGenerator> generator(row.create(row.vendorId, row.productId));
+        EXPECT_EQ(generator->getGeneratorName(), name);
+        EXPECT_EQ(table()[i]->getGeneratorName(), name);
+        EXPECT_EQ(familyOf(row.vendorId, row.productId), &row) << name;
+
+        const bool last = i + 1 == familyCount();
+        const SClaimRule& rule = row.claim;
+        EXPECT_EQ(rule.vendorMatch == kAny, last) << name << ": a row without a vendor rule";
+        EXPECT_TRUE(rule.vendorMatch == kAny || rule.vendors[0] != nullptr) << name;
+        EXPECT_EQ(rule.productMatch == kAny && rule.productTest == nullptr, last)
+            << name << ": a row without a product rule";
+        EXPECT_TRUE(rule.productMatch == kAny || rule.products[0] != nullptr) << name;
+        EXPECT_TRUE(std::ifstream(std::string(SCSITOOL_SOURCE_DIR) +
+                                  "/providers/device/scsitool/src/" + row.file)
+                        .good())
+            << name << ": " << row.file;
+
+        std::set<unsigned int> listed;
+        for (const unsigned int* page = row.pages; *page != kNoPage; ++page) {
+            listed.insert(*page);
+        }
+        std::set<unsigned int> lookedUp;
+        for (const char* product : products) {
+            for (size_t drop = 0; drop <= supported.size(); ++drop) {
+                // Each page missing in turn, so a body that stops at one reaches the next.
+                std::map<unsigned int, Bytes> some = pages;
+                if (drop < supported.size()) {
+                    some.erase(supported[drop]);
+                }
+                auto device = makeDevice(last ? "ACME" : row.vendorId, product, some, supported);
+                CUdidReadRecorder recorder;
+                bodyOf(generator.get(), device.get());
+                for (const auto& lookup : recorder.lookups) {
+                    lookedUp.insert(lookup.code);
+                }
+            }
+        }
+        EXPECT_EQ(lookedUp, listed) << name;
+    }
+}
+
+TEST(FamilyRows, AGeneratorWithoutARowClaimsNothing)
+{
+    CEmcSymmetrixUdidGenerator symmetrix("EMC", "SYMMETRIX2");
+    CDefaultUdidGenerator stray("ACME", "");
+    for (CUdidGenerator* generator : std::vector<CUdidGenerator*>{&symmetrix, &stray}) {
+        for (const char* product : {"SYMMETRIX2", "SYMMETRIX", ""}) {
+            auto device = makeDevice(generator->m_vendorId, product);
+            EXPECT_FALSE(generator->claimDevice(device.get()))
+                << generator->getGeneratorName() << " " << product;
+        }
     }
 }
 

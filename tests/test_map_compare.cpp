@@ -16,6 +16,7 @@
 
 #include "device_map_compare.h"
 #include "device_udid_factory.h"
+#include "pseudo_devices.h"
 #include "simhost.h"
 
 namespace {
@@ -289,7 +290,7 @@ TEST(DeviceMapCompare, EachFindingBetweenTwoSmallHosts)
           "removed UDID##IBM##TOTALSTORAGE##IBM.2107-7512345##1A2B: 1A2B [/dev/sdd 3:0:1:0] -> - "
           "[]"}},
     };
-    ASSERT_EQ(describe(smallHost()).volumes.size(), 7u);  // five disks, mpathb, the control node
+    ASSERT_EQ(describe(smallHost()).entries.size(), 7u);  // five disks, mpathb, the control node
     for (const Case& c : cases) {
         json before = smallHost();
         c.both(before);
@@ -375,11 +376,11 @@ TEST(DeviceMapCompare, DisksQueriedOneByOneGiveTheMapsEntries)
         const SHostMap queried = CDeviceMapCompare::describeDisks(factory, disks);
         EXPECT_EQ(queried.hostName, whole.hostName) << name;
         size_t matched = 0;
-        for (const SMapVolume& volume : queried.volumes) {
+        for (const SMapVolume& volume : queried.entries) {
             auto same = std::find_if(
-                whole.volumes.begin(), whole.volumes.end(),
+                whole.entries.begin(), whole.entries.end(),
                 [&](const SMapVolume& v) { return v.deviceName == volume.deviceName; });
-            ASSERT_NE(same, whole.volumes.end()) << name << " " << volume.deviceName;
+            ASSERT_NE(same, whole.entries.end()) << name << " " << volume.deviceName;
             ++matched;
             EXPECT_EQ(volume.udid, same->udid) << name << " " << volume.deviceName;
             EXPECT_EQ(volume.address, same->address) << name << " " << volume.deviceName;
@@ -387,7 +388,7 @@ TEST(DeviceMapCompare, DisksQueriedOneByOneGiveTheMapsEntries)
             EXPECT_EQ(volume.hostLocal, same->hostLocal) << name << " " << volume.deviceName;
         }
         size_t disksInMap = 0;
-        for (const SMapVolume& volume : whole.volumes) {
+        for (const SMapVolume& volume : whole.entries) {
             // Nodes that do not open are described without being in the map.
             disksInMap += volume.deviceName.compare(0, 7, "/dev/sd") == 0 && volume.openError == 0;
         }
@@ -396,3 +397,52 @@ TEST(DeviceMapCompare, DisksQueriedOneByOneGiveTheMapsEntries)
 }
 
 }  // namespace
+
+// The one rule that map, show, diff and fleet share: a host-local UDID is the default
+// generator's "<node>@<host>" body, upper-cased, behind a whole prefix.
+TEST(HostLocalUdid, OnlyTheDefaultGeneratorsNodeAtHostBody)
+{
+    struct Case {
+        const char* udid;
+        const char* node;
+        const char* host;
+        bool hostLocal;
+    };
+    // clang-format off
+    const Case cases[] = {
+        {"UDID##ACME##DISK##/DEV/SDC@TESTHOST", "/dev/sdc", "testhost", true},
+        {"UDID##ACME##DISK##/DEV/SDC@UNKNOWN", "/dev/sdc", "", true},
+        {"UDID##ACME##DISK##/DEV/SDC@UNKNOWN", "/dev/sdc", "testhost", false},
+        {"UDID##ACME##DISK##/DEV/SDC@TESTHOST", "/dev/sdd", "testhost", false},
+        {"UDID##ACME##DISK##X/DEV/SDC@TESTHOST", "/dev/sdc", "testhost", false},
+        {"OVERRIDE##/DEV/SDC@TESTHOST", "/dev/sdc", "testhost", false},
+        {"UDID####/DEV/SDC@TESTHOST", "/dev/sdc", "testhost", true},
+        {"UDID##/DEV/SDC@TESTHOST", "/dev/sdc", "testhost", false},
+        {"", "/dev/sdc", "testhost", false},
+    };
+    // clang-format on
+    for (const Case& c : cases) {
+        EXPECT_EQ(isHostLocalUdid(c.udid, c.node, c.host), c.hostLocal) << c.udid << " " << c.host;
+    }
+}
+
+// Every pseudo-device kind by its node, and the nodes that only look like one.
+TEST(PseudoDevices, KindOfEachNode)
+{
+    using namespace pseudo_device;
+    const std::pair<const char*, EKind> cases[] = {
+        {"/dev/mapper/control", kMapperControl},
+        {"/dev/mapper/mpatha", kMapper},
+        {"/dev/mapper/", kMapper},
+        {"/dev/emcpowera", kPowerPath},
+        {"/dev/sdc", kNative},
+        {"/dev/mapperx/a", kNative},
+        {"emcpowera", kNative},
+        {"/dev/dm-0", kNative},
+        {"/dev/mapper/control2", kMapper},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(kindOf(c.first), c.second) << c.first;
+        EXPECT_EQ(isPseudo(c.first), c.second != kNative) << c.first;
+    }
+}

@@ -4,8 +4,6 @@
 #define KZFI_PDK_FI_ERROR_H
 
 #include <exception>
-#include <map>
-#include <mutex>
 #include <string>
 
 #include "fi_export.h"
@@ -42,20 +40,6 @@ public:
 private:
     int m_errno;
     std::string m_text;
-};
-
-// Message texts by code, registered by components at start-up.
-class KZFI_PDK_EXPORT CFiErrorManager {
-public:
-    static CFiErrorManager& instance();
-    ~CFiErrorManager();
-    void registerMessage(int code, const std::string& text);
-    std::string getMessage(int code) const;
-
-private:
-    CFiErrorManager();
-    mutable std::mutex m_mutex;
-    std::map<int, std::string> m_messages;
 };
 
 }  // namespace kzfi_pdk_4_4

@@ -101,6 +101,17 @@ KZFI_PDK_EXPORT CFiSystem* fiInstallSystem(CFiSystem* system);
 // The real Linux implementation, kept for the life of the process.
 KZFI_PDK_EXPORT CFiSystem& fiRealSystem();
 
+// The host name through the installed system, the call given a buffer of `capacity` bytes: true
+// and the name when the call succeeds; false and whatever it wrote when it fails (glibc copies
+// what fits of a name too long for the buffer, a host without a name writes nothing).
+inline bool fiHostName(std::string& name, size_t capacity = 255)
+{
+    std::vector<char> buffer(capacity + 1, '\0');
+    const bool named = fiSystem().gethostname(buffer.data(), capacity) == 0;
+    name = buffer.data();
+    return named;
+}
+
 }  // namespace kzfi_pdk_4_4
 
 #endif

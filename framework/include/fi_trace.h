@@ -83,10 +83,8 @@ public:
 
     bool isEnabled(int level) const;
     void setLevel(int level);
-    int getLevel() const;
     // Replaces the sink (nullptr: no output). The log owns it.
     void setSink(std::unique_ptr<CFiTraceSink> sink);
-    CFiTraceSink* getSink() const;
 
 private:
     std::atomic<int> m_level;

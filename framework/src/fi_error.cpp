@@ -43,27 +43,4 @@ void CFiLastError::clear()
     m_text.clear();
 }
 
-CFiErrorManager::CFiErrorManager() = default;
-
-CFiErrorManager::~CFiErrorManager() = default;
-
-CFiErrorManager& CFiErrorManager::instance()
-{
-    static CFiErrorManager* manager = new CFiErrorManager();  // lives until unload
-    return *manager;
-}
-
-void CFiErrorManager::registerMessage(int code, const std::string& text)
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_messages[code] = text;
-}
-
-std::string CFiErrorManager::getMessage(int code) const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    auto it = m_messages.find(code);
-    return it != m_messages.end() ? it->second : std::string();
-}
-
 }  // namespace kzfi_pdk_4_4

@@ -125,21 +125,10 @@ void CFiTraceLog::setLevel(int level)
     m_level = level;
 }
 
-int CFiTraceLog::getLevel() const
-{
-    return m_level;
-}
-
 void CFiTraceLog::setSink(std::unique_ptr<CFiTraceSink> sink)
 {
     std::lock_guard<std::mutex> lock(m_sinkMutex);
     m_sink = std::shared_ptr<CFiTraceSink>(std::move(sink));
-}
-
-CFiTraceSink* CFiTraceLog::getSink() const
-{
-    std::lock_guard<std::mutex> lock(m_sinkMutex);
-    return m_sink.get();
 }
 
 void CFiTraceLog::trace(int level, const char* format, ...)

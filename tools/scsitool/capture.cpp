@@ -92,9 +92,9 @@ const char* const kMachineIdFile = "/etc/machine-id";
 
 void captureHost(Session& session, simhost::SimHost& snapshot)
 {
-    char buffer[256] = {0};
-    if (fiSystem().gethostname(buffer, sizeof buffer - 1) == 0) {
-        snapshot.setHostname(buffer);
+    std::string name;
+    if (kzfi_pdk_4_4::fiHostName(name)) {
+        snapshot.setHostname(name);
     } else {
         snapshot.setHostnameFails();
     }
@@ -169,8 +169,8 @@ std::vector<std::pair<std::string, std::string>> standIns(const simhost::SimHost
                                                           const std::string& machineId)
 {
     std::vector<std::pair<std::string, std::string>> names;
-    char name[256] = {0};
-    if (fiSystem().gethostname(name, sizeof name - 1) == 0 && name[0] != '\0') {
+    std::string name;
+    if (kzfi_pdk_4_4::fiHostName(name) && !name.empty()) {
         const std::string host =
             "host-" + pseudonym("host", machineId, name, 16) + ".example.invalid";
         names.emplace_back(name, host);

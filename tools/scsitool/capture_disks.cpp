@@ -11,6 +11,7 @@
 #include "device_probe.h"
 #include "errors.h"
 #include "kernel_files.h"
+#include "netapp_identity.h"
 #include "scsitool.h"
 #include "stringtool.h"
 

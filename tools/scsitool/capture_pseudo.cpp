@@ -3,6 +3,7 @@
 #include "capture_parts.h"
 #include "device_probe.h"
 #include "fi_system.h"
+#include "pseudo_devices.h"
 #include "scsitool.h"
 
 namespace scsitool_cli {
@@ -51,18 +52,19 @@ std::string behind(Session& session, const std::string& node,
 void capturePseudoDevices(Session& session, simhost::SimHost& snapshot,
                           const Identities& identities)
 {
-    if (void* mapper = fiSystem().opendir("/dev/mapper/")) {
+    if (void* mapper = fiSystem().opendir(pseudo_device::kMapperDirectory)) {
         fiSystem().closedir(mapper);
         snapshot.setDeviceMapper(true);
     }
-    for (const std::string& map : listDirectory("/dev/mapper/")) {
+    for (const std::string& map : listDirectory(pseudo_device::kMapperDirectory)) {
         // The device-mapper control node is no map; a replayed host makes its own.
         if (map != "control") {
-            snapshot.addMultipathMap(map, behind(session, "/dev/mapper/" + map, identities));
+            snapshot.addMultipathMap(
+                map, behind(session, pseudo_device::kMapperDirectory + map, identities));
         }
     }
     for (const std::string& node : listDirectory("/dev/")) {
-        if (node.compare(0, 8, "emcpower") == 0) {
+        if (pseudo_device::beginsWith(node, pseudo_device::kPowerPathName)) {
             snapshot.addPowerPathDevice(node, behind(session, "/dev/" + node, identities));
         }
     }

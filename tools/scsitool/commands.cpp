@@ -10,6 +10,7 @@
 #include <map>
 
 #include "WWPN_discovery.h"
+#include "device_map_compare.h"
 #include "device_probe.h"
 #include "device_udid_factory.h"
 #include "errors.h"
@@ -18,6 +19,7 @@
 #include "map_view.h"
 #include "output.h"
 #include "progress.h"
+#include "pseudo_devices.h"
 #include "scsitool.h"
 
 namespace scsitool_cli {
@@ -100,11 +102,11 @@ std::string betterNode(const std::string& device, const std::string& node)
     }
     if (startsWith(name, "dm-") && (node == "/dev/" + name || node == "/sys/block/" + name)) {
         const std::string map = sysfsLine("/sys/block/" + name + "/dm/name");
-        return map.empty() ? std::string() : "/dev/mapper/" + map;
+        return map.empty() ? std::string() : pseudo_device::kMapperDirectory + map;
     }
     if (device.find('/') == std::string::npos && openErrno(node) == ENOENT &&
-        openErrno("/dev/mapper/" + device) != ENOENT) {
-        return "/dev/mapper/" + device;  // a multipath alias
+        openErrno(pseudo_device::kMapperDirectory + device) != ENOENT) {
+        return pseudo_device::kMapperDirectory + device;  // a multipath alias
     }
     return std::string();
 }

@@ -17,6 +17,7 @@
 #include "errors.h"
 #include "explain_change.h"
 #include "fi_system.h"
+#include "output.h"
 #include "progress.h"
 #include "simhost.h"
 
@@ -87,11 +88,6 @@ ordered_json contextJson(const SideContext& side)
     return object;
 }
 
-std::string dumped(const ordered_json& value)
-{
-    return value.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
-}
-
 std::string stringField(const ordered_json& object, const char* key)
 {
     return object.is_object() && object.contains(key) && object[key].is_string()
@@ -105,7 +101,7 @@ void reportUnopenedNodes(const SHostMap& map)
 {
     std::vector<std::pair<std::string, int>> failures;
     bool queried = false;
-    for (const SMapVolume& volume : map.volumes) {
+    for (const SMapVolume& volume : map.entries) {
         if (volume.openError != 0) {
             failures.emplace_back(volume.deviceName, volume.openError);
         } else if (volume.state != "-") {
@@ -297,7 +293,7 @@ std::string formatFindingsJson(const std::vector<Finding>& findings, const SideC
         std::replace(key.begin(), key.end(), '-', '_');
         object[key] = entries;
     }
-    return dumped(object);
+    return jsonString(object);
 }
 
 namespace {
@@ -362,7 +358,9 @@ void appendElement(std::string& text, bool& first, const ordered_json& element)
 {
     text += first ? "\n    " : ",\n    ";
     first = false;
-    for (char c : element.dump(2, ' ', false, ordered_json::error_handler_t::replace)) {
+    std::string dump = jsonString(element);
+    dump.pop_back();
+    for (char c : dump) {
         text += c;
         if (c == '\n') {
             text += "    ";

@@ -12,6 +12,7 @@
 #include "device_map_compare.h"
 #include "errors.h"
 #include "fi_system.h"
+#include "pseudo_devices.h"
 #include "stringtool.h"
 
 namespace scsitool_cli {
@@ -188,9 +189,12 @@ std::vector<std::string> candidateNodes(const std::vector<SPartitionRow>& partit
         }
     }
     addEntries(
-        "/dev/mapper/", [](const std::string&) { return true; }, nodes);
+        pseudo_device::kMapperDirectory, [](const std::string&) { return true; }, nodes);
     addEntries(
-        "/dev/", [](const std::string& name) { return name.compare(0, 8, "emcpower") == 0; },
+        "/dev/",
+        [](const std::string& name) {
+            return pseudo_device::beginsWith(name, pseudo_device::kPowerPathName);
+        },
         nodes);
     std::sort(nodes.begin(), nodes.end());
     nodes.erase(std::unique(nodes.begin(), nodes.end()), nodes.end());

@@ -5,6 +5,7 @@
 
 #include "errors.h"
 #include "explain.h"
+#include "pseudo_devices.h"
 #include "simhost.h"
 
 namespace scsitool_cli {
@@ -16,7 +17,7 @@ namespace {
 std::string nativeName(const CDeviceMapCompare::Side& side)
 {
     for (const std::string& name : side.deviceNames) {
-        if (name.compare(0, 12, "/dev/mapper/") != 0 && name.compare(0, 13, "/dev/emcpower") != 0) {
+        if (!pseudo_device::isPseudo(name)) {
             return name;
         }
     }

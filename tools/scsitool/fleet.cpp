@@ -33,7 +33,7 @@ struct CaptureRead {
     std::string machineId;
     std::string captureId;
     std::string contentId;            // "capture ID", or "content DIGEST" of the file's text
-    std::vector<SMapVolume> volumes;  // the recorded map's disks, with their volume keys
+    std::vector<SMapVolume> entries;  // the recorded map's disks, with their volume keys
 };
 
 // "00 83 00 14 …" as bytes; a simdjson error for anything else, so that the file is replayed and
@@ -159,7 +159,7 @@ bool readRecorded(const std::string& path, simdjson::ondemand::parser& parser, C
                             // The fleet is about the disks; the pseudo-devices in front of them
                             // add no volume.
                             if (readDiskRow(row.get_object(), volume)) {
-                                read.volumes.push_back(std::move(volume));
+                                read.entries.push_back(std::move(volume));
                             }
                         }
                     }
@@ -169,7 +169,7 @@ bool readRecorded(const std::string& path, simdjson::ondemand::parser& parser, C
     } catch (const simdjson::simdjson_error&) {
         return false;
     }
-    for (SMapVolume& volume : read.volumes) {
+    for (SMapVolume& volume : read.entries) {
         volume.volumeKey = keys[volume.deviceName];
     }
     read.contentId = read.captureId.empty()
@@ -301,7 +301,7 @@ std::string runFleet(Session& session, const std::vector<std::string>& captures,
             CaptureRead& read = reads[i];
             SHostMap map;
             if (read.recorded) {
-                map.volumes = std::move(read.volumes);
+                map.entries = std::move(read.entries);
             } else {
                 std::unique_ptr<simhost::SimHost> host = loadCapture(capture);
                 simhost::SimHostInstall install(*host);
@@ -315,7 +315,7 @@ std::string runFleet(Session& session, const std::vector<std::string>& captures,
                     simdjson::ondemand::parser parser;
                     CaptureRead record;
                     if (readRecorded(capture, parser, record)) {
-                        warnReplayDiffers(capture, record.volumes, map.volumes);
+                        warnReplayDiffers(capture, record.entries, map.entries);
                     }
                 }
             }

@@ -7,8 +7,11 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
+#include "device_map_compare.h"
 #include "device_udid_factory.h"
 #include "errors.h"
+#include "output.h"
+#include "pseudo_devices.h"
 #include "stringtool.h"
 #include "table.h"
 
@@ -18,18 +21,17 @@ using ordered_json = nlohmann::ordered_json;
 
 namespace {
 
-const char kMapperDir[] = "/dev/mapper/";
-
 std::string kindOf(const std::string& node, bool multipath)
 {
-    if (node == "/dev/mapper/control") {
-        return "dm-control";
-    }
-    if (startsWith(node, kMapperDir)) {
-        return multipath ? "dm-multipath" : "dm";
-    }
-    if (startsWith(node, "/dev/emcpower")) {
-        return "powerpath";
+    switch (pseudo_device::kindOf(node)) {
+        case pseudo_device::kMapperControl:
+            return "dm-control";
+        case pseudo_device::kMapper:
+            return multipath ? "dm-multipath" : "dm";
+        case pseudo_device::kPowerPath:
+            return "powerpath";
+        case pseudo_device::kNative:
+            break;
     }
     return "disk";
 }
@@ -175,11 +177,6 @@ std::vector<const MapColumn*> columnsOf(const std::string& list)
     return columns;
 }
 
-std::string jsonText(const ordered_json& value)
-{
-    return value.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
-}
-
 struct Volume {
     std::string udid;
     bool hostLocal = false;
@@ -224,16 +221,6 @@ const char kOnePath[] = "one path only";
 
 }  // namespace
 
-bool isHostLocalUdid(const std::string& udid, const std::string& device,
-                     const std::string& hostName)
-{
-    // "UDID##" vendor "##" product "##" and the body, the device's name at the host's.
-    const std::string host = hostName.empty() ? "UNKNOWN" : hostName;
-    const std::string body = "##" + CStringTool::tostrupper(device + "@" + host);
-    return udid.compare(0, 6, "UDID##") == 0 && udid.size() >= body.size() + 6 &&
-           udid.compare(udid.size() - body.size(), body.size(), body) == 0;
-}
-
 std::vector<MapRow> readMap(Session& session, bool rescanBuses, bool busScan, bool removeLun0,
                             bool ownRows)
 {
@@ -253,7 +240,7 @@ std::vector<MapRow> readMap(Session& session, bool rescanBuses, bool busScan, bo
         sizes["/dev/" + device.name] = device.blocks * 1024;
     }
     for (const auto& map : dmMaps) {
-        sizes[kMapperDir + map.first] = sizes["/dev/" + map.second.block];
+        sizes[pseudo_device::kMapperDirectory + map.first] = sizes["/dev/" + map.second.block];
     }
     auto sizeOf = [&sizes](const std::string& node) {
         auto found = sizes.find(node);
@@ -276,7 +263,7 @@ std::vector<MapRow> readMap(Session& session, bool rescanBuses, bool busScan, bo
     // What the library left out: gone and denied nodes, disks that answer no INQUIRY.
     for (const std::string& node :
          ownRows ? candidateNodes(partitions) : std::vector<std::string>()) {
-        if (map.count(node) != 0 || node == "/dev/mapper/control") {
+        if (map.count(node) != 0 || node == pseudo_device::kMapperControlNode) {
             continue;
         }
         MapRow row;
@@ -371,7 +358,7 @@ std::string formatMapRowsJson(const std::vector<MapRow>& rows)
         }
         entries.push_back(object);
     }
-    return jsonText(entries);
+    return jsonString(entries);
 }
 
 std::string formatVolumes(const std::vector<MapRow>& rows, const MapTableOptions& options)
@@ -432,7 +419,7 @@ std::string formatVolumesJson(const std::vector<MapRow>& rows)
                                  : ordered_json::array();
         entries.push_back(object);
     }
-    return jsonText(entries);
+    return jsonString(entries);
 }
 
 }  // namespace scsitool_cli

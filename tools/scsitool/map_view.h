@@ -45,10 +45,6 @@ void checkMapColumns(const std::string& columns);
 std::vector<MapRow> readMap(Session& session, bool rescanBuses, bool busScan, bool removeLun0,
                             bool ownRows = true);
 
-// Whether `udid` is the host-local name the default generator makes for `device` on `hostName`.
-bool isHostLocalUdid(const std::string& udid, const std::string& device,
-                     const std::string& hostName);
-
 // Throws CommandError (exit 1) for an unknown column.
 std::string formatMapRows(const std::vector<MapRow>& rows, const MapTableOptions& options);
 std::string formatMapRowsJson(const std::vector<MapRow>& rows);

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "page_decode.h"
+#include "stringtool.h"
 
 namespace scsitool_cli {
 
@@ -25,13 +26,6 @@ std::string pageKey(unsigned int code)
     return key;
 }
 
-// The device strings as the record holds them; bytes that are not text become U+FFFD in
-// JSON instead of making the dump throw.
-std::string jsonString(const ordered_json& value)
-{
-    return value.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
-}
-
 // The default generator's claim strings are both empty: its name is ":".
 std::string generatorLabel(const std::string& name)
 {
@@ -45,14 +39,7 @@ std::string generatorLabel(const std::string& name)
 
 std::string hexString(const ByteString& bytes)
 {
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(bytes.size() * 2);
-    for (uint8_t byte : bytes) {
-        text += digits[byte >> 4];
-        text += digits[byte & 0x0f];
-    }
-    return text;
+    return CStringTool::binary2str(bytes.data(), int(bytes.size()));
 }
 
 std::string hexDump(const ByteString& bytes)
@@ -220,6 +207,11 @@ std::string formatInitiatorsJson(const InitiatorReport& report)
     }
     object["fc_hosts"] = hosts;
     return jsonString(object);
+}
+
+std::string jsonString(const nlohmann::ordered_json& value)
+{
+    return value.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace scsitool_cli

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,11 @@
 #include "explain.h"
 
 namespace scsitool_cli {
+
+// A JSON document as the command prints it: indented by two, one line end behind it. Device
+// strings go as the record holds them; bytes that are not text become U+FFFD instead of making
+// the dump throw.
+std::string jsonString(const nlohmann::ordered_json& value);
 
 typedef std::vector<uint8_t> ByteString;
 

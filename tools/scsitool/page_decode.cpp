@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "stringtool.h"
+
 namespace scsitool_cli {
 
 using ordered_json = nlohmann::ordered_json;
@@ -12,13 +14,11 @@ namespace {
 
 std::string hexOf(const PageBytes& bytes, size_t first, size_t count)
 {
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (size_t i = first; i < first + count && i < bytes.size(); ++i) {
-        text += digits[bytes[i] >> 4];
-        text += digits[bytes[i] & 0x0f];
+    if (first >= bytes.size()) {
+        return std::string();
     }
-    return text;
+    return CStringTool::binary2str(bytes.data() + first,
+                                   int(std::min(count, bytes.size() - first)));
 }
 
 // Bytes [first, first + count) that were received, non-printable ones as '.'.

@@ -184,11 +184,8 @@ CUDIDFactory& Session::factory()
 
 std::string Session::hostName()
 {
-    char name[256] = {0};
-    if (kzfi_pdk_4_4::fiSystem().gethostname(name, sizeof name - 1) != 0) {
-        return "";
-    }
-    return name;
+    std::string name;
+    return kzfi_pdk_4_4::fiHostName(name) ? name : "";
 }
 
 void Session::startCapture()

@@ -15,8 +15,21 @@
 
 #include "device_scsi_data.h"
 #include "scsitool_export.h"
+#include "stringtool.h"
 
 class CUDIDFactory;
+
+// Whether `udid` is the host-local id the default generator makes for a disk without identity
+// pages: "UDID##" vendor "##" product "##" and "<device>@<host>" upper-cased, "UNKNOWN" standing
+// for a host without a name. Such an id names the device on this host only.
+inline bool isHostLocalUdid(const std::string& udid, const std::string& deviceName,
+                            const std::string& hostName)
+{
+    const std::string host = hostName.empty() ? "UNKNOWN" : hostName;
+    const std::string body = "##" + CStringTool::tostrupper(deviceName + "@" + host);
+    return udid.compare(0, 6, "UDID##") == 0 && udid.size() >= body.size() + 6 &&
+           udid.compare(udid.size() - body.size(), body.size(), body) == 0;
+}
 
 // One entry of a device map with what tells its volume apart from the UDID.
 struct SMapVolume {
@@ -37,7 +50,7 @@ struct SMapVolume {
 // One host's device map, entries in device-name order.
 struct SHostMap {
     std::string hostName;
-    std::vector<SMapVolume> volumes;
+    std::vector<SMapVolume> entries;
     std::string machineId;  // "" when not known
 };
 

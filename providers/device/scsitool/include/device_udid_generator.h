@@ -71,8 +71,8 @@ public:
     // "vendor:product" of the claim strings.
     virtual std::string getGeneratorName();
     // Strips trailing blanks from the record's vendor id and (when the vendor matched) product
-    // id in place, and claims by the row of the claim table that carries this generator's claim
-    // strings; without a row, exactly the claim strings, case-sensitive.
+    // id in place, and claims by the array family row that carries this generator's claim
+    // strings; a generator whose claim strings have no row claims nothing.
     virtual bool claimDevice(CScsiDeviceData* device);
     // "UDID##<vendor>##<product>##" from the claim strings, upper case.
     virtual std::string getUniqueDeviceIDPrefix(CScsiDeviceData* device);
@@ -179,7 +179,8 @@ public:
     std::string getUniqueDeviceID(CScsiDeviceData* device) override;
 };
 
-// --- Other arrays ----------------------------------------------------------------------------
+// --- Hitachi, LSI/Engenio, NetApp, Fujitsu
+// ----------------------------------------------------------------------------
 
 class SCSITOOL_EXPORT CHitachiUdidGenerator : public CUdidGenerator {
 public:

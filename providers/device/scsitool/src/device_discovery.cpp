@@ -26,13 +26,12 @@ const std::string* typeLineOf(const std::vector<std::string>& lines, size_t inde
     return index + 2 < lines.size() ? &lines[index + 2] : nullptr;
 }
 
+// Whatever the call wrote, success or not: a name too long keeps its first 254 characters.
 std::string readHostName()
 {
-    char buffer[255];
-    std::memset(buffer, 0, sizeof buffer);
-    kzfi_pdk_4_4::fiSystem().gethostname(buffer, sizeof buffer);
-    buffer[sizeof buffer - 1] = '\0';
-    return buffer;
+    std::string name;
+    kzfi_pdk_4_4::fiHostName(name, 255);
+    return name.substr(0, 254);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "discovery_common.h"
 #include "fi_stringtool.h"
 #include "fi_system.h"
+#include "pseudo_devices.h"
 #include "stringtool.h"
 #include "trace_call.h"
 
@@ -164,7 +165,7 @@ int CLinuxDeviceDiscovery::FlushMultipathStaleDevices()
             traceTo(m_traceLog, 3, "INFO: OS not supported for FlushMultipathStaleDevices");
             return result;
         }
-        if (!isDirectory("/dev/mapper/")) {
+        if (!isDirectory(pseudo_device::kMapperDirectory)) {
             return result;
         }
         std::string flush = std::string("/sbin/") + "multipath" + " -F";

@@ -10,22 +10,11 @@
 #include "device_udid_factory.h"
 #include "fi_system.h"
 #include "kernel_files.h"
+#include "pseudo_devices.h"
+#include "scsi_page_codes.h"
 #include "stringtool.h"
 
 namespace {
-
-const char kHexDigits[] = "0123456789abcdef";
-
-std::string hexOf(const unsigned char* data, size_t count)
-{
-    std::string text;
-    text.reserve(count * 2);
-    for (size_t i = 0; i < count; ++i) {
-        text += kHexDigits[data[i] >> 4];
-        text += kHexDigits[data[i] & 0x0F];
-    }
-    return text;
-}
 
 std::string trimmed(const std::string& text)
 {
@@ -61,7 +50,8 @@ std::string designatorKey(const unsigned char* page, size_t length)
         for (size_t i = 0; i < 3; ++i) {
             if (association == 0 && type == kPreferred[i].type && designatorLength != 0 &&
                 found[i].empty()) {
-                found[i] = kPreferred[i].prefix + hexOf(descriptor + 4, designatorLength);
+                found[i] = kPreferred[i].prefix +
+                           CStringTool::binary2str(descriptor + 4, int(designatorLength));
             }
         }
         offset += 4 + designatorLength;
@@ -78,7 +68,7 @@ std::string designatorKey(const unsigned char* page, size_t length)
 // within one vendor's arrays.
 std::string serialKey(const CScsiDeviceData& record)
 {
-    const CScsiModePage* page = record.findPage(0x80);
+    const CScsiModePage* page = record.findPage(scsi_page::kUnitSerial);
     if (page == nullptr || page->getData() == nullptr || page->getLength() < 4) {
         return std::string();
     }
@@ -92,19 +82,9 @@ std::string serialKey(const CScsiDeviceData& record)
     return "serial." + trimmed(record.m_vendorId) + "." + serial;
 }
 
-bool isPseudoDevice(const std::string& name)
-{
-    for (const char* prefix : {"/dev/mapper/", "/dev/emcpower"}) {
-        if (name.compare(0, std::char_traits<char>::length(prefix), prefix) == 0) {
-            return true;
-        }
-    }
-    return false;
-}
-
 std::string addressOf(const CScsiDeviceData& record)
 {
-    if (isPseudoDevice(record.m_deviceName) || record.m_port < 0) {
+    if (pseudo_device::isPseudo(record.m_deviceName) || record.m_port < 0) {
         return std::string();
     }
     char text[64];
@@ -117,13 +97,13 @@ std::string addressOf(const CScsiDeviceData& record)
 // live path behind it; the device-mapper control node answers nothing by nature.
 std::string stateOf(const CScsiDeviceData& record)
 {
-    if (record.findPage(0) != nullptr) {
+    if (record.findPage(scsi_page::kStandardInquiry) != nullptr) {
         return "running";
     }
-    if (record.m_deviceName == "/dev/mapper/control") {
+    if (pseudo_device::kindOf(record.m_deviceName) == pseudo_device::kMapperControl) {
         return "-";
     }
-    return isPseudoDevice(record.m_deviceName) ? "no-path" : "unresponsive";
+    return pseudo_device::isPseudo(record.m_deviceName) ? "no-path" : "unresponsive";
 }
 
 // 0 when the node opens, otherwise the errno of the failed open.
@@ -156,14 +136,15 @@ std::vector<std::string> expectedNodes()
             nodes.push_back("/dev/" + row.name);
         }
     }
-    for (const char* directory : {"/dev/mapper/", "/dev/"}) {
+    for (const char* directory : {pseudo_device::kMapperDirectory, "/dev/"}) {
         void* dir = kzfi_pdk_4_4::fiSystem().opendir(directory);
         if (dir == nullptr) {
             continue;
         }
         while (struct dirent* entry = kzfi_pdk_4_4::fiSystem().readdir(dir)) {
             const std::string name = std::string(directory) + entry->d_name;
-            if (entry->d_name[0] != '.' && isPseudoDevice(name) && name != "/dev/mapper/control") {
+            if (entry->d_name[0] != '.' && pseudo_device::isPseudo(name) &&
+                name != pseudo_device::kMapperControlNode) {
                 nodes.push_back(name);
             }
         }
@@ -174,25 +155,11 @@ std::vector<std::string> expectedNodes()
     return nodes;
 }
 
-// What the default generator makes of a disk without identity pages: "<node>@<host>".
-bool isHostLocal(const std::string& udid, const std::string& deviceName,
-                 const std::string& hostName)
-{
-    const std::string tail =
-        CStringTool::tostrupper(std::string(CUDIDFactory::udid_separator) + deviceName + "@" +
-                                (hostName.empty() ? std::string("UNKNOWN") : hostName));
-    return udid.size() >= tail.size() &&
-           udid.compare(udid.size() - tail.size(), tail.size(), tail) == 0;
-}
-
 // The name the default generator puts into host-local UDIDs ("" when there is none).
 std::string installedHostName()
 {
-    char host[512] = {};
-    if (kzfi_pdk_4_4::fiSystem().gethostname(host, sizeof host - 1) == 0) {
-        return host;
-    }
-    return std::string();
+    std::string host;
+    return kzfi_pdk_4_4::fiHostName(host, 511) ? host : std::string();
 }
 
 typedef CDeviceMapCompare::Side Side;
@@ -201,7 +168,7 @@ typedef CDeviceMapCompare::Side Side;
 std::map<std::string, Side> byUdid(const SHostMap& map)
 {
     std::map<std::string, Side> groups;
-    for (const SMapVolume& volume : map.volumes) {
+    for (const SMapVolume& volume : map.entries) {
         if (volume.udid.empty()) {
             continue;
         }
@@ -219,7 +186,7 @@ std::map<std::string, Side> byUdid(const SHostMap& map)
 std::map<std::string, const SMapVolume*> index(const SHostMap& map, std::string SMapVolume::*field)
 {
     std::map<std::string, const SMapVolume*> result;
-    for (const SMapVolume& volume : map.volumes) {
+    for (const SMapVolume& volume : map.entries) {
         if (!(volume.*field).empty() && !volume.udid.empty()) {
             result.emplace(volume.*field, &volume);
         }
@@ -232,25 +199,25 @@ std::map<std::string, const SMapVolume*> index(const SHostMap& map, std::string 
 void dropHostLocalPairs(SHostMap& before, SHostMap& after)
 {
     std::set<std::string> localBefore;
-    for (const SMapVolume& volume : before.volumes) {
+    for (const SMapVolume& volume : before.entries) {
         if (volume.hostLocal) {
             localBefore.insert(volume.deviceName);
         }
     }
     std::set<std::string> pairs;
-    for (const SMapVolume& volume : after.volumes) {
+    for (const SMapVolume& volume : after.entries) {
         if (volume.hostLocal && localBefore.count(volume.deviceName) != 0) {
             pairs.insert(volume.deviceName);
         }
     }
     for (SHostMap* map : {&before, &after}) {
-        std::vector<SMapVolume>& volumes = map->volumes;
-        volumes.erase(std::remove_if(volumes.begin(), volumes.end(),
+        std::vector<SMapVolume>& entries = map->entries;
+        entries.erase(std::remove_if(entries.begin(), entries.end(),
                                      [&](const SMapVolume& volume) {
                                          return volume.hostLocal &&
                                                 pairs.count(volume.deviceName) != 0;
                                      }),
-                      volumes.end());
+                      entries.end());
     }
 }
 
@@ -300,7 +267,7 @@ std::string CDeviceMapCompare::openFailureState(int error)
 
 std::string CDeviceMapCompare::volumeKey(const CScsiDeviceData& record)
 {
-    const CScsiModePage* page = record.findPage(0x83);
+    const CScsiModePage* page = record.findPage(scsi_page::kDeviceIdentification);
     std::string key =
         page == nullptr ? std::string() : designatorKey(page->getData(), page->getLength());
     return key.empty() ? serialKey(record) : key;
@@ -311,7 +278,7 @@ SHostMap CDeviceMapCompare::describeHost(CUDIDFactory& factory)
     std::vector<CScsiDeviceData*> records = factory.m_discovery.rescan(false, false, false);
     SHostMap host = describeRecords(factory, records, installedHostName());
     std::set<std::string> mapped;
-    for (const SMapVolume& volume : host.volumes) {
+    for (const SMapVolume& volume : host.entries) {
         mapped.insert(volume.deviceName);
     }
     // A node that opens and is not in the map is one the library has no use for (a map of
@@ -325,10 +292,10 @@ SHostMap CDeviceMapCompare::describeHost(CUDIDFactory& factory)
             volume.deviceName = node;
             volume.state = openFailureState(error);
             volume.openError = error;
-            host.volumes.push_back(volume);
+            host.entries.push_back(volume);
         }
     }
-    std::sort(host.volumes.begin(), host.volumes.end(),
+    std::sort(host.entries.begin(), host.entries.end(),
               [](const SMapVolume& a, const SMapVolume& b) { return a.deviceName < b.deviceName; });
     return host;
 }
@@ -367,8 +334,8 @@ SHostMap CDeviceMapCompare::describeRecords(CUDIDFactory& factory,
         SMapVolume volume = described[entry.first];
         volume.deviceName = entry.first;
         volume.udid = entry.second.Uid;
-        volume.hostLocal = isHostLocal(volume.udid, volume.deviceName, hostName);
-        result.volumes.push_back(volume);
+        volume.hostLocal = isHostLocalUdid(volume.udid, volume.deviceName, hostName);
+        result.entries.push_back(volume);
     }
     return result;
 }
@@ -386,12 +353,12 @@ std::vector<CDeviceMapCompare::Finding> CDeviceMapCompare::compare(const SHostMa
     // further part: their UDIDs (host-local, or none) say nothing of a volume.
     const std::map<std::string, Side> allBefore = byUdid(before);
     std::set<std::string> silent;
-    for (const SMapVolume& now : after.volumes) {
+    for (const SMapVolume& now : after.entries) {
         if (answered(now)) {
             continue;
         }
         silent.insert(now.deviceName);
-        for (const SMapVolume& old : before.volumes) {
+        for (const SMapVolume& old : before.entries) {
             if (old.deviceName == now.deviceName && answered(old) && !old.udid.empty()) {
                 Finding finding{Unavailable, now.deviceName, sideOf(allBefore, old.udid), Side(),
                                 now.state};
@@ -405,13 +372,13 @@ std::vector<CDeviceMapCompare::Finding> CDeviceMapCompare::compare(const SHostMa
         }
     }
     for (SHostMap* map : {&before, &after}) {
-        std::vector<SMapVolume>& volumes = map->volumes;
-        volumes.erase(std::remove_if(volumes.begin(), volumes.end(),
+        std::vector<SMapVolume>& entries = map->entries;
+        entries.erase(std::remove_if(entries.begin(), entries.end(),
                                      [&](const SMapVolume& volume) {
                                          return !answered(volume) ||
                                                 silent.count(volume.deviceName) != 0;
                                      }),
-                      volumes.end());
+                      entries.end());
     }
     dropHostLocalPairs(before, after);
     const std::map<std::string, Side> udidsBefore = byUdid(before);
@@ -499,7 +466,7 @@ void CFleetView::addHost(const SHostMap& host)
 {
     ++m_hosts;
     std::map<std::string, std::vector<std::string>> names;
-    for (const SMapVolume& volume : host.volumes) {
+    for (const SMapVolume& volume : host.entries) {
         if (volume.udid.empty() || volume.hostLocal) {
             continue;
         }

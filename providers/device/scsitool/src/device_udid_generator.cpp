@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The generator base class, the generator table and the default generator.
+// The generator base class, the array families and the generator table made of them, and the
+// default generator.
 #include "device_udid_generator.h"
 
 #include <algorithm>
@@ -8,8 +9,10 @@
 #include <cstring>
 
 #include "fi_system.h"
+#include "scsi_page_codes.h"
 #include "stringtool.h"
 #include "trace_call.h"
+#include "udid_families.h"
 
 using kzfi_pdk_4_4::fiSystem;
 
@@ -25,83 +28,122 @@ const char* const CUdidGenerator::MSG_INVALID_SCSI_PAGE_DATA =
 const char* const CUdidGenerator::MSG_INVALID_SCSI_ENCLOSURE_DATA =
     "MSG_UDID_ERROR_INVALID_SCSI_ENCLOSURE_DATA";
 
-std::vector<CUdidGenerator*> createUdidGeneratorTable()
-{
-    // clang-format off
-    return {
-        //   generator                                      vendorId   productId
-        /*  1 */ new CHpMsaUdidGenerator(                   "HP",      "MSA"),
-        /*  2 */ new CHpEvaUdidGenerator(                   "HP",      "HSV"),
-        /*  3 */ new CHpXpUdidGenerator(                    "HP",      "XP"),
-        /*  4 */ new CIbmUdidGenerator(                     "IBM",     "TOTALSTORAGE"),
-        /*  5 */ new CIbmDsUdidGenerator(                   "IBM",     "DISKSYSTEM"),
-        /*  6 */ new CEmcClariionUdidGenerator(             "DGC",     ""),
-        /*  7 */ new CEmcSymmetrixUdidGenerator(            "EMC",     "SYMMETRIX"),
-        /*  8 */ new CHitachiUdidGenerator(                 "HITACHI", "HDS"),
-        /*  9 */ new CLsiUdidGenerator(                     "ENGENIO", "UNIVERSAL"),
-        /* 10 */ new CNetAppUdidGenerator(                  "NETAPP",  "LUN"),
-        /* 11 */ new CHp3parUdidGenerator(                  "HP",      "3PAR"),
-        /* 12 */ new CFujitsuEternusUdidGenerator(          "FUJITSU", "ETERNUS"),
-        /* 13 */ new CDefaultUdidGenerator(                 "",        ""),  // claims all: last
-    };
-    // clang-format on
-}
-
+namespace udid_family {
 namespace {
 
-enum EMatch { kExact, kPrefix, kContains };
+template <class Generator>
+CUdidGenerator* make(std::string vendorId, std::string productId)
+{
+    return new Generator(std::move(vendorId), std::move(productId));
+}
 
-// How a row of the generator table claims a device: the vendor and the product id (trailing
-// blanks stripped) each against its list, compared as `vendorMatch` / `productMatch` say, and
-// upper-cased first when case is ignored.
-struct SClaimRule {
-    const char* vendorId;  // the claim strings of the generator's row
-    const char* productId;
-    const char* vendors[3];
-    EMatch vendorMatch;
-    const char* products[13];
-    EMatch productMatch;
-    bool ignoreCase;
-    // The HP and LSI tests strip both ids before they test either; the others strip the product
-    // only once the vendor has matched.
-    bool stripBothFirst;
-};
+const unsigned int I = scsi_page::kStandardInquiry;
+const unsigned int S = scsi_page::kUnitSerial;
+const unsigned int D = scsi_page::kDeviceIdentification;
+const unsigned int C0 = scsi_page::kVendorC0;
+const unsigned int C8 = scsi_page::kVendorC8;
+const unsigned int D0 = scsi_page::kVendorD0;
+const unsigned int E = kNoPage;
 
-// One row per generator that claims by pattern, found by its claim strings. The IBM rows are
-// no pattern: their vendor prefix and the model lists they share stay in their own claimDevice.
+// TEMPLATE: to add a family, write its generator class (device_udid_generator.h) in a file of
+// its own named device_udid_generator_<family>.cpp, and add its row here above the default row:
+// the claim strings (they name the generator and make the UDID's prefix), the generator, the
+// claim rule (vendors and products, how each is compared, whether case counts, whether both ids
+// are stripped before either is tested; a product test of its own when no list says it), the
+// file, and the pages the body looks up. A row's place is its claim order: an earlier row that
+// claims the same device wins. The unit tests check every row against its generator.
 // clang-format off
-const SClaimRule kClaimRules[] = {
-    // claim strings         vendors           match      products                match      no case  both
-    {"HP", "MSA",            {"COMPAQ", "HP"}, kContains, {"MSA"},                kContains, false,   true},
-    {"HP", "HSV",            {"COMPAQ", "HP"}, kExact,    {"HSV"},                kPrefix,   false,   true},
-    {"HP", "XP",             {"HP"},           kExact,    {"OPEN-V", "OPEN-0V"},  kPrefix,   false,   true},
-    {"DGC", "",              {"DGC"},          kExact,    {"RAID", "DISK", "VNX",
-                                                           "CX"},                 kContains, false,   false},
-    {"EMC", "SYMMETRIX",     {"EMC"},          kExact,    {"SYMMETRIX"},          kExact,    false,   false},
-    {"HITACHI", "HDS",       {"HITACHI"},      kExact,    {"9200", "9500V", "DF600F",
-                                                           "DF600F-V", "OPEN-V",
-                                                           "OPEN-0V", "9900", "9910",
-                                                           "9980V", "9970V", "9960",
-                                                           "USP"},                kPrefix,   false,   false},
-    {"ENGENIO", "UNIVERSAL", {"LSI"},          kExact,    {"INF", "UNIVERSAL",
-                                                           "MPP_VIRTUAL_DISK"},   kPrefix,   true,    true},
-    {"NETAPP", "LUN",        {"NETAPP"},       kExact,    {"LUN"},                kExact,    false,   false},
-    {"HP", "3PAR",           {"3PARdata"},     kExact,    {"VV"},                 kExact,    false,   true},
-    {"FUJITSU", "ETERNUS",   {"FUJITSU"},      kExact,    {"ETERNUS"},            kPrefix,   false,   false},
+const SFamily kFamilies[] = {
+    // HP MSA, a COMPAQ or HP vendor text holding MSA: INQUIRY text and the text of page 0x83.
+    {"HP", "MSA", make<CHpMsaUdidGenerator>,
+     {{"COMPAQ", "HP"}, kContains, {"MSA"}, kContains, nullptr, false, true},
+     "device_udid_generator_hp.cpp", {I, D, E}},
+    // HP EVA (HSV controllers): the array's WWN from INQUIRY and the LUN's from page 0x83.
+    {"HP", "HSV", make<CHpEvaUdidGenerator>,
+     {{"COMPAQ", "HP"}, kExact, {"HSV"}, kPrefix, nullptr, false, true},
+     "device_udid_generator_hp.cpp", {I, D, E}},
+    // HP XP (OPEN-V volumes): two numbers of the INQUIRY text.
+    {"HP", "XP", make<CHpXpUdidGenerator>,
+     {{"HP"}, kExact, {"OPEN-V", "OPEN-0V"}, kPrefix, nullptr, false, true},
+     "device_udid_generator_hp.cpp", {I, E}},
+    // IBM enterprise and virtualisation (ESS, DS8000, DS6000, SVC, FAStT): the IBM test decides.
+    {"IBM", "TOTALSTORAGE", make<CIbmUdidGenerator>,
+     {{"IBM"}, kPrefix, {}, kAny, ibmEnterpriseModel, false, false},
+     "device_udid_generator_ibm.cpp", {I, S, C8, D, E}},
+    // IBM midrange DS models: the IBM test decides. Its isESS and isFASTT take the same models,
+    // so the body's branch for a FAStT (page 0xC8) is never reached.
+    {"IBM", "DISKSYSTEM", make<CIbmDsUdidGenerator>,
+     {{"IBM"}, kPrefix, {}, kAny, ibmMidrangeModel, false, false},
+     "device_udid_generator_ibm.cpp", {D0, I, S, D, E}},
+    // EMC Clariion and VNX (vendor DGC): array serial of the unit page and the LUN name.
+    {"DGC", "", make<CEmcClariionUdidGenerator>,
+     {{"DGC"}, kExact, {"RAID", "DISK", "VNX", "CX"}, kContains, nullptr, false, false},
+     "device_udid_generator_emc.cpp", {C0, S, D, E}},
+    // EMC Symmetrix: array serial and device number of the INQUIRY data.
+    {"EMC", "SYMMETRIX", make<CEmcSymmetrixUdidGenerator>,
+     {{"EMC"}, kExact, {"SYMMETRIX"}, kExact, nullptr, false, false},
+     "device_udid_generator_emc.cpp", {I, E}},
+    // Hitachi arrays: array serial and LUN of the INQUIRY text.
+    {"HITACHI", "HDS", make<CHitachiUdidGenerator>,
+     {{"HITACHI"}, kExact, {"9200", "9500V", "DF600F", "DF600F-V", "OPEN-V", "OPEN-0V", "9900",
+                            "9910", "9980V", "9970V", "9960", "USP"}, kPrefix, nullptr, false, false},
+     "device_udid_generator_hitachi.cpp", {I, E}},
+    // LSI / Engenio, whatever case the ids come in: array id of the enclosure page, LUN name.
+    {"ENGENIO", "UNIVERSAL", make<CLsiUdidGenerator>,
+     {{"LSI"}, kExact, {"INF", "UNIVERSAL", "MPP_VIRTUAL_DISK"}, kPrefix, nullptr, true, true},
+     "device_udid_generator_lsi.cpp", {C8, D, E}},
+    // NetApp filers: enclosure id from the filer's identity command and the LUN name.
+    {"NETAPP", "LUN", make<CNetAppUdidGenerator>,
+     {{"NETAPP"}, kExact, {"LUN"}, kExact, nullptr, false, false},
+     "device_udid_generator_netapp.cpp", {D, E}},
+    // HP 3PAR (vendor 3PARdata): the unit serial and the LUN name.
+    {"HP", "3PAR", make<CHp3parUdidGenerator>,
+     {{"3PARdata"}, kExact, {"VV"}, kExact, nullptr, false, true},
+     "device_udid_generator_hp.cpp", {S, D, E}},
+    // Fujitsu Eternus: array serial of the INQUIRY text and the LUN name.
+    {"FUJITSU", "ETERNUS", make<CFujitsuEternusUdidGenerator>,
+     {{"FUJITSU"}, kExact, {"ETERNUS"}, kPrefix, nullptr, false, false},
+     "device_udid_generator_fujitsu.cpp", {I, D, E}},
+    // Every other disk: a whole identification page, else a host-local id. Claims all: last.
+    {"", "", make<CDefaultUdidGenerator>,
+     {{}, kAny, {}, kAny, nullptr, false, true},
+     "device_udid_generator.cpp", {D, S, E}},
 };
 // clang-format on
 
-const SClaimRule* claimRuleOf(const std::string& vendorId, const std::string& productId)
+}  // namespace
+
+const SFamily* families()
 {
-    for (const SClaimRule& rule : kClaimRules) {
-        if (vendorId == rule.vendorId && productId == rule.productId) {
-            return &rule;
+    return kFamilies;
+}
+
+size_t familyCount()
+{
+    return sizeof(kFamilies) / sizeof(kFamilies[0]);
+}
+
+const SFamily* familyOf(const std::string& vendorId, const std::string& productId)
+{
+    for (const SFamily& family : kFamilies) {
+        if (vendorId == family.vendorId && productId == family.productId) {
+            return &family;
         }
     }
     return nullptr;
 }
 
-}  // namespace
+}  // namespace udid_family
+
+std::vector<CUdidGenerator*> createUdidGeneratorTable()
+{
+    std::vector<CUdidGenerator*> table;
+    for (size_t i = 0; i < udid_family::familyCount(); ++i) {
+        const udid_family::SFamily& family = udid_family::families()[i];
+        table.push_back(family.create(family.vendorId, family.productId));
+    }
+    return table;
+}
 
 // --- CUdidGenerator --------------------------------------------------------------------------
 
@@ -117,14 +159,21 @@ std::string CUdidGenerator::getGeneratorName()
     return m_vendorId + ":" + m_productId;
 }
 
+// A generator claims only by its family's row: one whose claim strings have no row claims
+// nothing, so a claim string edited on one side alone shows at once.
 bool CUdidGenerator::claimDevice(CScsiDeviceData* device)
 {
-    const SClaimRule* rule = claimRuleOf(m_vendorId, m_productId);
-    if (rule == nullptr) {
-        return stripVendorId(device) == m_vendorId && stripProductId(device) == m_productId;
+    using namespace udid_family;
+    const SFamily* family = familyOf(m_vendorId, m_productId);
+    if (family == nullptr) {
+        return false;
     }
-    auto matches = [rule](std::string id, const char* const* list, EMatch how) {
-        id = rule->ignoreCase ? CStringTool::tostrupper(id) : id;
+    const SClaimRule& rule = family->claim;
+    auto matches = [&rule](std::string id, const char* const* list, EMatch how) {
+        if (how == kAny) {
+            return true;
+        }
+        id = rule.ignoreCase ? CStringTool::tostrupper(id) : id;
         if (how != kExact) {
             return how == kPrefix ? beginsWithOneOf(id, list) : containsOneOf(id, list);
         }
@@ -136,11 +185,15 @@ bool CUdidGenerator::claimDevice(CScsiDeviceData* device)
         return false;
     };
     const std::string& vendor = stripVendorId(device);
-    if (rule->stripBothFirst) {
+    if (rule.stripBothFirst) {
         stripProductId(device);
     }
-    return matches(vendor, rule->vendors, rule->vendorMatch) &&
-           matches(stripProductId(device), rule->products, rule->productMatch);
+    if (!matches(vendor, rule.vendors, rule.vendorMatch)) {
+        return false;
+    }
+    const std::string& product = stripProductId(device);
+    return rule.productTest != nullptr ? rule.productTest(*this, product)
+                                       : matches(product, rule.products, rule.productMatch);
 }
 
 std::string CUdidGenerator::getUniqueDeviceIDPrefix(CScsiDeviceData* /*device*/)
@@ -304,9 +357,10 @@ CDefaultUdidGenerator::CDefaultUdidGenerator(std::string vendorId, std::string p
 {
 }
 
-bool CDefaultUdidGenerator::claimDevice(CScsiDeviceData* /*device*/)
+// Claims every disk, by its row.
+bool CDefaultUdidGenerator::claimDevice(CScsiDeviceData* device)
 {
-    return true;
+    return CUdidGenerator::claimDevice(device);
 }
 
 std::string CDefaultUdidGenerator::getUniqueDeviceIDPrefix(CScsiDeviceData* device)
@@ -322,9 +376,11 @@ std::string CDefaultUdidGenerator::getUniqueDeviceIDPrefix(CScsiDeviceData* devi
 std::string CDefaultUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
     const std::vector<unsigned int>& pages = device->m_supportedPages;
-    if (std::find(pages.begin(), pages.end(), 0x00u) != pages.end() &&
+    if (std::find(pages.begin(), pages.end(), unsigned(scsi_page::kSupportedPages)) !=
+            pages.end() &&
         !stripVendorId(device).empty()) {
-        for (unsigned int code : {0x83u, 0x80u}) {
+        for (unsigned int code :
+             {unsigned(scsi_page::kDeviceIdentification), unsigned(scsi_page::kUnitSerial)}) {
             CachedBytes page = findPageData(device, code);
             if (page && page.length != 0) {
                 return pageBody(page.data, page.length);
@@ -333,13 +389,6 @@ std::string CDefaultUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
     }
 
     // Host-local id: keeps the device apart on this host only.
-    char host[512] = {};
-    std::string body = device->m_deviceName + "@";
-    if (fiSystem().gethostname(host, sizeof(host)) == 0) {
-        host[sizeof(host) - 1] = '\0';  // a system may truncate a long name without a terminator
-        body += host;
-    } else {
-        body += "UNKNOWN";
-    }
-    return body;
+    std::string host;
+    return device->m_deviceName + "@" + (kzfi_pdk_4_4::fiHostName(host, 512) ? host : "UNKNOWN");
 }

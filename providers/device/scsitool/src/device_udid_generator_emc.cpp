@@ -4,6 +4,7 @@
 #include <string>
 
 #include "device_udid_generator.h"
+#include "scsi_page_codes.h"
 #include "stringtool.h"
 #include "trace_call.h"
 
@@ -55,10 +56,10 @@ std::string CEmcClariionUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device
 {
     FI_TRACE_FUNCTION("CEmcClariionUdidGenerator::getUniqueDeviceID");
     std::string enclosureId;
-    CachedBytes pageC0 = findPageData(device, 0xC0);
+    CachedBytes pageC0 = findPageData(device, scsi_page::kVendorC0);
     if (!checkForArraySerialNo(&pageC0.data, pageC0.length, 49, 50, enclosureId)) {
         enclosureId.clear();
-        CachedBytes page80 = findPageData(device, 0x80);
+        CachedBytes page80 = findPageData(device, scsi_page::kUnitSerial);
         if (!checkForArraySerialNo(&page80.data, page80.length, 3, 4, enclosureId)) {
             // Carries on with the rejected text and no separator.
             traceTo(m_traceLog, 2, "Invalid EnclosureID %s found for Clariion",
@@ -67,7 +68,7 @@ std::string CEmcClariionUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device
     }
 
     // A page of 23 bytes passes: its missing byte 23 is the zero the command buffer held.
-    CachedBytes page83 = findPageData(device, 0x83);
+    CachedBytes page83 = findPageData(device, scsi_page::kDeviceIdentification);
     if (!page83 || page83.length <= 22) {
         throw error(MSG_INVALID_SCSI_DEVICE_DATA);
     }
@@ -91,7 +92,7 @@ CEmcSymmetrixUdidGenerator::CEmcSymmetrixUdidGenerator(std::string vendorId, std
 std::string CEmcSymmetrixUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
     FI_TRACE_FUNCTION("CEmcSymmetrixUdidGenerator::getUniqueDeviceID");
-    CachedBytes inquiry = findPageData(device, 0);
+    CachedBytes inquiry = findPageData(device, scsi_page::kStandardInquiry);
     if (!inquiry || inquiry.length < 132) {
         throw error(MSG_INVALID_SCSI_PAGE_DATA);
     }

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "device_udid_generator.h"
+#include "scsi_page_codes.h"
 #include "stringtool.h"
 
 // --- MSA -------------------------------------------------------------------------------------
@@ -16,14 +17,14 @@ CHpMsaUdidGenerator::CHpMsaUdidGenerator(std::string vendorId, std::string produ
 std::string CHpMsaUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
     FI_TRACE_FUNCTION("CHpMsaUdidGenerator::getUniqueDeviceID");
-    CachedBytes inquiry = findPageData(device, 0);
+    CachedBytes inquiry = findPageData(device, scsi_page::kStandardInquiry);
     if (!inquiry || inquiry.length < 120) {
         throw error(MSG_INVALID_SCSI_DEVICE_DATA);
     }
     std::string body = textField(inquiry, 96, 14) + udid_separator;
 
     // A page 0x83 too short for its text field fails like a missing one.
-    CachedBytes page83 = findPageData(device, 0x83);
+    CachedBytes page83 = findPageData(device, scsi_page::kDeviceIdentification);
     if (!page83 || page83.length < 68) {
         throw error(MSG_INVALID_SCSI_DEVICE_DATA);
     }
@@ -43,7 +44,7 @@ std::string CHpEvaUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
     FI_TRACE_FUNCTION("CHpEvaUdidGenerator::getUniqueDeviceID");
     // Data of 137 bytes passes: its missing byte 137 reads as zero.
-    CachedBytes inquiry = findPageData(device, 0);
+    CachedBytes inquiry = findPageData(device, scsi_page::kStandardInquiry);
     if (!inquiry || inquiry.length <= 136) {
         throw anonymousError(MSG_INVALID_SCSI_ENCLOSURE_DATA);
     }
@@ -51,7 +52,7 @@ std::string CHpEvaUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 
     // A page 0x83 too short for its header and name fails like a missing one; one of 23 bytes
     // passes, its missing byte 23 reading as zero.
-    CachedBytes page83 = findPageData(device, 0x83);
+    CachedBytes page83 = findPageData(device, scsi_page::kDeviceIdentification);
     if (!page83 || page83.length <= 22) {
         throw error(MSG_INVALID_SCSI_PAGE_DATA);
     }
@@ -73,7 +74,7 @@ CHpXpUdidGenerator::CHpXpUdidGenerator(std::string vendorId, std::string product
 std::string CHpXpUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
     FI_TRACE_FUNCTION("CHpXpUdidGenerator::getUniqueDeviceID");
-    CachedBytes inquiry = findPageData(device, 0);
+    CachedBytes inquiry = findPageData(device, scsi_page::kStandardInquiry);
     if (!inquiry || inquiry.length <= 55) {
         throw error(MSG_INVALID_SCSI_PAGE_DATA);
     }
@@ -97,14 +98,14 @@ CHp3parUdidGenerator::CHp3parUdidGenerator(std::string vendorId, std::string pro
 std::string CHp3parUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
 {
     FI_TRACE_FUNCTION("CHp3parUdidGenerator::getUniqueDeviceID");
-    CachedBytes page80 = findPageData(device, 0x80);
+    CachedBytes page80 = findPageData(device, scsi_page::kUnitSerial);
     if (!page80 || page80.length <= 11) {
         throw anonymousError(MSG_INVALID_SCSI_ENCLOSURE_DATA);
     }
     std::string body = CStringTool::trim(textField(page80, 4, 8)) + udid_separator;
 
     // A page 0x83 too short for the name fails like a missing one.
-    CachedBytes page83 = findPageData(device, 0x83);
+    CachedBytes page83 = findPageData(device, scsi_page::kDeviceIdentification);
     if (!page83 || page83.length <= 15) {
         throw error(MSG_INVALID_SCSI_PAGE_DATA);
     }

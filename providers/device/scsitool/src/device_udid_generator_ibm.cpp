@@ -4,7 +4,9 @@
 #include <string>
 
 #include "device_udid_generator.h"
+#include "scsi_page_codes.h"
 #include "stringtool.h"
+#include "udid_families.h"
 
 namespace {
 
@@ -30,6 +32,19 @@ CUdidGenerator::CachedBytes essSerialPage(const CUdidGenerator::CachedBytes& pag
 
 }  // namespace
 
+// The product tests of the IBM family rows.
+bool udid_family::ibmEnterpriseModel(CUdidGenerator& generator, const std::string& product)
+{
+    auto* ibm = dynamic_cast<CIbmUdidGenerator*>(&generator);
+    return ibm != nullptr && (ibm->isESS(product) || ibm->isFASTT(product));
+}
+
+bool udid_family::ibmMidrangeModel(CUdidGenerator& generator, const std::string& product)
+{
+    auto* ibm = dynamic_cast<CIbmDsUdidGenerator*>(&generator);
+    return ibm != nullptr && (ibm->isESS(product) || ibm->isFASTT(product));
+}
+
 // --- Enterprise models -----------------------------------------------------------------------
 
 CIbmUdidGenerator::CIbmUdidGenerator(std::string vendorId, std::string productId)
@@ -37,14 +52,11 @@ CIbmUdidGenerator::CIbmUdidGenerator(std::string vendorId, std::string productId
 {
 }
 
-// A vendor beginning with IBM (IBMSTOR passes too) and a product of one of the model lists.
+// By its family row: a vendor beginning with IBM (IBMSTOR passes too) and a product that
+// ibmEnterpriseModel takes.
 bool CIbmUdidGenerator::claimDevice(CScsiDeviceData* device)
 {
-    if (stripVendorId(device).compare(0, 3, "IBM") != 0) {
-        return false;
-    }
-    const std::string& product = stripProductId(device);
-    return isESS(product) || isFASTT(product);
+    return CUdidGenerator::claimDevice(device);
 }
 
 bool CIbmUdidGenerator::isESS(std::string product)
@@ -65,7 +77,7 @@ std::string CIbmUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
     const std::string product = stripProductId(device);
     if (product.find("2107") != std::string::npos) {
         // Without INQUIRY data the id is the LUN part alone.
-        CachedBytes inquiry = findPageData(device, 0);
+        CachedBytes inquiry = findPageData(device, scsi_page::kStandardInquiry);
         if (inquiry) {
             if (inquiry.length < 43) {
                 throw anonymousError(MSG_INVALID_SCSI_PAGE_SIZE);
@@ -73,12 +85,12 @@ std::string CIbmUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
             body += "IBM.2107-" + textField(inquiry, 36, 7) + udid_separator;
         }
     } else if (isESS(stripProductId(device))) {
-        CachedBytes page80 =
-            essSerialPage(findPageData(device, 0x80), error(MSG_INVALID_SCSI_PAGE_DATA),
-                          anonymousError(MSG_INVALID_SCSI_PAGE_SIZE));
+        CachedBytes page80 = essSerialPage(findPageData(device, scsi_page::kUnitSerial),
+                                           error(MSG_INVALID_SCSI_PAGE_DATA),
+                                           anonymousError(MSG_INVALID_SCSI_PAGE_SIZE));
         body += "IBM." + product.substr(0, 4) + "-" + textField(page80, 4, 7) + udid_separator;
     } else if (isFASTT(stripProductId(device))) {
-        CachedBytes pageC8 = findPageData(device, 0xC8);
+        CachedBytes pageC8 = findPageData(device, scsi_page::kVendorC8);
         if (!pageC8 || pageC8.length < 106) {
             throw error(MSG_INVALID_SCSI_PAGE_DATA);
         }
@@ -89,7 +101,7 @@ std::string CIbmUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
     }
 
     // A page of 23 bytes passes: its missing byte 23 reads as zero.
-    CachedBytes page83 = findPageData(device, 0x83);
+    CachedBytes page83 = findPageData(device, scsi_page::kDeviceIdentification);
     if (!page83 || page83.length <= 22) {
         throw error(MSG_INVALID_SCSI_PAGE_DATA);
     }
@@ -103,14 +115,11 @@ CIbmDsUdidGenerator::CIbmDsUdidGenerator(std::string vendorId, std::string produ
 {
 }
 
-// A vendor beginning with IBM (IBMSTOR passes too) and a product of one of the model lists.
+// By its family row: a vendor beginning with IBM (IBMSTOR passes too) and a product that
+// ibmMidrangeModel takes.
 bool CIbmDsUdidGenerator::claimDevice(CScsiDeviceData* device)
 {
-    if (stripVendorId(device).compare(0, 3, "IBM") != 0) {
-        return false;
-    }
-    const std::string& product = stripProductId(device);
-    return isESS(product) || isFASTT(product);
+    return CUdidGenerator::claimDevice(device);
 }
 
 bool CIbmDsUdidGenerator::isESS(std::string product)
@@ -135,25 +144,26 @@ std::string CIbmDsUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
     // Page 0xD0 bytes 8 to 23 as hex, or nothing when the page can't give them; a page of 23
     // bytes gives them, its missing byte 23 reading as zero.
     auto arrayId = [&]() -> std::string {
-        CachedBytes pageD0 = findPageData(device, 0xD0);
+        CachedBytes pageD0 = findPageData(device, scsi_page::kVendorD0);
         return pageD0 && pageD0.length > 22 ? hexField(pageD0, 8, 16, false) : "";
     };
 
     if (product.find("1724") != std::string::npos) {
         // Without usable INQUIRY data the id is the LUN part alone. The text runs to its first
         // zero byte, at most 511 characters.
-        CachedBytes inquiry = findPageData(device, 0);
+        CachedBytes inquiry = findPageData(device, scsi_page::kStandardInquiry);
         if (inquiry && inquiry.length >= 43) {
             body += "IBM.1724-" + textField(inquiry, 36, 511) + udid_separator;
         }
     } else if (isESS(stripProductId(device))) {
         // Page 0x80 only has to be there: its serial does not enter the id.
-        essSerialPage(findPageData(device, 0x80), error(MSG_INVALID_SCSI_PAGE_DATA),
+        essSerialPage(findPageData(device, scsi_page::kUnitSerial),
+                      error(MSG_INVALID_SCSI_PAGE_DATA),
                       anonymousError(MSG_INVALID_SCSI_PAGE_SIZE));
         body += "IBM." + product.substr(0, 4) + "-" + arrayId() + udid_separator;
     } else if (isFASTT(stripProductId(device))) {
         // Page 0xC8 only has to be there: its contents do not enter the id.
-        CachedBytes pageC8 = findPageData(device, 0xC8);
+        CachedBytes pageC8 = findPageData(device, scsi_page::kVendorC8);
         if (!pageC8 || pageC8.length < 106) {
             throw error(MSG_INVALID_SCSI_PAGE_DATA);
         }
@@ -163,7 +173,7 @@ std::string CIbmDsUdidGenerator::getUniqueDeviceID(CScsiDeviceData* device)
     }
 
     // A page of 23 bytes passes: its missing byte 23 reads as zero.
-    CachedBytes page83 = findPageData(device, 0x83);
+    CachedBytes page83 = findPageData(device, scsi_page::kDeviceIdentification);
     if (!page83 || page83.length <= 22) {
         throw error(MSG_INVALID_SCSI_PAGE_DATA);
     }

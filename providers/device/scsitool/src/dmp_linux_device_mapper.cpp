@@ -2,6 +2,7 @@
 #include "dmp_linux_device_mapper.h"
 
 #include "discovery_common.h"
+#include "pseudo_devices.h"
 #include "stringtool.h"
 #include "trace_call.h"
 
@@ -11,7 +12,7 @@ using scsitool_discovery::runCommand;
 
 namespace {
 
-const char kMapperDirectory[] = "/dev/mapper/";
+using pseudo_device::kMapperDirectory;
 const std::string::size_type kMapperDirectoryLength = sizeof kMapperDirectory - 1;
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include "discovery_common.h"
 #include "fi_system.h"
+#include "pseudo_devices.h"
 #include "stringtool.h"
 #include "trace_call.h"
 
@@ -16,10 +17,9 @@ namespace {
 
 const char kPowermt[] = "/sbin/powermt";
 const char kDevDirectory[] = "/dev/";
-const char kPseudoDevicePrefix[] = "emcpower";
-// "/dev/" followed by "emcpower".
-const std::string::size_type kPseudoDevicePathLength =
-    sizeof kDevDirectory - 1 + sizeof kPseudoDevicePrefix - 1;
+using pseudo_device::kPowerPathName;
+// "/dev/emcpower".
+const std::string::size_type kPseudoDevicePathLength = sizeof pseudo_device::kPowerPathNode - 1;
 
 struct PowermtStep {
     const char* arguments;
@@ -71,7 +71,7 @@ int CDmpPowerPathDiscovery::rescan()
 int CDmpPowerPathDiscovery::enumerateDmpDevices(std::map<std::string, SDeviceInfo>& deviceMap)
 {
     FI_TRACE_FUNCTION("enumerateDmpDevices");
-    std::vector<std::string> paths = readDir(kDevDirectory, kPseudoDevicePrefix);
+    std::vector<std::string> paths = readDir(kDevDirectory, kPowerPathName);
     // No command is run to find the nodes, so the command text stays empty.
     traceTo(m_traceLog, 3, "INFO: enumerating devices using command [%s], lines returned [%d]", "",
             static_cast<int>(paths.size()));
@@ -80,7 +80,7 @@ int CDmpPowerPathDiscovery::enumerateDmpDevices(std::map<std::string, SDeviceInf
         if (path.size() > kPseudoDevicePathLength && endsWithDigit(path)) {
             continue;
         }
-        if (path.find(kPseudoDevicePrefix) == std::string::npos) {
+        if (path.find(kPowerPathName) == std::string::npos) {
             continue;
         }
         traceTo(m_traceLog, 3, "INFO: adding powerpath device to the map [%s]", path.c_str());

@@ -1,15 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// The kernel's SCSI text files read for the tools, and the NetApp filer identity command.
+// The kernel's SCSI text files read for the tools.
 #include "kernel_files.h"
-
-#include <fcntl.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 
 #include "discovery_common.h"
-#include "fi_scsi_ioctl.h"
 #include "fi_system.h"
 
 using kzfi_pdk_4_4::fiSystem;
@@ -102,30 +99,4 @@ std::vector<SListedScsiDisk> readProcScsiDisks()
         }
     }
     return disks;
-}
-
-bool sendNetAppIdentityCommand(const std::string& node, std::vector<unsigned char>& answer,
-                               int& result)
-{
-    int fd = fiSystem().open(node.c_str(), O_RDONLY | O_NONBLOCK);
-    if (fd < 0) {
-        return false;
-    }
-    unsigned char cdb[10] = {0xC0, 0x00, 0x00, 0x0A, 0x98, 0x0A, 0x22, 0x10, 0x00, 0x00};
-    unsigned char sense[64] = {};
-    answer.assign(4096, 0);
-    sg_io_hdr_t request;
-    std::memset(&request, 0, sizeof(request));
-    request.interface_id = 'S';
-    request.dxfer_direction = SG_DXFER_FROM_DEV;
-    request.cmd_len = sizeof(cdb);
-    request.mx_sb_len = sizeof(sense);
-    request.dxfer_len = static_cast<unsigned int>(answer.size());
-    request.dxferp = answer.data();
-    request.cmdp = cdb;
-    request.sbp = sense;
-    request.timeout = 10;
-    result = fiSystem().ioctl(fd, SG_IO, &request);
-    fiSystem().close(fd);
-    return true;
 }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the library knows of the kernel's SCSI text files and of the one vendor command it sends
-// itself, offered to the tools that capture a host: the rows of "/proc/partitions", the disks
-// "/proc/scsi/scsi" lists, and the NetApp filer identity command.
+// What the library knows of the kernel's SCSI text files, offered to the tools that capture a
+// host: the rows of "/proc/partitions" and the disks "/proc/scsi/scsi" lists.
 #ifndef SCSITOOL_KERNEL_FILES_H
 #define SCSITOOL_KERNEL_FILES_H
 
@@ -29,10 +28,5 @@ struct SListedScsiDisk {
 
 // The direct-access devices of "/proc/scsi/scsi", in the kernel's order.
 std::vector<SListedScsiDisk> readProcScsiDisks();
-
-// The NetApp filer identity command sent to `node` through SG_IO; `answer` receives the 4096
-// bytes of the answer buffer and `result` the ioctl's result. False when the node does not open.
-bool sendNetAppIdentityCommand(const std::string& node, std::vector<unsigned char>& answer,
-                               int& result);
 
 #endif

@@ -10,6 +10,7 @@
 #include "fi_scsi_ioctl.h"
 #include "fi_stringtool.h"
 #include "fi_system.h"
+#include "scsi_page_codes.h"
 #include "trace_call.h"
 
 using kzfi_pdk_4_4::CFiStringTool;
@@ -43,7 +44,7 @@ int CScsiTool::GetModePageInfo(CScsiDeviceHandle& handle, CScsiDeviceData& devic
 {
     traceTo(m_traceLog, 4, "libscsitool: DEBUG: Entering CScsiTool::GetModePageInfo()");
     // A non-zero page code always names a VPD page.
-    unsigned char evpd = (pageType == 1 || pageCode != 0) ? 1 : 0;
+    unsigned char evpd = (pageType == 1 || pageCode != scsi_page::kStandardInquiry) ? 1 : 0;
     unsigned char buffer[kCommandBufferSize];
     std::memset(buffer, 0, sizeof(buffer));
     length = 0;

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "fi_system.h"
+#include "scsi_page_codes.h"
 #include "stringtool.h"
 #include "trace_call.h"
 
@@ -100,7 +101,13 @@ void CScsiDeviceHandle::closeDevice(int fd)
 // ---------------------------------------------------------------------------------------------
 // CScsiToolBase
 
-const unsigned int CScsiToolBase::kFixedPages[7] = {0x83, 0x80, 0xC0, 0xC8, 0x10, 0x11, 0xD0};
+const unsigned int CScsiToolBase::kFixedPages[7] = {scsi_page::kDeviceIdentification,
+                                                    scsi_page::kUnitSerial,
+                                                    scsi_page::kVendorC0,
+                                                    scsi_page::kVendorC8,
+                                                    scsi_page::kVendor10,
+                                                    scsi_page::kVendor11,
+                                                    scsi_page::kVendorD0};
 
 CScsiToolBase::CScsiToolBase() {}
 
@@ -120,7 +127,7 @@ void storePage(CScsiDeviceData& device, unsigned int code, const ScsiPagePtr& pa
 // instead of a read past the cached copy.
 std::string inquiryField(const CScsiDeviceData& device, unsigned int first, unsigned int count)
 {
-    const CScsiModePage* inquiry = device.findPage(0);
+    const CScsiModePage* inquiry = device.findPage(scsi_page::kStandardInquiry);
     if (inquiry == nullptr || inquiry->getData() == nullptr || inquiry->getLength() <= first) {
         return std::string();
     }
@@ -136,10 +143,10 @@ int CScsiToolBase::UpdateStdInquiryString(CScsiDeviceHandle& handle, CScsiDevice
     try {
         unsigned int length = 0;
         ScsiPagePtr page;
-        GetModePageInfo(handle, device, 0, length, 0, page);
+        GetModePageInfo(handle, device, scsi_page::kStandardInquiry, length, 0, page);
         bool havePage = page && page->get() != nullptr;
         if (havePage && length != 0) {
-            storePage(device, 0, page, length);
+            storePage(device, scsi_page::kStandardInquiry, page, length);
         }
         if (havePage && length >= 32) {
             if (CheckForDiskDevice(page->get()[0])) {
@@ -169,7 +176,7 @@ int CScsiToolBase::UpdateSupportedModePageList(CScsiDeviceHandle& handle, CScsiD
     try {
         unsigned int length = 0;
         ScsiPagePtr page;
-        GetModePageInfo(handle, device, 0, length, 1, page);
+        GetModePageInfo(handle, device, scsi_page::kSupportedPages, length, 1, page);
         if (page && page->get() != nullptr && length > 3) {
             const unsigned char* bytes = page->get();
             unsigned int count = bytes[3];
