@@ -227,37 +227,6 @@ std::vector<std::string> replayDiffers(const std::string& capture,
     return warnings;
 }
 
-// The machine id and capture id of a capture's record (the JSON object's text the simulated host
-// keeps), each "" unless it is a string.
-void readCaptureIds(const std::string& record, simdjson::ondemand::parser& parser,
-                    std::string& machineId, std::string& captureId)
-{
-    machineId.clear();
-    captureId.clear();
-    if (record.empty()) {
-        return;
-    }
-    const simdjson::padded_string padded(record);
-    simdjson::ondemand::document document;
-    simdjson::ondemand::object object;
-    if (parser.iterate(padded).get(document) != simdjson::SUCCESS ||
-        document.get_object().get(object) != simdjson::SUCCESS) {
-        return;
-    }
-    for (auto field : object) {
-        std::string_view key, value;
-        if (field.unescaped_key().get(key) != simdjson::SUCCESS) {
-            return;
-        }
-        std::string* target = key == "machine_id"   ? &machineId
-                              : key == "capture_id" ? &captureId
-                                                    : nullptr;
-        if (target != nullptr && field.value().get_string().get(value) == simdjson::SUCCESS) {
-            target->assign(value.data(), value.size());
-        }
-    }
-}
-
 // One capture replayed through the simulated host: what it says of itself, its disks, and with
 // --replay the warnings on where the replay differs from its record.
 void replayCapture(Session& session, const std::string& capture, bool compareRecord,
@@ -266,11 +235,11 @@ void replayCapture(Session& session, const std::string& capture, bool compareRec
 {
     std::unique_ptr<simhost::SimHost> host = loadCapture(capture);
     simhost::SimHostInstall install(*host);
-    // Of the capture's record the fleet wants two strings: they are taken with the fast reader
-    // instead of building the record's document, which holds the whole recorded map.
-    std::string captureId;
+    // Of the capture's record the fleet wants two strings, not the text of the whole record
+    // (which holds the recorded map) nor its document.
     read.hostName = Session::hostName();
-    readCaptureIds(host->capture(), parser, read.machineId, captureId);
+    read.machineId = host->captureString("machine_id");
+    const std::string captureId = host->captureString("capture_id");
     read.contentId =
         captureId.empty() ? "content " + sha256Hex(host->toJson()) : "capture " + captureId;
     read.volumes = replayDisks(session, *host).volumes;
