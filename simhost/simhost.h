@@ -100,6 +100,8 @@ public:
     // Where a captured snapshot came from (a JSON object's text, "" for none); kept, not used.
     void setCapture(const std::string& json);
     std::string capture() const;
+    // One string of that object: "" when it has no such key or the value is not a string.
+    std::string captureString(const std::string& key) const;
 
     // Building a host (tests, benchmarks, the capture command).
     void setHostname(const std::string& name);

@@ -60,6 +60,10 @@ struct SimHost::State {
     std::set<std::string> executables;
     std::map<std::string, SimCommandScript> commands;
     std::string capture;  // the snapshot's "capture" object as JSON text ("" when none)
+    // A loaded snapshot keeps its "capture" object: the text is made when first asked for, and
+    // one string of it is had without the text.
+    std::function<std::string()> captureText;
+    std::function<std::string(const std::string&)> captureString;
     std::map<std::string, std::string> kernelFiles;  // text that wins over the generated one
     std::set<std::string> inertFiles;                // control files whose writes do nothing
 

@@ -5,6 +5,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <set>
@@ -321,7 +322,8 @@ void readHost(const json& root, SimHost::State& state)
         if (!capture->is_object()) {
             fail("capture", "expected an object");
         }
-        state.capture = capture->dump();
+        // Its text is made when it is first asked for (load keeps the object): a fleet that
+        // replays thousands of captures asks only for two of its strings.
     }
     fields.get("multipath_maps", false);
     state.maps = readPseudoDevices(root, "multipath_maps", state);
@@ -422,6 +424,16 @@ std::string parserMessage(const std::exception& error)
 }
 
 // Parses and checks a snapshot into `state`; false with one message in `error` otherwise.
+// `key`'s string in `object`; "" when it is not there or not a string.
+std::string stringOf(const json& object, const std::string& key)
+{
+    if (!object.is_object()) {
+        return std::string();
+    }
+    const auto value = object.find(key);
+    return value != object.end() && value->is_string() ? value->get<std::string>() : std::string();
+}
+
 bool load(const std::string& text, const std::string& origin, SimHost::State& state,
           std::string& error)
 {
@@ -441,6 +453,12 @@ bool load(const std::string& text, const std::string& origin, SimHost::State& st
     } catch (const SnapshotError& bad) {
         error = prefix + bad.message;
         return false;
+    }
+    const auto capture = root.find("capture");
+    if (capture != root.end()) {
+        const std::shared_ptr<const json> object = std::make_shared<json>(std::move(*capture));
+        state.captureText = [object]() { return object->dump(); };
+        state.captureString = [object](const std::string& key) { return stringOf(*object, key); };
     }
     return true;
 }
@@ -484,11 +502,25 @@ std::unique_ptr<SimHost> SimHost::fromFile(const std::string& path, std::string&
 void SimHost::setCapture(const std::string& json)
 {
     m_state->capture = json;
+    m_state->captureText = nullptr;
+    m_state->captureString = nullptr;
 }
 
 std::string SimHost::capture() const
 {
+    if (m_state->captureText) {
+        m_state->capture = m_state->captureText();
+        m_state->captureText = nullptr;
+    }
     return m_state->capture;
+}
+
+std::string SimHost::captureString(const std::string& key) const
+{
+    if (m_state->captureString) {
+        return m_state->captureString(key);
+    }
+    return stringOf(json::parse(m_state->capture, nullptr, false), key);
 }
 
 std::string SimHost::toJson() const
@@ -578,8 +610,9 @@ std::string SimHost::toJson() const
         root["commands"][command.first] =
             ordered{{"exit", command.second.exitCode}, {"output", command.second.output}};
     }
-    if (!state.capture.empty()) {
-        root["capture"] = ordered::parse(state.capture);
+    const std::string record = capture();
+    if (!record.empty()) {
+        root["capture"] = ordered::parse(record);
     }
     // Addresses on one line: "address": [3, 0, 0, 1].
     static const std::regex address(R"re("address": \[\s*(\d+),\s*(\d+),\s*(\d+),\s*(\d+)\s*\])re");

@@ -396,6 +396,44 @@ TEST(DeviceMapCompare, DisksQueriedOneByOneGiveTheMapsEntries)
     }
 }
 
+// A snapshot's capture record: its text and its strings, as loaded, as set, and after a rescan of
+// the whole snapshot back through toJson.
+TEST(FleetReplay, TheCaptureRecordGivesItsTextAndStrings)
+{
+    json host = smallHost();
+    host["capture"] = {{"capture_id", "c-1"}, {"machine_id", 42}, {"time", "2026-01-01T00:00:00Z"}};
+    std::string error;
+    std::unique_ptr<simhost::SimHost> loaded = simhost::SimHost::fromJson(host.dump(), error);
+    ASSERT_TRUE(loaded) << error;
+    std::unique_ptr<simhost::SimHost> set = simhost::SimHost::fromJson(smallHost().dump(), error);
+    ASSERT_TRUE(set) << error;
+    set->setCapture(R"({"capture_id":"c-2","machine_id":["x"]})");
+    host.erase("capture");
+    std::unique_ptr<simhost::SimHost> none = simhost::SimHost::fromJson(host.dump(), error);
+    ASSERT_TRUE(none) << error;
+    const struct {
+        const simhost::SimHost& host;
+        std::string text, captureId, machineId, time;
+    } cases[] = {
+        {*loaded, R"({"capture_id":"c-1","machine_id":42,"time":"2026-01-01T00:00:00Z"})", "c-1",
+         "", "2026-01-01T00:00:00Z"},
+        {*set, R"({"capture_id":"c-2","machine_id":["x"]})", "c-2", "", ""},
+        {*none, "", "", "", ""},
+    };
+    for (const auto& c : cases) {
+        // The strings before the text is made, then after: the same.
+        for (int pass = 0; pass < 2; ++pass) {
+            EXPECT_EQ(c.host.captureString("capture_id"), c.captureId) << c.text;
+            EXPECT_EQ(c.host.captureString("machine_id"), c.machineId) << c.text;
+            EXPECT_EQ(c.host.captureString("time"), c.time) << c.text;
+            EXPECT_EQ(c.host.captureString("missing"), "") << c.text;
+            EXPECT_EQ(c.host.capture(), c.text);
+        }
+        const json again = json::parse(c.host.toJson());
+        EXPECT_EQ(again.contains("capture") ? again["capture"].dump() : "", c.text);
+    }
+}
+
 }  // namespace
 
 // The one rule that map, show, diff and fleet share: a host-local UDID is the default

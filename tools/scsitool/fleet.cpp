@@ -3,11 +3,19 @@
 // library gave, which is what the fleet is about: that map is read, without building the JSON
 // document or replaying the host, on every core. A snapshot without a recorded map is replayed,
 // and so is every capture with --replay, which also says where the replay differs from the record.
+#include <fcntl.h>
+#include <signal.h>
 #include <simdjson.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <string_view>
@@ -194,8 +202,9 @@ SHostMap replayDisks(Session& session, const simhost::SimHost& host)
 }
 
 // Where the replay of a capture gives other UDIDs than its record, one warning each.
-void warnReplayDiffers(const std::string& capture, const std::vector<SMapVolume>& recorded,
-                       const std::vector<SMapVolume>& replayed)
+std::vector<std::string> replayDiffers(const std::string& capture,
+                                       const std::vector<SMapVolume>& recorded,
+                                       const std::vector<SMapVolume>& replayed)
 {
     std::map<std::string, std::pair<std::string, std::string>> udids;
     for (const SMapVolume& volume : recorded) {
@@ -204,16 +213,274 @@ void warnReplayDiffers(const std::string& capture, const std::vector<SMapVolume>
     for (const SMapVolume& volume : replayed) {
         udids[volume.deviceName].second = volume.udid;
     }
+    std::vector<std::string> warnings;
     for (const auto& entry : udids) {
         if (entry.second.first != entry.second.second) {
             const auto orNone = [](const std::string& udid) {
                 return udid.empty() ? std::string("none") : udid;
             };
-            warn(capture + ": " + entry.first + ": recorded " + orNone(entry.second.first) +
-                 ", replayed " + orNone(entry.second.second));
+            warnings.push_back(capture + ": " + entry.first + ": recorded " +
+                               orNone(entry.second.first) + ", replayed " +
+                               orNone(entry.second.second));
+        }
+    }
+    return warnings;
+}
+
+// One capture replayed through the simulated host: what it says of itself, its disks, and with
+// --replay the warnings on where the replay differs from its record.
+void replayCapture(Session& session, const std::string& capture, bool compareRecord,
+                   simdjson::ondemand::parser& parser, CaptureRead& read,
+                   std::vector<std::string>& warnings)
+{
+    std::unique_ptr<simhost::SimHost> host = loadCapture(capture);
+    simhost::SimHostInstall install(*host);
+    // Of the capture's record the fleet wants two strings, not the text of the whole record
+    // (which holds the recorded map) nor its document.
+    read.hostName = Session::hostName();
+    read.machineId = host->captureString("machine_id");
+    const std::string captureId = host->captureString("capture_id");
+    read.contentId =
+        captureId.empty() ? "content " + sha256Hex(host->toJson()) : "capture " + captureId;
+    read.entries = replayDisks(session, *host).entries;
+    if (compareRecord) {
+        CaptureRead record;
+        if (readRecorded(capture, parser, record)) {
+            warnings = replayDiffers(capture, record.entries, read.entries);
         }
     }
 }
+
+// What a worker sends back for one capture: length-prefixed fields, the capture's failure (its
+// exit code and message) or what replayCapture gave. Only the disks the fleet counts travel.
+void putField(std::string& out, const std::string& field)
+{
+    const uint32_t size = static_cast<uint32_t>(field.size());
+    out.append(reinterpret_cast<const char*>(&size), sizeof size);
+    out += field;
+}
+
+std::string encodeReplay(const CaptureRead& read, const std::vector<std::string>& warnings)
+{
+    std::string out;
+    putField(out, "ok");
+    putField(out, read.hostName);
+    putField(out, read.machineId);
+    putField(out, read.contentId);
+    putField(out, std::to_string(warnings.size()));
+    for (const std::string& warning : warnings) {
+        putField(out, warning);
+    }
+    std::vector<const SMapVolume*> counted;
+    for (const SMapVolume& volume : read.entries) {
+        if (!volume.udid.empty() && !volume.hostLocal) {
+            counted.push_back(&volume);
+        }
+    }
+    putField(out, std::to_string(counted.size()));
+    for (const SMapVolume* volume : counted) {
+        putField(out, volume->deviceName);
+        putField(out, volume->udid);
+        putField(out, volume->volumeKey);
+    }
+    return out;
+}
+
+std::string encodeFailure(int exitCode, const std::string& message)
+{
+    std::string out;
+    putField(out, "failed");
+    putField(out, std::to_string(exitCode));
+    putField(out, message);
+    return out;
+}
+
+// Writes all of `data`; false when the reader has gone.
+bool writeAll(int fd, const std::string& data)
+{
+    size_t done = 0;
+    while (done < data.size()) {
+        const ssize_t written = ::write(fd, data.data() + done, data.size() - done);
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            return false;
+        }
+        done += static_cast<size_t>(written);
+    }
+    return true;
+}
+
+bool readAll(int fd, char* data, size_t size)
+{
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t got = ::read(fd, data + done, size - done);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            return false;
+        }
+        done += static_cast<size_t>(got);
+    }
+    return true;
+}
+
+// The replay is done by worker processes, one per core: the system interface the simulated host
+// is installed in is one per process. Worker w replays captures w, w + n, w + 2n…, in order, and
+// sends each one back as a record framed by its length; the command reads them back in the order
+// of the captures, so the output, the warnings and the first failure are those of one process.
+class ReplayWorkers {
+public:
+    ReplayWorkers(Session& session, const std::vector<std::string>& captures, size_t count)
+        : m_total(captures.size())
+    {
+        // Nothing buffered for standard output or error may be written twice.
+        std::fflush(nullptr);
+        for (size_t w = 0; w < count; ++w) {
+            int fds[2];
+            if (::pipe2(fds, O_CLOEXEC) != 0) {
+                throw CommandError(kExitFailure, std::string("fleet: cannot start a worker: ") +
+                                                     std::strerror(errno));
+            }
+            const pid_t pid = ::fork();
+            if (pid < 0) {
+                const int error = errno;
+                ::close(fds[0]);
+                ::close(fds[1]);
+                throw CommandError(kExitFailure, std::string("fleet: cannot start a worker: ") +
+                                                     std::strerror(error));
+            }
+            if (pid == 0) {
+                ::close(fds[0]);
+                for (int fd : m_fds) {
+                    ::close(fd);
+                }
+                work(session, captures, w, count, fds[1]);
+            }
+            ::close(fds[1]);
+            m_fds.push_back(fds[0]);
+            m_pids.push_back(pid);
+        }
+    }
+    ReplayWorkers(const ReplayWorkers&) = delete;
+    ReplayWorkers& operator=(const ReplayWorkers&) = delete;
+
+    // The workers are done when every record was read; otherwise the command stopped early and
+    // their work is no longer wanted.
+    ~ReplayWorkers()
+    {
+        for (size_t w = 0; w < m_pids.size(); ++w) {
+            ::close(m_fds[w]);
+            if (!m_complete) {
+                ::kill(m_pids[w], SIGKILL);
+            }
+            while (::waitpid(m_pids[w], nullptr, 0) < 0 && errno == EINTR) {
+            }
+        }
+    }
+
+    // Capture `index`'s replay, as replayCapture gives it; its failure is thrown as it would be
+    // in one process.
+    void take(size_t index, CaptureRead& read, std::vector<std::string>& warnings)
+    {
+        const int fd = m_fds[index % m_fds.size()];
+        uint32_t size = 0;
+        std::string record;
+        if (readAll(fd, reinterpret_cast<char*>(&size), sizeof size)) {
+            record.resize(size);
+            if (!readAll(fd, &record[0], size)) {
+                record.clear();
+            }
+        }
+        Fields fields{record, 0};
+        const std::string status = fields.next();
+        if (status == "failed") {
+            const int exitCode = std::atoi(fields.next().c_str());
+            throw CommandError(exitCode, fields.next());
+        }
+        if (status != "ok") {
+            throw CommandError(kExitFailure, "fleet: a worker replaying the captures ended early");
+        }
+        read.hostName = fields.next();
+        read.machineId = fields.next();
+        read.contentId = fields.next();
+        for (size_t n = std::stoul(fields.next()); n > 0; --n) {
+            warnings.push_back(fields.next());
+        }
+        for (size_t n = std::stoul(fields.next()); n > 0; --n) {
+            SMapVolume volume;
+            volume.deviceName = fields.next();
+            volume.udid = fields.next();
+            volume.volumeKey = fields.next();
+            read.entries.push_back(std::move(volume));
+        }
+        if (index + 1 == m_total) {
+            m_complete = true;
+        }
+    }
+
+private:
+    // The fields of one record; "" past its end.
+    struct Fields {
+        const std::string& record;
+        size_t at;
+        std::string next()
+        {
+            uint32_t size = 0;
+            if (record.size() - at < sizeof size) {
+                at = record.size();
+                return std::string();
+            }
+            std::memcpy(&size, record.data() + at, sizeof size);
+            at += sizeof size;
+            const size_t length = std::min<size_t>(size, record.size() - at);
+            std::string field = record.substr(at, length);
+            at += length;
+            return field;
+        }
+    };
+
+    [[noreturn]] static void work(Session& session, const std::vector<std::string>& captures,
+                                  size_t first, size_t step, int fd)
+    {
+        simdjson::ondemand::parser parser;
+        for (size_t i = first; i < captures.size(); i += step) {
+            std::string record;
+            bool failed = true;
+            try {
+                CaptureRead read;
+                std::vector<std::string> warnings;
+                replayCapture(session, captures[i], true, parser, read, warnings);
+                record = encodeReplay(read, warnings);
+                failed = false;
+            } catch (const CommandError& e) {
+                record = encodeFailure(e.exitCode(), e.what());
+            } catch (const std::exception& e) {
+                record =
+                    encodeFailure(kExitFailure, std::string("unexpected failure: ") + e.what());
+            } catch (...) {
+                record = encodeFailure(kExitFailure, "unexpected failure");
+            }
+            const uint32_t size = static_cast<uint32_t>(record.size());
+            // The command stops at the first failure: nothing after it is wanted.
+            if (!writeAll(
+                    fd, std::string(reinterpret_cast<const char*>(&size), sizeof size) + record) ||
+                failed) {
+                break;
+            }
+        }
+        // No destructor of the command's runs here: they belong to the process that forked.
+        ::_exit(0);
+    }
+
+    std::vector<int> m_fds;
+    std::vector<pid_t> m_pids;
+    size_t m_total;
+    bool m_complete = false;
+};
 
 // Reads `count` captures from `first` on every core, each into its slot.
 void readBatch(const std::vector<std::string>& captures, size_t first, size_t count,
@@ -275,7 +542,15 @@ std::string runFleet(Session& session, const std::vector<std::string>& captures,
     std::map<std::string, std::string> seen;    // capture id (or content) -> the first file
     std::map<std::string, std::string> labels;  // host key -> the name the output gives it
     std::map<std::string, std::string> keysByLabel;
+    // A trace keeps its lines in the order the library wrote them: with one, the replays run
+    // here, one after another.
+    const size_t cores = std::max(1u, std::thread::hardware_concurrency());
+    std::unique_ptr<ReplayWorkers> workers;
+    if (replay && !session.tracing() && cores > 1 && captures.size() > 1) {
+        workers.reset(new ReplayWorkers(session, captures, std::min(cores, captures.size())));
+    }
     ProgressLine progress("reading captures");
+    simdjson::ondemand::parser parser;
     // The next batch is read on the other cores while this one is folded here.
     std::vector<CaptureRead> reads, ahead;
     if (!replay) {
@@ -299,26 +574,19 @@ std::string runFleet(Session& session, const std::vector<std::string>& captures,
             progress.setWhat("reading captures " + std::to_string(first + i + 1) + " of " +
                              std::to_string(captures.size()));
             CaptureRead& read = reads[i];
-            SHostMap map;
-            if (read.recorded) {
-                map.entries = std::move(read.entries);
-            } else {
-                std::unique_ptr<simhost::SimHost> host = loadCapture(capture);
-                simhost::SimHostInstall install(*host);
-                const SideContext context = installedSide(capture, host->capture());
-                read.hostName = context.hostName;
-                read.machineId = context.machineId;
-                read.contentId = context.captureId.empty() ? "content " + sha256Hex(host->toJson())
-                                                           : "capture " + context.captureId;
-                map = replayDisks(session, *host);
-                if (replay) {
-                    simdjson::ondemand::parser parser;
-                    CaptureRead record;
-                    if (readRecorded(capture, parser, record)) {
-                        warnReplayDiffers(capture, record.entries, map.entries);
-                    }
+            if (!read.recorded) {
+                std::vector<std::string> warnings;
+                if (workers) {
+                    workers->take(first + i, read, warnings);
+                } else {
+                    replayCapture(session, capture, replay, parser, read, warnings);
+                }
+                for (const std::string& warning : warnings) {
+                    warn(warning);
                 }
             }
+            SHostMap map;
+            map.entries = std::move(read.entries);
             // A capture is known by its own id; a snapshot that capture did not write by its
             // content.
             auto known = seen.emplace(read.contentId, capture);

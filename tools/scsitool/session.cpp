@@ -112,6 +112,7 @@ Session::Session(const GlobalOptions& options) : m_sink(nullptr)
     std::unique_ptr<kzfi_pdk_4_4::CFiStreamTraceSink> stream =
         openTrace(options.traceFile, m_traceFile);
     int streamLevel = stream ? options.traceLevel : 0;
+    m_tracing = stream != nullptr;
     if (!options.hostFile.empty()) {
         std::string error;
         m_host = simhost::SimHost::fromFile(options.hostFile, error);

@@ -48,6 +48,8 @@ public:
     const kzfi_pdk_4_4::CFiTraceLogPtr& log() const { return m_log; }
     // The factory, created on first use once the host is in place.
     CUDIDFactory& factory();
+    // Whether the plug-in's trace is written somewhere (--trace).
+    bool tracing() const { return m_tracing; }
     // This host's name through the system interface ("" when it cannot be had).
     static std::string hostName();
 
@@ -64,6 +66,7 @@ private:
     std::unique_ptr<StagedFile> m_traceFile;   // --trace FILE
     std::unique_ptr<StagedFile> m_eventsFile;  // --events FILE
     bool m_eventsToStderr = false;             // --events -
+    bool m_tracing = false;                    // --trace
     bool m_finished = false;
 };
 
