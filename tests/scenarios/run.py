@@ -167,9 +167,9 @@ def run(scenario, binary, source, wrapper=()):
         if len(levels) > 1:
             raise ValueError(f"{scenario.path}: one trace level per scenario, not {sorted(levels)}")
         if levels:
-            spec = levels.pop().split(" ")
-            level = spec[0]
-            if spec[1:] not in ([], ["calls"]):
+            words = levels.pop().split(" ")
+            level = words[0]
+            if words[1:] not in ([], ["calls"]):
                 raise ValueError(f"{scenario.path}: a trace section is \"trace N\" or \"trace 6 calls\"")
             if level not in ("1", "2", "3", "4", "5", "6"):
                 raise ValueError(f"{scenario.path}: trace levels are 1 to 6")

@@ -38,18 +38,8 @@ std::string kindOf(const std::string& node, bool multipath)
 
 std::string stateOf(const std::string& kind, const DeviceProbe& probe)
 {
-    switch (probe.openErrno) {
-        case 0:
-            break;
-        case EACCES:
-        case EPERM:
-            return "denied";
-        case ENXIO:
-        case ENOENT:
-        case ENODEV:
-            return "gone";
-        default:
-            return "error";
+    if (probe.openErrno != 0) {
+        return CDeviceMapCompare::openFailureState(probe.openErrno);
     }
     if (kind == "dm-control" || kind == "dm") {
         return "-";  // these answer no SCSI command
