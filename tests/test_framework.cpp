@@ -434,15 +434,37 @@ TEST(FiStringTool, TokenizeTrimCompare)
 
 TEST(TuningSettings, ConfigurationLocation)
 {
-    ACE_CString first;
-    ACE_CString second;
+    // Where the file is looked for: a path set by the process wins over the environment, which
+    // wins over the plug-in's default; each source answers 0.
+    struct Case {
+        const char* set;          // setConfigFile's path, "" for none
+        const char* environment;  // nullptr: unset
+        const char* first;
+        const char* second;
+    } cases[] = {
+        {"", nullptr, "/etc/devicefi", "devicefi.ini"},
+        {"", "", "/etc/devicefi", "devicefi.ini"},
+        {"", "/opt/x/my.conf", "/opt/x", "my.conf"},
+        {"/srv/a/b.ini", "/opt/x/my.conf", "/srv/a", "b.ini"},
+        {"/srv/a/b.ini", nullptr, "/srv/a", "b.ini"},
+        {"b.ini", nullptr, ".", "b.ini"},  // a bare name lies in the working directory
+        {"/b.ini", nullptr, "/", "b.ini"},
+        {"", "/b.ini", "/", "b.ini"},
+    };
+    for (const Case& c : cases) {
+        CFiConfigurationPathTool::setConfigFile(c.set);
+        if (c.environment != nullptr)
+            setenv(CFiConfigurationPathTool::kEnvironmentVariable, c.environment, 1);
+        else
+            unsetenv(CFiConfigurationPathTool::kEnvironmentVariable);
+        ACE_CString first("stale");
+        ACE_CString second("stale");
+        EXPECT_EQ(
+            CFiConfigurationPathTool::getConfigFileInfo(ACE_CString("devicefi"), first, second), 0)
+            << c.set << " " << (c.environment ? c.environment : "(unset)");
+        EXPECT_STREQ(first.c_str(), c.first) << c.set;
+        EXPECT_STREQ(second.c_str(), c.second) << c.set;
+    }
+    CFiConfigurationPathTool::setConfigFile("");
     unsetenv(CFiConfigurationPathTool::kEnvironmentVariable);
-    CFiConfigurationPathTool::getConfigFileInfo(ACE_CString("devicefi"), first, second);
-    EXPECT_STREQ(first.c_str(), "/etc/devicefi");
-    EXPECT_STREQ(second.c_str(), "devicefi.ini");
-    setenv(CFiConfigurationPathTool::kEnvironmentVariable, "/opt/x/my.conf", 1);
-    CFiConfigurationPathTool::getConfigFileInfo(ACE_CString("devicefi"), first, second);
-    unsetenv(CFiConfigurationPathTool::kEnvironmentVariable);
-    EXPECT_STREQ(first.c_str(), "/opt/x");
-    EXPECT_STREQ(second.c_str(), "my.conf");
 }

@@ -473,3 +473,58 @@ TEST(ClariionGenerator, ArraySerialSourcesAndTraces)
         EXPECT_EQ(trace.lines(), c.traces) << c.body;
     }
 }
+
+// Every field's width and place: every byte of every page a hex digit that tells its offset, so a
+// field read one byte early, late, short or long gives another UDID. The pages run to 600 bytes,
+// beyond what any field reads (the 1724 serial stops at its 511th character); `at36` opens the
+// INQUIRY work field where a body branches on it.
+TEST(GeneratorTable, FieldsKeepTheirWidthsInPagesWithoutAZeroByte)
+{
+    FakeHost system(filerAnswer("1234567890"));
+    PageBuilder filled(600);
+    for (size_t i = 0; i < 600; ++i)
+        filled.byte(i, static_cast<uint8_t>("0123456789ABCDEF"[i % 16]));
+    // clang-format off
+    const char* cases[][4] = {
+        {"HP", "MSA1000", "", "UDID##HP##MSA##0123456789ABCD##456789ABCDEF0123456789ABCDEF0123"},
+        {"HP", "HSV210", "", "UDID##HP##HSV##3233-3435-3637-3839##3839-4142-4344-4546-3031-3233-3435-3637"},
+        {"HP", "OPEN-V", "", "UDID##HP##XP##0##52719"},
+        {"HP", "OPEN-0V", "50 ", "UDID##HP##XP##493995##52719"},
+        {"IBM", "2107900", "", "UDID##IBM##TOTALSTORAGE##IBM.2107-456789A##3637"},
+        {"IBM", "2105", "", "UDID##IBM##TOTALSTORAGE##IBM.2105-456789A##3637"},
+        {"IBM", "2145", "", "UDID##IBM##TOTALSTORAGE##IBM.2145-456789A##3637"},
+        {"IBM", "3552", "", "UDID##IBM##TOTALSTORAGE##IBM.3552-41424344454630313233343536373839##3637"},
+        {"IBM", "1814", "", "UDID##IBM##DISKSYSTEM##IBM.1814-38394142434445463031323334353637##38:39:41:42:43:44:45:46:30:31:32:33:34:35:36:37"},
+        {"DGC", "VRAID", "", "UDID##DGC##CLARIION##23456789ABCDEF##38:39:41:42:43:44:45:46:30:31:32:33:34:35:36:37"},
+        {"EMC", "SYMMETRIX", "", "UDID##EMC##SYMMETRIX##004344454630##4567"},
+        {"HITACHI", "DF600F", "D6", "UDID##HITACHI##HDS##35243##52719"},
+        {"HITACHI", "USP", "7", "UDID##HITACHI##HDS##756789##52719"},
+        {"HITACHI", "9970V", "50 ", "UDID##HITACHI##HDS##493995##52719"},
+        {"HITACHI", "9960", "", "UDID##HITACHI##HDS##35243##52719"},
+        {"LSI", "INF-01-00", "", "UDID##ENGENIO##UNIVERSAL##41424344454630313233343536373839##38394142434445463031323334353637"},
+        {"NETAPP", "LUN", "", "UDID##NETAPP##LUN##1234567890##353637383941424344454630"},
+        {"3PARdata", "VV", "", "UDID##HP##3PAR##456789AB##3839414243444546"},
+        {"FUJITSU", "ETERNUS", "", "UDID##FUJITSU##ETERNUS##456789AB##38394142434445463031323334353637"},
+        {"ACME", "Big Disk", "", "UDID##ACME##BIG_DISK##30313233343536373839414243444546303132333435363738394142434445463031323334353637"},
+    };
+    // clang-format on
+    for (const auto& c : cases) {
+        std::map<unsigned int, Bytes> pages;
+        for (unsigned int code : {0x00, 0x80, 0x83, 0xC0, 0xC8, 0xD0})
+            pages[code] = filled;
+        pages[0x00] = PageBuilder(filled).text(36, c[2]);
+        auto device = makeDevice(c[0], c[1], pages, {0x00, 0x80, 0x83, 0xC0, 0xC8, 0xD0});
+        CUdidGenerator* generator = claimerOf(device.get());
+        EXPECT_EQ(
+            generator->getUniqueDeviceIDPrefix(device.get()) + bodyOf(generator, device.get()),
+            c[3])
+            << c[0] << "/" << c[1];
+    }
+    // The 1724 serial: the INQUIRY text from byte 36, cut at 511 characters.
+    std::string serial;
+    for (size_t i = 36; i < 36 + 511; ++i)
+        serial += "0123456789ABCDEF"[i % 16];
+    auto device = makeDevice("IBM", "1724-100", {{0x00, filled}, {0x83, filled}}, {0x00, 0x83});
+    EXPECT_EQ(bodyOf(claimerOf(device.get()), device.get()),
+              "IBM.1724-" + serial + "##38:39:41:42:43:44:45:46:30:31:32:33:34:35:36:37");
+}
