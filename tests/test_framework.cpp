@@ -468,3 +468,44 @@ TEST(TuningSettings, ConfigurationLocation)
     CFiConfigurationPathTool::setConfigFile("");
     unsetenv(CFiConfigurationPathTool::kEnvironmentVariable);
 }
+
+// The configuration reader's contract, call by call: -1 until its state allows the call, 0 with
+// the value once it does; a whole unsigned decimal number is the only integer it takes.
+TEST(FiConfiguration, EachCallAnswersByItsState)
+{
+    TempDir dir;
+    writeFile(dir.file("good.ini"),
+              "[TUNING_PARAMS]\nA=7\nB=-1\nC=x\nD=4294967296\nE=4294967295\nF=\nG=12x\n");
+    CFiConfiguration configuration;
+    ACE_Configuration_Section_Key key;
+    unsigned int value = 99;
+    EXPECT_EQ(configuration.openSection("TUNING_PARAMS", key, 0), -1) << "nothing imported";
+    EXPECT_EQ(configuration.getIntegerValue("A", value), -1) << "nothing imported";
+    EXPECT_EQ(configuration.importConfig(dir.path().c_str(), nullptr), -1);
+    EXPECT_EQ(configuration.importConfig(dir.path().c_str(), ""), -1);
+    EXPECT_EQ(configuration.importConfig(dir.path().c_str(), "missing.ini"), -1);
+    EXPECT_EQ(configuration.importConfig((dir.path() + "/").c_str(), "good.ini"), 0);
+    EXPECT_EQ(configuration.importConfig(dir.path().c_str(), "good.ini"), 0);
+    EXPECT_EQ(configuration.getIntegerValue("A", value), -1) << "no section open";
+    EXPECT_EQ(configuration.openSection(nullptr, key, 0), -1);
+    EXPECT_EQ(configuration.openSection("OTHER", key, 0), -1);
+    ASSERT_EQ(configuration.openSection("TUNING_PARAMS", key, 0), 0);
+    struct Case {
+        const char* key;
+        int answer;
+        unsigned int value;  // what `value` holds afterwards, from 99
+    } cases[] = {
+        {"A", 0, 7},           {"B", -1, 99}, {"C", -1, 99}, {"D", -1, 99},
+        {"E", 0, 4294967295u}, {"F", -1, 99}, {"G", -1, 99}, {"H", -1, 99},
+    };
+    for (const Case& c : cases) {
+        value = 99;
+        EXPECT_EQ(configuration.getIntegerValue(c.key, value), c.answer) << c.key;
+        EXPECT_EQ(value, c.value) << c.key;
+    }
+    EXPECT_EQ(configuration.getIntegerValue(nullptr, value), -1);
+    // A failed import forgets the file before it.
+    EXPECT_EQ(configuration.importConfig(dir.path().c_str(), "missing.ini"), -1);
+    EXPECT_EQ(configuration.getIntegerValue("A", value), -1);
+    EXPECT_EQ(configuration.openSection("TUNING_PARAMS", key, 0), -1);
+}

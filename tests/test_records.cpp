@@ -84,6 +84,13 @@ TEST(StringTool, TextHelpers)
     EXPECT_EQ(CStringTool::str2wstr("abc"), L"abc");
     EXPECT_EQ(CStringTool::wstr2str(std::wstring(L"abc")), "abc");
     EXPECT_EQ(CStringTool::wstr2str(std::wstring()), "");
+    // In the C locale a byte above 0x7F is no character, and a wide character above 0x7F has no
+    // byte: either conversion gives nothing rather than a part.
+    EXPECT_EQ(CStringTool::str2wstr(""), L"");
+    EXPECT_EQ(CStringTool::str2wstr("ab\xff"), L"");
+    EXPECT_EQ(CStringTool::wstr2str(std::wstring(L"ab\x100")), "");
+    EXPECT_EQ(CStringTool::wstr2str(std::string("ab")), "ab");
+    EXPECT_EQ(CStringTool::str2wstr(std::wstring(L"ab")), L"ab");
 }
 
 TEST(ReadDir, ListsMatchingEntriesAsFullPaths)
