@@ -316,6 +316,96 @@ SMapVolume entry(const std::string& name, const std::string& udid, const std::st
     return volume;
 }
 
+// Each rule of the comparison on both sides of each of its conditions, on maps of one or two
+// entries: a name that stops answering, a name or an address under another volume, one volume
+// under another UDID, another address, other names, a volume that came or went.
+TEST(DeviceMapCompare, EachRuleOnBothSidesOfItsConditions)
+{
+    auto v = [](const char* name, const char* udid, const char* key, const char* address,
+                const char* state = "running") {
+        SMapVolume volume = entry(name, udid, key);
+        volume.address = address;
+        volume.state = state;
+        return volume;
+    };
+    struct Case {
+        const char* what;
+        std::vector<SMapVolume> before;
+        std::vector<SMapVolume> after;
+        std::vector<std::string> findings;
+    } cases[] = {
+        {"stops answering",
+         {v("/dev/sdc", "U##1", "naa.1", "0:0:2:0")},
+         {v("/dev/sdc", "", "", "0:0:2:0", "unresponsive")},
+         {"unavailable /dev/sdc (unresponsive): 1 [/dev/sdc 0:0:2:0] -> - [/dev/sdc 0:0:2:0]"}},
+        {"a map loses its paths",
+         {v("/dev/mapper/m", "U##1", "naa.1", "")},
+         {v("/dev/mapper/m", "", "", "", "no-path")},
+         {"unavailable /dev/mapper/m (no-path): 1 [/dev/mapper/m] -> - [/dev/mapper/m]"}},
+        {"silent on both sides",
+         {v("/dev/sdc", "", "", "0:0:2:0", "gone")},
+         {v("/dev/sdc", "", "", "", "gone")},
+         {}},
+        {"answered without a UDID, then silent",
+         {v("/dev/sdc", "", "", "0:0:2:0")},
+         {v("/dev/sdc", "", "", "0:0:2:0", "unresponsive")},
+         {}},
+        {"silent, then answers",
+         {v("/dev/sdc", "", "", "", "gone")},
+         {v("/dev/sdc", "U##1", "naa.1", "0:0:2:0")},
+         {"added U##1: - [] -> 1 [/dev/sdc 0:0:2:0]"}},
+        {"a name under another volume",
+         {v("/dev/sdc", "U##1", "naa.1", "0:0:2:0")},
+         {v("/dev/sdc", "U##2", "naa.2", "0:0:2:0")},
+         {"remapped /dev/sdc: 1 [/dev/sdc 0:0:2:0] -> 2 [/dev/sdc 0:0:2:0]"}},
+        {"a name under another UDID, its volume the same",
+         {v("/dev/sdc", "U##1", "naa.1", "0:0:2:0")},
+         {v("/dev/sdc", "U##2", "naa.1", "0:0:2:0")},
+         {"identity-changed naa.1: 1 [/dev/sdc 0:0:2:0] -> 2 [/dev/sdc 0:0:2:0]"}},
+        {"a name under another UDID, no volume key before",
+         {v("/dev/sdc", "U##1", "", "0:0:2:0")},
+         {v("/dev/sdc", "U##2", "naa.1", "0:0:2:0")},
+         {"remapped /dev/sdc: 1 [/dev/sdc 0:0:2:0] -> 2 [/dev/sdc 0:0:2:0]"}},
+        {"a name under another UDID, no volume key on either side",
+         {v("/dev/sdc", "U##1", "", "0:0:2:0")},
+         {v("/dev/sdc", "U##2", "", "0:0:2:0")},
+         {"remapped /dev/sdc: 1 [/dev/sdc 0:0:2:0] -> 2 [/dev/sdc 0:0:2:0]"}},
+        {"an address under another volume and name",
+         {v("/dev/sdc", "U##1", "naa.1", "0:0:2:0")},
+         {v("/dev/sdd", "U##2", "naa.2", "0:0:2:0")},
+         {"remapped 0:0:2:0: 1 [/dev/sdc 0:0:2:0] -> 2 [/dev/sdd 0:0:2:0]"}},
+        {"one remap by name and by address, reported once",
+         {v("/dev/sdc", "U##1", "naa.1", "0:0:2:0"), v("/dev/sdd", "U##3", "naa.3", "0:0:3:0")},
+         {v("/dev/sdc", "U##2", "naa.2", "0:0:2:0"), v("/dev/sdd", "U##3", "naa.3", "0:0:3:0")},
+         {"remapped /dev/sdc: 1 [/dev/sdc 0:0:2:0] -> 2 [/dev/sdc 0:0:2:0]"}},
+        {"the same name and volume at another address",
+         {v("/dev/sdc", "U##1", "naa.1", "0:0:2:0")},
+         {v("/dev/sdc", "U##1", "naa.1", "1:0:2:0")},
+         {"readdressed /dev/sdc: 1 [/dev/sdc 0:0:2:0] -> 1 [/dev/sdc 1:0:2:0]"}},
+        {"an address only on one side",
+         {v("/dev/sdc", "U##1", "naa.1", "0:0:2:0")},
+         {v("/dev/sdc", "U##1", "naa.1", "")},
+         {}},
+        {"the same volume under other names",
+         {v("/dev/sdc", "U##1", "naa.1", "0:0:2:0")},
+         {v("/dev/sdc", "U##1", "naa.1", "0:0:2:0"), v("/dev/sdd", "U##1", "naa.1", "0:0:3:0")},
+         {"moved U##1: 1 [/dev/sdc 0:0:2:0] -> 1 [/dev/sdc,/dev/sdd 0:0:2:0 0:0:3:0]"}},
+        {"a volume came, another went",
+         {v("/dev/sdc", "U##1", "naa.1", "0:0:2:0")},
+         {v("/dev/sdd", "U##2", "naa.2", "0:0:3:0")},
+         {"added U##2: - [] -> 2 [/dev/sdd 0:0:3:0]",
+          "removed U##1: 1 [/dev/sdc 0:0:2:0] -> - []"}},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> found;
+        for (const Finding& finding :
+             CDeviceMapCompare::compare({"h", c.before, ""}, {"h", c.after, ""})) {
+            found.push_back(summary(finding));
+        }
+        EXPECT_EQ(found, c.findings) << c.what;
+    }
+}
+
 // A host-local UDID tells nothing about the volume: two of them on one name are no finding, two
 // at one address under two names no remap, but a host-local UDID on one side only is a remap,
 // whichever side it is on.
