@@ -492,6 +492,38 @@ TEST(FleetView, SharedVolumesAndOneVolumeUnderTwoUdids)
                                             {"UDID##C", {"node1"}}, {"UDID##C-NEW", {"node2"}}}));
 }
 
+// Captures of one host name in a row are one host only while the machine id agrees; a volume
+// one host knows under two UDIDs names that host once per UDID.
+TEST(FleetView, HostNamesKeptPerMachineAndHostsNamedOncePerUdid)
+{
+    const SHostMap hosts[] = {
+        {"node1", {entry("/dev/sdb", "UDID##A", "naa.1")}, "m1"},
+        {"node1", {entry("/dev/sdc", "UDID##A", "naa.1")}, "m9"},
+        {"node1",
+         {entry("/dev/sdd", "UDID##A", "naa.1"), entry("/dev/sde", "UDID##B", "naa.1")},
+         "m9"},
+        {"node2", {entry("/dev/sdx", "UDID##A", "naa.1")}, "m2"},
+    };
+    CFleetView fleet;
+    for (const SHostMap& host : hosts) {
+        fleet.addHost(host);
+    }
+    std::vector<std::string> shared;
+    fleet.visitShared([&](const CFleetView::SharedVolume& volume) {
+        std::string line = volume.udid;
+        for (const CFleetView::Sighting& sighting : volume.sightings) {
+            line += " " + sighting.host + "(" + sighting.machineId + ")";
+        }
+        shared.push_back(line);
+    });
+    EXPECT_EQ(shared, std::vector<std::string>{"UDID##A node1(m1) node1(m9) node1(m9) node2(m2)"});
+    const std::vector<CFleetView::Conflict> conflicts = fleet.conflicts();
+    ASSERT_EQ(conflicts.size(), 1u);
+    EXPECT_EQ(conflicts[0].hostsByUdid,
+              (std::map<std::string, std::vector<std::string>>{{"UDID##A", {"node1", "node2"}},
+                                                               {"UDID##B", {"node1"}}}));
+}
+
 // The fleet queries each disk on its own instead of enumerating: the same entries as the map
 // for every disk of every example host, pseudo-devices left out.
 TEST(DeviceMapCompare, DisksQueriedOneByOneGiveTheMapsEntries)
