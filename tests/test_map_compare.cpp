@@ -2,6 +2,7 @@
 // Device map comparison: the volume key of a device's pages, the findings between two small
 // hosts cut from the datacenter example, the fleet view, and the fleet's one-disk-at-a-time
 // description against the whole enumeration.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -173,6 +174,29 @@ SHostMap describe(const json& snapshot)
     simhost::SimHostInstall install(*host);
     static CUDIDFactory* factory = new CUDIDFactory();
     return CDeviceMapCompare::describeHost(*factory);
+}
+
+// A node the map left out is opened once more to learn why: read-only, without waiting for the
+// device and never handed to a child the host process starts.
+TEST(DeviceMapCompare, ANodeLeftOutIsOpenedReadOnlyNonBlockingCloseOnExec)
+{
+    json snapshot = smallHost();
+    deviceNamed(snapshot, "sdd")["state"] = "gone";
+    std::string error;
+    std::unique_ptr<simhost::SimHost> host = simhost::SimHost::fromJson(snapshot.dump(), error);
+    ASSERT_TRUE(host) << error;
+    simhost::SimHostInstall install(*host);
+    CUDIDFactory factory;
+    const SHostMap map = CDeviceMapCompare::describeHost(factory);
+    const std::vector<std::string> calls = host->nodeCalls();
+    char expected[64];
+    std::snprintf(expected, sizeof expected, "open /dev/sdd 0x%x = -1",
+                  unsigned(O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), expected), 1) << expected;
+    const auto sdd = std::find_if(map.entries.begin(), map.entries.end(),
+                                  [](const SMapVolume& v) { return v.deviceName == "/dev/sdd"; });
+    ASSERT_NE(sdd, map.entries.end());
+    EXPECT_EQ(sdd->state, "gone");
 }
 
 // A finding as one line: kind, subject, the UDIDs' last fields and the names of both sides.
