@@ -26,9 +26,10 @@ std::string normalizePath(const std::string& path)
     return result;
 }
 
-bool parseHex(const std::string& text, Bytes& bytes)
+bool parseHex(std::string_view text, Bytes& bytes)
 {
     bytes.clear();
+    bytes.reserve(text.size() / 2);
     int high = -1;
     for (char c : text) {
         if (c == ' ' || c == '\t' || c == '\n' || c == '\r') {
