@@ -182,12 +182,20 @@ public:
         }
         return integerValue(*value, at(key), low, high);
     }
+    static bool inRange(element value, long long low, long long high)
+    {
+        return isInteger(value) && integerOf(value) >= low && integerOf(value) <= high;
+    }
+    [[noreturn]] static void outOfRange(const std::string& path, long long low, long long high)
+    {
+        fail(path,
+             "expected an integer from " + std::to_string(low) + " to " + std::to_string(high));
+    }
     static long long integerValue(element value, const std::string& path, long long low,
                                   long long high)
     {
-        if (!isInteger(value) || integerOf(value) < low || integerOf(value) > high) {
-            fail(path,
-                 "expected an integer from " + std::to_string(low) + " to " + std::to_string(high));
+        if (!inRange(value, low, high)) {
+            outOfRange(path, low, high);
         }
         return integerOf(value);
     }
@@ -293,9 +301,10 @@ void readDeviceFields(element value, const std::string& path, SimDevice& device)
     int* numbers[] = {&device.host, &device.channel, &device.id, &device.lun};
     size_t i = 0;
     for (element part : parts) {
-        *numbers[i] = static_cast<int>(Fields::integerValue(
-            part, fields.at("address") + "[" + std::to_string(i) + "]", 0, 65535));
-        ++i;
+        if (!Fields::inRange(part, 0, 65535)) {
+            Fields::outOfRange(fields.at("address") + "[" + std::to_string(i) + "]", 0, 65535);
+        }
+        *numbers[i++] = static_cast<int>(integerOf(part));
     }
     bool present;
     device.inquiry = hexField(fields, "inquiry", true, present);
