@@ -316,7 +316,8 @@ void readDeviceFields(element value, const std::string& path, SimDevice& device)
         for (const auto& page : pageFields.members()) {
             const std::string key(page.first);
             Bytes code;
-            if (key.size() != 2 || !parseHex(key, code)) {
+            // Two digits make one byte; blanks, which the hex of a page may hold, make none.
+            if (key.size() != 2 || !parseHex(key, code) || code.size() != 1) {
                 fail(fields.at("vpd") + "." + key, "page code must be two hexadecimal digits");
             }
             device.vpd[code[0]] = hexField(pageFields, key, true, present);
