@@ -560,7 +560,8 @@ const size_t kDeepestRewritten = 10000;
 simdjson::error_code deepParse(std::string& text, simdjson::dom::parser& parser, element& root)
 {
     text.reserve(text.size() + simdjson::SIMDJSON_PADDING);
-    simdjson::error_code code = parser.allocate(text.size(), text.size() + 1);
+    const size_t depth = std::max<size_t>(nestingOf(text), simdjson::DEFAULT_MAX_DEPTH) + 1;
+    simdjson::error_code code = parser.allocate(text.size(), depth);
     if (code == simdjson::SUCCESS) {
         code = parser.parse(simdjson::padded_string_view(text.data(), text.size(), text.capacity()))
                    .get(root);
@@ -647,7 +648,11 @@ bool load(std::shared_ptr<std::string> source, const std::string& origin, SimHos
         }
     }
     std::shared_ptr<const std::string> text = std::move(source);
-    state.captureText = [text]() { return nlohmann::json::parse(*text).at("capture").dump(); };
+    state.captureText = [text]() {
+        const nlohmann::json root = nlohmann::json::parse(*text, nullptr, false);
+        const auto found = root.is_object() ? root.find("capture") : root.end();
+        return found != root.end() ? found->dump() : std::string();
+    };
     state.captureString = [strings](const std::string& key) {
         const auto found = strings.find(key);
         return found == strings.end() ? std::string() : found->second;
