@@ -43,8 +43,9 @@ bool parseHex(std::string_view text, Bytes& bytes)
         table[' '] = table['\t'] = table['\n'] = table['\r'] = kBlank;
         return table;
     }();
-    bytes.clear();
-    bytes.reserve(text.size() / 2);
+    // At most one byte for every two characters, written in place and then cut to what came.
+    bytes.assign(text.size() / 2, 0);
+    uint8_t* out = bytes.data();
     int high = -1;
     for (char c : text) {
         const int value = values[static_cast<unsigned char>(c)];
@@ -52,15 +53,17 @@ bool parseHex(std::string_view text, Bytes& bytes)
             continue;
         }
         if (value == kBad) {
+            bytes.clear();
             return false;
         }
         if (high < 0) {
             high = value;
         } else {
-            bytes.push_back(static_cast<uint8_t>(high * 16 + value));
+            *out++ = static_cast<uint8_t>(high * 16 + value);
             high = -1;
         }
     }
+    bytes.resize(static_cast<size_t>(out - bytes.data()));
     return high < 0;
 }
 

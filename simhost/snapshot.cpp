@@ -49,10 +49,20 @@ Members membersOf(simdjson::dom::object object)
     for (simdjson::dom::key_value_pair member : object) {
         members.emplace_back(member.key, member.value);
     }
-    std::stable_sort(members.begin(), members.end(),
-                     [](const Members::value_type& a, const Members::value_type& b) {
-                         return a.first < b.first;
-                     });
+    const auto byKey = [](const Members::value_type& a, const Members::value_type& b) {
+        return a.first < b.first;
+    };
+    if (members.size() > 32) {
+        std::stable_sort(members.begin(), members.end(), byKey);
+    } else {
+        // The few members of a device or an adapter: an insertion sort, stable too, without the
+        // buffer the library's stable sort takes.
+        for (size_t i = 1; i < members.size(); ++i) {
+            for (size_t j = i; j > 0 && byKey(members[j], members[j - 1]); --j) {
+                std::swap(members[j], members[j - 1]);
+            }
+        }
+    }
     // Of equal keys the last one stays.
     size_t kept = 0;
     for (size_t i = 0; i < members.size(); ++i) {
