@@ -566,15 +566,23 @@ size_t nestingOf(const std::string& text)
 // How deep a text that only nlohmann's parser takes may nest.
 const size_t kDeepestRewritten = 10000;
 
+// `text` as the parser reads it: followed by blanks it may read past the end (a tool that checks
+// every byte read finds them written).
+simdjson::padded_string_view padded(std::string& text)
+{
+    const size_t size = text.size();
+    text.append(simdjson::SIMDJSON_PADDING, ' ');
+    text.resize(size);
+    return simdjson::padded_string_view(text.data(), text.size(), text.capacity());
+}
+
 // `text` parsed as deep as it nests.
 simdjson::error_code deepParse(std::string& text, simdjson::dom::parser& parser, element& root)
 {
-    text.reserve(text.size() + simdjson::SIMDJSON_PADDING);
     const size_t depth = std::max<size_t>(nestingOf(text), simdjson::DEFAULT_MAX_DEPTH) + 1;
     simdjson::error_code code = parser.allocate(text.size(), depth);
     if (code == simdjson::SUCCESS) {
-        code = parser.parse(simdjson::padded_string_view(text.data(), text.size(), text.capacity()))
-                   .get(root);
+        code = parser.parse(padded(text)).get(root);
     }
     return code;
 }
@@ -589,10 +597,7 @@ bool parseSnapshot(std::shared_ptr<std::string>& source, simdjson::dom::parser& 
                    element& root, std::string& error)
 {
     std::string& text = *source;
-    text.reserve(text.size() + simdjson::SIMDJSON_PADDING);
-    simdjson::error_code code =
-        parser.parse(simdjson::padded_string_view(text.data(), text.size(), text.capacity()))
-            .get(root);
+    simdjson::error_code code = parser.parse(padded(text)).get(root);
     if (code == simdjson::DEPTH_ERROR) {
         code = deepParse(text, parser, root);
     }
