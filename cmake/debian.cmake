@@ -29,7 +29,8 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/deb-staging.cmake)
 set(CPACK_SCSITOOL_STRIP ${CMAKE_STRIP})
 
-# The development package names the ACE headers' package this build used.
+# The development package names the ACE headers' package this build used (and simdjson's, which
+# the simulated host links).
 function(scsitool_deb_owner path variable)
   get_filename_component(real ${path} REALPATH)
   execute_process(COMMAND dpkg-query -S ${real} OUTPUT_VARIABLE owner
@@ -79,7 +80,7 @@ This package holds the shared library.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libscsitool-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-  "${SCSITOOL_LIB_DEB}, libscsitool-fikit1 (= ${PROJECT_VERSION})${SCSITOOL_ACE_DEV_DEB}")
+  "${SCSITOOL_LIB_DEB}, libscsitool-fikit1 (= ${PROJECT_VERSION})${SCSITOOL_ACE_DEV_DEB}, libsimdjson-dev")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
   "unique device ids of SCSI disks and multipath devices (development files)
 libscsitool names every disk the host sees by the storage-array volume it is.

@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <string.h>
 
+#include <array>
 #include <cstdio>
 
 #include "simhost_state.h"
@@ -26,31 +27,43 @@ std::string normalizePath(const std::string& path)
     return result;
 }
 
-bool parseHex(const std::string& text, Bytes& bytes)
+bool parseHex(std::string_view text, Bytes& bytes)
 {
-    bytes.clear();
+    // Each character's value: a digit's, kBlank for the blanks between bytes, kBad otherwise.
+    enum : int8_t { kBlank = -1, kBad = -2 };
+    static const auto values = [] {
+        std::array<int8_t, 256> table;
+        table.fill(kBad);
+        for (int c = 0; c < 10; ++c) {
+            table['0' + c] = static_cast<int8_t>(c);
+        }
+        for (int c = 0; c < 6; ++c) {
+            table['a' + c] = table['A' + c] = static_cast<int8_t>(10 + c);
+        }
+        table[' '] = table['\t'] = table['\n'] = table['\r'] = kBlank;
+        return table;
+    }();
+    // At most one byte for every two characters, written in place and then cut to what came.
+    bytes.assign(text.size() / 2, 0);
+    uint8_t* out = bytes.data();
     int high = -1;
     for (char c : text) {
-        if (c == ' ' || c == '\t' || c == '\n' || c == '\r') {
+        const int value = values[static_cast<unsigned char>(c)];
+        if (value == kBlank) {
             continue;
         }
-        int value;
-        if (c >= '0' && c <= '9') {
-            value = c - '0';
-        } else if (c >= 'a' && c <= 'f') {
-            value = c - 'a' + 10;
-        } else if (c >= 'A' && c <= 'F') {
-            value = c - 'A' + 10;
-        } else {
+        if (value == kBad) {
+            bytes.clear();
             return false;
         }
         if (high < 0) {
             high = value;
         } else {
-            bytes.push_back(static_cast<uint8_t>(high * 16 + value));
+            *out++ = static_cast<uint8_t>(high * 16 + value);
             high = -1;
         }
     }
+    bytes.resize(static_cast<size_t>(out - bytes.data()));
     return high < 0;
 }
 

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -35,7 +36,7 @@ typedef std::map<std::string, SimNode> SimTree;
 std::string normalizePath(const std::string& path);
 
 // Hex text (blanks allowed) to bytes; false on a non-hex character or an odd digit count.
-bool parseHex(const std::string& text, Bytes& bytes);
+bool parseHex(std::string_view text, Bytes& bytes);
 std::string formatHex(const Bytes& bytes);  // "00 1f a0"
 
 // The kernel's names for peripheral device types, padded to 17 characters.

@@ -625,6 +625,24 @@ TEST(FleetReplay, TheCaptureRecordGivesItsTextAndStrings)
     }
 }
 
+// A capture record written by hand: of a repeated key the last one counts, for its strings and
+// its text alike, whether the snapshot is read as it stands or, after a byte-order mark, through
+// the lenient reading.
+TEST(FleetReplay, ARepeatedKeyOfTheCaptureRecordIsItsLastOne)
+{
+    std::string text = smallHost().dump();
+    text.pop_back();  // the closing brace
+    text += R"(,"capture":{"capture_id":"a","machine_id":"m","capture_id":"b","machine_id":7}})";
+    for (const std::string& snapshot : {text, "\xEF\xBB\xBF" + text}) {
+        std::string error;
+        std::unique_ptr<simhost::SimHost> host = simhost::SimHost::fromJson(snapshot, error);
+        ASSERT_TRUE(host) << error;
+        EXPECT_EQ(host->captureString("capture_id"), "b");
+        EXPECT_EQ(host->captureString("machine_id"), "");
+        EXPECT_EQ(host->capture(), R"({"capture_id":"b","machine_id":7})");
+    }
+}
+
 }  // namespace
 
 // The one rule that map, show, diff and fleet share: a host-local UDID is the default

@@ -368,6 +368,23 @@ void appendElement(std::string& text, bool& first, const ordered_json& element)
     }
 }
 
+// `value` as jsonString writes a string: as it stands when it is printable ASCII without a quote
+// or a backslash, through the serializer otherwise (escapes, bytes that are not UTF-8).
+void appendJsonString(std::string& text, const std::string& value)
+{
+    for (const char c : value) {
+        const unsigned char byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte >= 0x80 || c == '"' || c == '\\') {
+            text +=
+                ordered_json(value).dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+            return;
+        }
+    }
+    text += '"';
+    text += value;
+    text += '"';
+}
+
 void closeArray(std::string& text, bool empty)
 {
     text += empty ? "]" : "\n  ]";
@@ -380,14 +397,32 @@ std::string formatFleetJson(const CFleetView& fleet, const TextWriter& write)
     PiecewiseText out(write);
     out.text() = "{\n  \"hosts\": " + std::to_string(fleet.hosts()) + ",\n  \"shared\": [";
     bool first = true;
+    // The shared volumes are most of a fleet's output: written here as appendElement would
+    // write them, without a document for each.
     fleet.visitShared([&](const CFleetView::SharedVolume& volume) {
-        ordered_json hosts = ordered_json::array();
-        for (const CFleetView::Sighting& sighting : volume.sightings) {
-            hosts.push_back({{"host", sighting.host},
-                             {"machine_id", orNull(sighting.machineId)},
-                             {"device_names", sighting.deviceNames}});
+        std::string& text = out.text();
+        text += first ? "\n    {\n      \"udid\": " : ",\n    {\n      \"udid\": ";
+        first = false;
+        appendJsonString(text, volume.udid);
+        text += ",\n      \"hosts\": [";
+        for (size_t i = 0; i < volume.sightings.size(); ++i) {
+            const CFleetView::Sighting& sighting = volume.sightings[i];
+            text += i ? ",\n        {\n          \"host\": " : "\n        {\n          \"host\": ";
+            appendJsonString(text, sighting.host);
+            text += ",\n          \"machine_id\": ";
+            if (sighting.machineId.empty()) {
+                text += "null";
+            } else {
+                appendJsonString(text, sighting.machineId);
+            }
+            text += ",\n          \"device_names\": [";
+            for (size_t n = 0; n < sighting.deviceNames.size(); ++n) {
+                text += n ? ",\n            " : "\n            ";
+                appendJsonString(text, sighting.deviceNames[n]);
+            }
+            text += sighting.deviceNames.empty() ? "]\n        }" : "\n          ]\n        }";
         }
-        appendElement(out.text(), first, {{"udid", volume.udid}, {"hosts", hosts}});
+        text += volume.sightings.empty() ? "]\n    }" : "\n      ]\n    }";
     });
     closeArray(out.text(), first);
     out.text() += ",\n  \"conflicts\": [";

@@ -44,11 +44,10 @@ struct CaptureRead {
     std::vector<SMapVolume> entries;  // the recorded map's disks, with their volume keys
 };
 
-// "00 83 00 14 …" as bytes; a simdjson error for anything else, so that the file is replayed and
-// its loader names the fault.
-std::vector<unsigned char> hexBytes(std::string_view text)
+// "00 83 00 14 …" as bytes, into `bytes` unless it is null; a simdjson error for anything else,
+// so that the file is replayed and its loader names the fault.
+void hexInto(std::string_view text, std::vector<unsigned char>* bytes)
 {
-    std::vector<unsigned char> bytes;
     int high = -1;
     for (char c : text) {
         int digit;
@@ -66,13 +65,22 @@ std::vector<unsigned char> hexBytes(std::string_view text)
         if (high < 0) {
             high = digit;
         } else {
-            bytes.push_back(static_cast<unsigned char>(high << 4 | digit));
+            if (bytes) {
+                bytes->push_back(static_cast<unsigned char>(high << 4 | digit));
+            }
             high = -1;
         }
     }
     if (high >= 0) {
         throw simdjson::simdjson_error(simdjson::INCORRECT_TYPE);
     }
+}
+
+std::vector<unsigned char> hexBytes(std::string_view text)
+{
+    std::vector<unsigned char> bytes;
+    bytes.reserve(text.size() / 3 + 1);
+    hexInto(text, &bytes);
     return bytes;
 }
 
@@ -81,8 +89,9 @@ std::string text(simdjson::ondemand::value value)
     return std::string(std::string_view(value.get_string()));
 }
 
-// The node of one snapshot device and its volume key, from its identification pages as recorded.
-std::pair<std::string, std::string> deviceKey(object device)
+// The node of one snapshot device and its volume key, from its identification pages as recorded;
+// without `keyed` the pages are only checked, and the key is "".
+std::pair<std::string, std::string> deviceKey(object device, bool keyed)
 {
     std::string name, vendor;
     std::map<unsigned int, std::vector<unsigned char>> pages;
@@ -91,6 +100,10 @@ std::pair<std::string, std::string> deviceKey(object device)
         if (key == "name") {
             name = "/dev/" + text(field.value());
         } else if (key == "inquiry") {
+            if (!keyed) {
+                hexInto(field.value().get_string(), nullptr);
+                continue;
+            }
             const std::vector<unsigned char> inquiry = hexBytes(field.value().get_string());
             if (inquiry.size() >= 16) {
                 vendor.assign(inquiry.begin() + 8, inquiry.begin() + 16);
@@ -99,10 +112,17 @@ std::pair<std::string, std::string> deviceKey(object device)
             for (auto page : field.value().get_object()) {
                 const std::string_view code = page.unescaped_key();
                 if (code == "80" || code == "83") {
+                    if (!keyed) {
+                        hexInto(page.value().get_string(), nullptr);
+                        continue;
+                    }
                     pages[code == "80" ? 0x80 : 0x83] = hexBytes(page.value().get_string());
                 }
             }
         }
+    }
+    if (!keyed) {
+        return std::make_pair(name, std::string());
     }
     CScsiDeviceData record("", "", "", 0, 0, 0, 0, vendor, "", "", 0);
     for (const auto& page : pages) {
@@ -133,8 +153,10 @@ bool readDiskRow(object row, SMapVolume& volume)
 }
 
 // Reads what the fleet needs in one pass over the file's text. False (and nothing trusted) when
-// the file holds no recorded map or is not what capture writes: it is then replayed.
-bool readRecorded(const std::string& path, simdjson::ondemand::parser& parser, CaptureRead& read)
+// the file holds no recorded map or is not what capture writes: it is then replayed. Without
+// `volumeKeys` (a replay compares only the UDIDs) the disks' volume keys are left "".
+bool readRecorded(const std::string& path, simdjson::ondemand::parser& parser, CaptureRead& read,
+                  bool volumeKeys = true)
 {
     simdjson::padded_string content;
     if (simdjson::padded_string::load(path).get(content) != simdjson::SUCCESS) {
@@ -151,7 +173,7 @@ bool readRecorded(const std::string& path, simdjson::ondemand::parser& parser, C
                 hasHostName = true;
             } else if (key == "devices") {
                 for (auto device : field.value().get_array()) {
-                    keys.insert(deviceKey(device.get_object()));
+                    keys.insert(deviceKey(device.get_object(), volumeKeys));
                 }
             } else if (key == "capture") {
                 for (auto entry : field.value().get_object()) {
@@ -245,7 +267,7 @@ void replayCapture(Session& session, const std::string& capture, bool compareRec
     read.entries = replayDisks(session, *host).entries;
     if (compareRecord) {
         CaptureRead record;
-        if (readRecorded(capture, parser, record)) {
+        if (readRecorded(capture, parser, record, false)) {
             warnings = replayDiffers(capture, record.entries, read.entries);
         }
     }
