@@ -402,6 +402,28 @@ TEST(ExecPipe, ReportsAStatusItCannotLearnAsAFailure)
     }
 }
 
+// A daemon often runs with its standard input closed: the pipe then gets descriptor 0, which is
+// read like any other and closed once the command is done, never leaked, also when a child the
+// command left behind still holds the pipe.
+TEST(ExecPipe, APipeOnDescriptorZeroIsReadAndClosed)
+{
+    const int saved = dup(0);
+    ASSERT_GE(saved, 0);
+    close(0);
+    CFiExecPipePosix pipe(1);
+    std::vector<std::string> lines;
+    const int result = pipe.Exec("echo out; printf err >&2; sleep 2 &", lines, "", 600, "", "", "");
+    errno = 0;
+    const bool zeroOpen = fcntl(0, F_GETFD) != -1;
+    const int zeroErrno = errno;
+    dup2(saved, 0);
+    close(saved);
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(lines, (std::vector<std::string>{"out", "err"}));
+    EXPECT_FALSE(zeroOpen) << "descriptor 0 left open";
+    EXPECT_EQ(zeroErrno, EBADF);
+}
+
 TEST(ExecPipe, ReportsACommandThatCannotStart)
 {
     // One run with descriptors to spare first: in a process of its own, the sanitizers' first
