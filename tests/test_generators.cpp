@@ -425,6 +425,14 @@ TEST(NetAppGenerator, SendsTheIdentityCommandAndWalksItsRecords)
         EXPECT_EQ(generator.getEnclosureID(device.get()), "");
         EXPECT_EQ(missing.host.nodeCalls(), std::vector<std::string>{"open /dev/sdq 0x800 = -1"});
     }
+    {
+        // Descriptor 0, where a daemon without standard input gets it, is a descriptor.
+        FakeHost zero(filerAnswer("1234567890"));
+        zero.host.setNextDescriptor(0);
+        EXPECT_EQ(generator.getEnclosureID(device.get()), "1234567890");
+        EXPECT_EQ(zero.host.nodeCalls(), (std::vector<std::string>{"open /dev/sdq 0x800 = 0",
+                                                                   "ioctl 0 SG_IO", "close 0"}));
+    }
 
     FakeHost system(filerAnswer("1234567890"));
     // The one failure that names the page in place of the product.
