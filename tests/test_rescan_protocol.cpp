@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
+#include <new>
 #include <string>
 
 #include "device_discovery.h"
@@ -115,4 +117,38 @@ TEST_F(RescanProtocol, ValidationKeepsAFailedDeviceAndTakesNoLock)
                              "libscsitool: Info: CDeviceDiscoveryBase:: validateDevice FAILED "
                              "- Remove disk /dev/sda."));
     deleteAll(records);
+}
+
+namespace {
+// A host whose commands throw, as a failed allocation in the command pipe would.
+class ThrowingHost : public simhost::SimHost {
+public:
+    int exec(const std::string&, std::vector<std::string>&, unsigned long, int&) override
+    {
+        throw std::bad_alloc();
+    }
+};
+}  // namespace
+
+// Each step that runs a command reports an exception at level 2 and answers as if nothing was
+// found.
+TEST(RescanSteps, ACommandThatThrowsIsReportedAtLevelTwo)
+{
+    ThrowingHost host;
+    simhost::SimHostInstall install(host);
+    TraceCapture capture;
+    CLinuxDeviceDiscovery discovery;
+    discovery.registerTraceLog(capture.log());
+    std::map<std::string, std::vector<int>> adapters;
+    std::vector<std::string> hosts;
+    EXPECT_EQ(discovery.GetHostAdapterList(adapters), 0);
+    EXPECT_EQ(discovery.GetHostAdapterList2_6(hosts), 0);
+    EXPECT_EQ(discovery.FlushMultipathStaleDevices(), 0);
+    EXPECT_TRUE(adapters.empty());
+    EXPECT_TRUE(hosts.empty());
+    EXPECT_EQ(capture.at(2),
+              (std::vector<std::string>{
+                  "CLinuxDeviceDiscovery::GetHostAdapterList: Exception Occurred",
+                  "CLinuxDeviceDiscovery::GetHostAdapterList2_6: Exception Occurred",
+                  "CLinuxDeviceDiscovery::FlushMultipathStaleDevices: Exception Occurred"}));
 }
