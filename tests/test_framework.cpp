@@ -100,6 +100,24 @@ TEST(TraceLog, FiltersByLevelAndWritesNothingWithoutALog)
     EXPECT_FALSE(silent.getTraceLog());
 }
 
+// A fresh log keeps level 0 only, and a log without a sink keeps nothing at any level.
+TEST(TraceLog, DefaultLevelZeroAndNoSinkNoLine)
+{
+    CFiTraceLogPtr fresh(new CFiTraceLog());
+    auto* sink = new CFiMemoryTraceSink();
+    fresh->setSink(std::unique_ptr<CFiTraceSink>(sink));
+    EXPECT_TRUE(fresh->isEnabled(0));
+    EXPECT_FALSE(fresh->isEnabled(1));
+    fresh->trace(1, "hidden");
+    fresh->trace(0, "kept");
+    EXPECT_EQ(sink->lines(), (std::vector<std::pair<int, std::string>>{{0, "kept"}}));
+
+    CFiTraceLogPtr sinkless(new CFiTraceLog());
+    sinkless->setLevel(6);
+    EXPECT_FALSE(sinkless->isEnabled(0));
+    sinkless->trace(1, "nowhere");  // nothing to write to, and nothing breaks
+}
+
 namespace {
 size_t openDescriptors()
 {
