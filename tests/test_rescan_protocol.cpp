@@ -6,8 +6,10 @@
 #include <functional>
 #include <map>
 #include <new>
+#include <set>
 #include <string>
 
+#include "WWPN_discovery.h"
 #include "device_discovery.h"
 #include "sim_disks.h"
 #include "simhost.h"
@@ -151,4 +153,47 @@ TEST(RescanSteps, ACommandThatThrowsIsReportedAtLevelTwo)
                   "CLinuxDeviceDiscovery::GetHostAdapterList: Exception Occurred",
                   "CLinuxDeviceDiscovery::GetHostAdapterList2_6: Exception Occurred",
                   "CLinuxDeviceDiscovery::FlushMultipathStaleDevices: Exception Occurred"}));
+}
+
+namespace {
+// A host that notes the time limit each command was given.
+class LimitNotingHost : public simhost::SimHost {
+public:
+    std::vector<std::string> limits;
+    int exec(const std::string& command, std::vector<std::string>& output,
+             unsigned long limitSeconds, int& sysErrno) override
+    {
+        limits.push_back(command + " " + std::to_string(limitSeconds));
+        return SimHost::exec(command, output, limitSeconds, sysErrno);
+    }
+};
+}  // namespace
+
+// Every command the library runs, the rescan script as much as a directory listing, has ten
+// minutes before it is stopped.
+TEST(RescanSteps, EveryCommandHasTenMinutes)
+{
+    LimitNotingHost host;
+    simhost::SimHostInstall install(host);
+    host.addAdapter(simAdapter(3, "qla2xxx", true));
+    host.addDevice(simDisk("sda", 3, 0, 0, 0));
+    host.addMultipathMap("mpatha", "sda");
+    for (const char* tool : {"/bin/rescan-scsi-bus.sh", "/sbin/multipath", "/sbin/powermt"})
+        host.addExecutable(tool);
+    host.scriptCommand("/sbin/pidof -x multipathd", simhost::SimCommandScript{0, {"42"}});
+    CLinuxDeviceDiscovery discovery;
+    std::vector<CScsiDeviceData*> records = discovery.rescan(true, false, false);
+    deleteAll(records);
+    discovery.FlushMultipathStaleDevices();
+    WWPN().getWWPN();
+    std::set<std::string> commands;
+    for (const std::string& limit : host.limits) {
+        EXPECT_EQ(limit.substr(limit.rfind(' ') + 1), "600") << limit;
+        commands.insert(limit.substr(0, limit.rfind(' ')));
+    }
+    for (const char* command :
+         {"/bin/rescan-scsi-bus.sh", "/bin/ls /sys/class/scsi_host", "/sbin/pidof -x multipathd",
+          "/sbin/multipath -F", "/bin/ls /sys/class/fc_host/", "/sbin/powermt config",
+          "/sbin/multipath -v0 "})
+        EXPECT_EQ(commands.count(command), 1u) << command;
 }
