@@ -536,3 +536,45 @@ TEST(GeneratorTable, FieldsKeepTheirWidthsInPagesWithoutAZeroByte)
     EXPECT_EQ(bodyOf(claimerOf(device.get()), device.get()),
               "IBM.1724-" + serial + "##38:39:41:42:43:44:45:46:30:31:32:33:34:35:36:37");
 }
+
+namespace {
+// A midrange generator whose ESS test refuses every model, as a generator derived from it may:
+// the FAStT branch is then the one a listed model reaches.
+class FasttOnlyGenerator : public CIbmDsUdidGenerator {
+public:
+    FasttOnlyGenerator() : CIbmDsUdidGenerator("IBM", "DISKSYSTEM") {}
+    bool isESS(std::string) override { return false; }
+};
+}  // namespace
+
+TEST(IbmMidrangeGenerator, TheFasttBranchNeedsAWholePageC8)
+{
+    FakeHost system;
+    const Bytes d0 = PageBuilder(24).hex(8, "00a0b8000026d7ee 000000004a1b2c3d");
+    struct Case {
+        const char* product;
+        std::map<unsigned int, Bytes> pages;
+        std::string body;
+    } cases[] = {
+        {"1815",
+         {{0xC8, PageBuilder(106)}, {0xD0, d0}, {0x83, naaPage83(kWwn)}},
+         "IBM.1815-00a0b8000026d7ee000000004a1b2c3d##" + kWwnColons},
+        {"1742-900",
+         {{0xC8, PageBuilder(106)}, {0x83, naaPage83(kWwn)}},
+         "IBM.1742-##" + kWwnColons},
+        {"1815",
+         {{0xC8, PageBuilder(105)}, {0xD0, d0}, {0x83, naaPage83(kWwn)}},
+         "MSG_UDID_ERROR_INVALID_SCSI_PAGE_DATA [IBM] [DISKSYSTEM]"},
+        {"1815",
+         {{0xD0, d0}, {0x83, naaPage83(kWwn)}},
+         "MSG_UDID_ERROR_INVALID_SCSI_PAGE_DATA [IBM] [DISKSYSTEM]"},
+        {"3552",
+         {{0xC8, PageBuilder(106)}, {0x83, naaPage83(kWwn)}},
+         "MSG_UDID_ERROR_INVALID_SCSI_ENCLOSURE_DATA [] []"},
+    };
+    FasttOnlyGenerator generator;
+    for (const Case& c : cases) {
+        auto device = makeDevice("IBM", c.product, c.pages, {0x00, 0x83, 0xC8, 0xD0});
+        EXPECT_EQ(bodyOf(&generator, device.get()), c.body) << c.product;
+    }
+}
