@@ -420,6 +420,23 @@ TEST(ExecPipe, ReportsAStatusItCannotLearnAsAFailure)
     }
 }
 
+// A command that closed both its streams and goes on running is waited for, not polled in a
+// loop: the caller's thread sleeps through most of the command's second.
+TEST(ExecPipe, WaitsWithoutSpinningForACommandWithoutStreams)
+{
+    auto threadCpu = []() {
+        struct timespec now;
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+        return now.tv_sec * 1000.0 + now.tv_nsec / 1e6;
+    };
+    CFiExecPipePosix pipe(1);
+    std::vector<std::string> lines;
+    const double before = threadCpu();
+    EXPECT_EQ(pipe.Exec("exec >&- 2>&-; sleep 1", lines, "", 600, "", "", ""), 0);
+    const double usedMs = threadCpu() - before;
+    EXPECT_LT(usedMs, 300.0) << "the wait spun";
+}
+
 // A daemon often runs with its standard input closed: the pipe then gets descriptor 0, which is
 // read like any other and closed once the command is done, never leaked, also when a child the
 // command left behind still holds the pipe.
