@@ -415,15 +415,25 @@ TEST(NetAppGenerator, SendsTheIdentityCommandAndWalksItsRecords)
     }
 
     {
-        FakeHost failing(filerAnswer("1234567890"));
-        failing.host.findDevice("sdq")->failingIoctls = {"SG_IO"};
-        EXPECT_EQ(generator.getEnclosureID(device.get()), "");
-        EXPECT_EQ(failing.host.nodeCalls(), calls);
-    }
-    {
-        FakeHost missing(Bytes(), false);
-        EXPECT_EQ(generator.getEnclosureID(device.get()), "");
-        EXPECT_EQ(missing.host.nodeCalls(), std::vector<std::string>{"open /dev/sdq 0x800 = -1"});
+        // Each failure is a warning at level 2 that names the node.
+        TraceCapture trace;
+        generator.registerTraceLog(trace.log());
+        {
+            FakeHost failing(filerAnswer("1234567890"));
+            failing.host.findDevice("sdq")->failingIoctls = {"SG_IO"};
+            EXPECT_EQ(generator.getEnclosureID(device.get()), "");
+            EXPECT_EQ(failing.host.nodeCalls(), calls);
+        }
+        {
+            FakeHost missing(Bytes(), false);
+            EXPECT_EQ(generator.getEnclosureID(device.get()), "");
+            EXPECT_EQ(missing.host.nodeCalls(),
+                      std::vector<std::string>{"open /dev/sdq 0x800 = -1"});
+        }
+        EXPECT_EQ(trace.at(2),
+                  (std::vector<std::string>{"getEnclosureID: identity command failed on /dev/sdq",
+                                            "getEnclosureID: cannot open /dev/sdq"}));
+        generator.registerTraceLog(CFiTraceLogPtr());
     }
     {
         // Descriptor 0, where a daemon without standard input gets it, is a descriptor.
