@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "device_discovery.h"
+#include "kernel_files.h"
 #include "sim_disks.h"
 #include "simhost.h"
 #include "trace_capture.h"
@@ -189,4 +190,46 @@ TEST_F(Enumeration, ValidationMakesOneRecordWithoutClaimLevel)
             delete record;
         }
     }
+}
+
+// The disks /proc/scsi/scsi lists, each from its address line: a Vendor or Type line that no
+// address line opens belongs to no disk.
+TEST_F(Enumeration, ListedDisksStartAtTheirAddressLines)
+{
+    procScsi(
+        "Attached devices:\n"
+        "Host: scsi0 Channel: 00 Id: 00 Lun: 00\n" +
+        std::string(kVendor) +
+        "  Type:   Direct-Access                    ANSI  SCSI revision: 05\n" + kVendor +
+        "  Type:   Direct-Access                    ANSI  SCSI revision: 05\n"
+        "Host: scsi0 Channel: 00 Id: 01 Lun: 00\n"
+        "  Type:   Direct-Access                    ANSI  SCSI revision: 05\n");
+    const std::vector<SListedScsiDisk> disks = readProcScsiDisks();
+    ASSERT_EQ(disks.size(), 1u);
+    EXPECT_EQ(disks[0].address.id, 0);
+    EXPECT_EQ(std::string(disks[0].inquiry.begin() + 8, disks[0].inquiry.begin() + 16), "ACME    ");
+}
+
+namespace {
+// A host whose /proc/partitions cannot be opened.
+class NoPartitionsHost : public simhost::SimHost {
+public:
+    FILE* fopen(const char* path, const char* mode) override
+    {
+        return std::string(path) == "/proc/partitions" ? nullptr : SimHost::fopen(path, mode);
+    }
+};
+}  // namespace
+
+TEST(EnumerationWithoutPartitions, NoNativePathsAndAnErrorAtLevelOne)
+{
+    NoPartitionsHost host;
+    simhost::SimHostInstall install(host);
+    host.addDevice(simDisk("sda", 0, 0, 0, 0));
+    TraceCapture trace;
+    CLinuxDeviceDiscovery discovery;
+    discovery.registerTraceLog(trace.log());
+    EXPECT_TRUE(discovery.enumerateNativeDevicePaths().empty());
+    EXPECT_EQ(trace.at(1),
+              std::vector<std::string>{"ERROR: failed to open /proc/partitions for reading."});
 }
