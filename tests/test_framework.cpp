@@ -561,6 +561,11 @@ TEST(FiConfiguration, EachCallAnswersByItsState)
         EXPECT_EQ(value, c.value) << c.key;
     }
     EXPECT_EQ(configuration.getIntegerValue(nullptr, value), -1);
+    // The file is looked at before the INI reader gets it, and given back: no descriptor stays.
+    const size_t descriptors = openDescriptors();
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(configuration.importConfig(dir.path().c_str(), "good.ini"), 0);
+    EXPECT_EQ(openDescriptors(), descriptors);
     // A failed import forgets the file before it.
     EXPECT_EQ(configuration.importConfig(dir.path().c_str(), "missing.ini"), -1);
     EXPECT_EQ(configuration.getIntegerValue("A", value), -1);

@@ -588,3 +588,49 @@ TEST(IbmMidrangeGenerator, TheFasttBranchNeedsAWholePageC8)
         EXPECT_EQ(bodyOf(&generator, device.get()), c.body) << c.product;
     }
 }
+
+namespace {
+// A host that keeps the header of each SG_IO request it is given.
+class SgIoNotingHost : public simhost::SimHost {
+public:
+    std::vector<sg_io_hdr_t> headers;
+    int ioctl(int fd, unsigned long request, void* arg) override
+    {
+        if (request == SG_IO && arg != nullptr)
+            headers.push_back(*static_cast<sg_io_hdr_t*>(arg));
+        return SimHost::ioctl(fd, request, arg);
+    }
+};
+}  // namespace
+
+// The identity command's request as the kernel reads it: a 10-byte CDB, 4096 bytes from the
+// device, 64 bytes of sense, ten seconds, and every other field of the header zero.
+TEST(NetAppGenerator, TheIdentityRequestHeader)
+{
+    SgIoNotingHost host;
+    simhost::SimHostInstall install(host);
+    simhost::SimDevice disk;
+    disk.name = "sdq";
+    disk.inquiry = inquiryPage("NETAPP", "LUN", 36);
+    disk.hasVendorCommand = true;
+    disk.vendorCommand = filerAnswer("1234567890");
+    host.addDevice(disk);
+    CNetAppUdidGenerator generator("NETAPP", "LUN");
+    auto device = makeDevice("NETAPP", "LUN", {}, {}, "/dev/sdq");
+    EXPECT_EQ(generator.getEnclosureID(device.get()), "1234567890");
+    ASSERT_EQ(host.headers.size(), 1u);
+    const sg_io_hdr_t& h = host.headers[0];
+    EXPECT_EQ(h.interface_id, 'S');
+    EXPECT_EQ(h.dxfer_direction, SG_DXFER_FROM_DEV);
+    EXPECT_EQ(h.cmd_len, 10u);
+    EXPECT_EQ(h.mx_sb_len, 64u);
+    EXPECT_EQ(h.dxfer_len, 4096u);
+    EXPECT_EQ(h.timeout, 10u);
+    EXPECT_NE(h.dxferp, nullptr);
+    EXPECT_NE(h.cmdp, nullptr);
+    EXPECT_NE(h.sbp, nullptr);
+    EXPECT_EQ(h.iovec_count, 0);
+    EXPECT_EQ(h.flags, 0u);
+    EXPECT_EQ(h.pack_id, 0);
+    EXPECT_EQ(h.usr_ptr, nullptr);
+}
