@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -406,6 +407,9 @@ TEST(CommandOutput, ASignalPutsTheTraceInPlaceAndRemovesTheRest)
         const pid_t pid = fork();
         ASSERT_GE(pid, 0);
         if (pid == 0) {
+            // The capture dies with this test, whatever stops the test: a capture left waiting
+            // for a reader of its FIFO would hold up whoever runs the tests.
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
             const int null = open("/dev/null", O_RDWR);
             dup2(null, 0);
             dup2(null, 1);
@@ -415,8 +419,19 @@ TEST(CommandOutput, ASignalPutsTheTraceInPlaceAndRemovesTheRest)
                   "4", "capture", dir.file("fifo").c_str(), (char*)nullptr);
             _exit(127);
         }
+        struct Reaper {
+            pid_t pid;
+            ~Reaper()
+            {
+                if (pid > 0) {
+                    kill(pid, SIGKILL);
+                    waitpid(pid, nullptr, 0);
+                }
+            }
+        } reaper{pid};
+        // Up to a minute: under valgrind on a loaded machine the enumeration is slow.
         std::string staged;
-        for (int i = 0; i < 500 && staged.empty(); ++i) {
+        for (int i = 0; i < 3000 && staged.empty(); ++i) {
             for (const std::string& name : listing(dir.path()))
                 if (name.compare(0, 6, "trace.") == 0 &&
                     readFile(dir.file(name)).find("Printing m_deviceMap") != std::string::npos)
@@ -428,6 +443,7 @@ TEST(CommandOutput, ASignalPutsTheTraceInPlaceAndRemovesTheRest)
         kill(pid, c.signal);
         int status = 0;
         waitpid(pid, &status, 0);
+        reaper.pid = -1;
         ASSERT_TRUE(WIFEXITED(status)) << c.signal;
         EXPECT_EQ(WEXITSTATUS(status), c.status);
         const std::string trace = readFile(dir.file("trace"));
