@@ -410,6 +410,10 @@ TEST(CommandOutput, ASignalPutsTheTraceInPlaceAndRemovesTheRest)
             // The capture dies with this test, whatever stops the test: a capture left waiting
             // for a reader of its FIFO would hold up whoever runs the tests.
             prctl(PR_SET_PDEATHSIG, SIGKILL);
+            // The command keeps a signal that was ignored when it started (nohup): the runner
+            // of these tests may have started them so, and this test sends each signal for real.
+            for (int s : {SIGINT, SIGTERM, SIGHUP})
+                signal(s, SIG_DFL);
             const int null = open("/dev/null", O_RDWR);
             dup2(null, 0);
             dup2(null, 1);
