@@ -4,14 +4,20 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
+#include <cstring>
 #include <fstream>
 #include <thread>
 
@@ -459,22 +465,105 @@ TEST(ExecPipe, APipeOnDescriptorZeroIsReadAndClosed)
     EXPECT_EQ(zeroErrno, EBADF);
 }
 
+namespace {
+// Makes every later call of `calls` in this process fail with `error` (a seccomp filter; x86-64
+// call numbers, which is what the suite runs on).
+bool failSystemCalls(std::initializer_list<long> calls, int error)
+{
+    std::vector<sock_filter> program = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr))};
+    for (long call : calls) {
+        program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<__u32>(call), 0, 1));
+        program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<__u32>(error)));
+    }
+    program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+    struct sock_fprog filter = {static_cast<unsigned short>(program.size()), program.data()};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+// The `count` lowest descriptor numbers that are free now.
+std::vector<int> freeDescriptors(size_t count)
+{
+    std::vector<int> free;
+    while (free.size() < count)
+        free.push_back(open("/dev/null", O_RDONLY));
+    for (int fd : free)
+        close(fd);
+    return free;
+}
+}  // namespace
+
+// Whatever step fails, the command is reported as not started (or, when the shell cannot be run,
+// with the shell's 127) and no descriptor or child is left behind. Each case runs in a process of
+// its own: a descriptor limit or a filter on system calls cannot be taken back.
 TEST(ExecPipe, ReportsACommandThatCannotStart)
 {
-    // One run with descriptors to spare first: in a process of its own, the sanitizers' first
-    // check of each object's type opens a pipe of their own, and would fail under the limit.
-    CFiExecPipePosix pipe(1);
-    std::vector<std::string> lines;
-    ASSERT_EQ(pipe.Exec("true", lines, "", 600, "", "", ""), 0);
-    struct rlimit saved;
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
-    struct rlimit tight = saved;
-    tight.rlim_cur = 3;  // no descriptor left for the pipe
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
-    int result = pipe.Exec("true", lines, "", 600, "", "", "");
-    setrlimit(RLIMIT_NOFILE, &saved);
-    EXPECT_EQ(result, FI_EXEC_NOT_STARTED);
-    EXPECT_EQ(pipe.getLastError().getErrno(), EMFILE);
+    enum Obstacle { kNoPipe, kNoSecondPipe, kNoFork, kNoShell };
+    struct Case {
+        Obstacle obstacle;
+        int result;
+        int sysErrno;
+    } cases[] = {
+        {kNoPipe, FI_EXEC_NOT_STARTED, EMFILE},
+        {kNoSecondPipe, FI_EXEC_NOT_STARTED, EMFILE},
+        {kNoFork, FI_EXEC_NOT_STARTED, EAGAIN},
+        {kNoShell, 127, 0},
+    };
+    // Valgrind cannot carry on in a process whose execve failed: the shell case is left out there.
+    const char* preload = getenv("LD_PRELOAD");
+    const bool underValgrind = preload != nullptr && strstr(preload, "vgpreload") != nullptr;
+    for (const Case& c : cases) {
+        if (c.obstacle == kNoShell && underValgrind)
+            continue;
+        int report[2];
+        ASSERT_EQ(pipe(report), 0);
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            close(report[0]);
+            // One run with descriptors to spare first: the sanitizers' first check of each
+            // object's type opens a pipe of their own, and would fail under the limit.
+            CFiExecPipePosix pipe(1);
+            std::vector<std::string> lines;
+            pipe.Exec("true", lines, "", 600, "", "", "");
+            const long before = long(openDescriptors());
+            struct rlimit saved;
+            getrlimit(RLIMIT_NOFILE, &saved);
+            struct rlimit tight = saved;
+            const std::vector<int> free = freeDescriptors(3);
+            bool ready = true;
+            if (c.obstacle == kNoPipe || c.obstacle == kNoSecondPipe) {
+                tight.rlim_cur = rlim_t(free[c.obstacle == kNoPipe ? 1 : 2]);
+                ready = setrlimit(RLIMIT_NOFILE, &tight) == 0;
+            } else if (c.obstacle == kNoFork) {
+                ready = failSystemCalls({SYS_clone, SYS_clone3, SYS_fork, SYS_vfork}, EAGAIN);
+            } else {
+                ready = failSystemCalls({SYS_execve, SYS_execveat}, EACCES);
+            }
+            long answer[4] = {ready ? 1 : 0};
+            answer[1] = pipe.Exec("echo unseen", lines, "", 600, "", "", "");
+            answer[2] = pipe.getLastError().getErrno();
+            setrlimit(RLIMIT_NOFILE, &saved);
+            answer[3] = long(openDescriptors()) - before + long(lines.size()) * 1000 +
+                        (waitpid(-1, nullptr, WNOHANG) == -1 ? 0 : 1000000);
+            if (write(report[1], answer, sizeof answer) != sizeof answer)
+                _exit(2);
+            _exit(0);
+        }
+        close(report[1]);
+        long answer[4] = {};
+        const ssize_t got = read(report[0], answer, sizeof answer);
+        close(report[0]);
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_EQ(got, ssize_t(sizeof answer)) << c.obstacle;
+        ASSERT_EQ(answer[0], 1) << "the obstacle could not be set up: " << c.obstacle;
+        EXPECT_EQ(answer[1], c.result) << c.obstacle;
+        EXPECT_EQ(answer[2], c.sysErrno) << c.obstacle;
+        // Descriptors left open, lines (in thousands), a child not reaped (in millions).
+        EXPECT_EQ(answer[3], 0) << c.obstacle;
+    }
 }
 
 TEST(FiStringTool, TokenizeTrimCompare)

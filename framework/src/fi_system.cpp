@@ -6,11 +6,12 @@
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 
 namespace kzfi_pdk_4_4 {
@@ -19,13 +20,7 @@ namespace {
 
 std::atomic<CFiSystem*> g_installed{nullptr};
 
-// Microseconds: a deadline kept in whole milliseconds could end a limit up to one early.
-long long nowMicros()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
-}
+using Clock = std::chrono::steady_clock;
 
 // One output stream of a running command: the read end of its pipe and the part of a line that
 // has not ended yet. Standard output and error have a pipe each so that a partial line of one is
@@ -84,10 +79,13 @@ void readRemainder(CommandStream (&streams)[2], std::vector<std::string>& output
     }
 }
 
-void pauseMillis(long long millis)
+void sleepFor(std::chrono::milliseconds pause)
 {
-    ::poll(nullptr, 0, static_cast<int>(millis));
+    ::poll(nullptr, 0, static_cast<int>(pause.count()));
 }
+
+// The longest wait between two questions to a running command whether it has finished.
+constexpr std::chrono::milliseconds kLongestPause{50};
 
 }  // namespace
 
@@ -181,7 +179,7 @@ int CFiLinuxSystem::exec(const std::string& command, std::vector<std::string>& o
                          unsigned long limitSeconds, int& sysErrno)
 {
     sysErrno = 0;
-    const long long deadline = nowMicros() + static_cast<long long>(limitSeconds) * 1000000;
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(limitSeconds);
     int outFds[2];
     int errFds[2];
     if (::pipe2(outFds, O_CLOEXEC) != 0) {
@@ -230,7 +228,7 @@ int CFiLinuxSystem::exec(const std::string& command, std::vector<std::string>& o
     int status = 0;
     int waitErrno = 0;
     bool timedOut = false;
-    long long pause = 1;
+    std::chrono::milliseconds pause{1};
     for (;;) {
         pid_t reaped = ::waitpid(pid, &status, WNOHANG);
         if (reaped == pid) {
@@ -241,14 +239,16 @@ int CFiLinuxSystem::exec(const std::string& command, std::vector<std::string>& o
             waitErrno = errno;
             break;
         }
-        const long long leftMicros = deadline - nowMicros();
-        if (leftMicros <= 0) {
+        // Time is kept in the clock's own units: a deadline kept in whole milliseconds could end a
+        // limit up to one early.
+        const Clock::duration left = deadline - Clock::now();
+        if (left <= Clock::duration::zero()) {
             timedOut = true;
             break;
         }
-        const long long left = (leftMicros + 999) / 1000;
-        const long long wait = left < pause ? left : pause;
-        pause = pause * 2 > 50 ? 50 : pause * 2;
+        const std::chrono::milliseconds wait =
+            std::min(std::chrono::ceil<std::chrono::milliseconds>(left), pause);
+        pause = std::min(pause * 2, kLongestPause);
         struct pollfd watched[2];
         CommandStream* owners[2];
         nfds_t count = 0;
@@ -259,17 +259,17 @@ int CFiLinuxSystem::exec(const std::string& command, std::vector<std::string>& o
             }
         }
         if (count == 0) {
-            pauseMillis(wait);
+            sleepFor(wait);
             continue;
         }
-        if (::poll(watched, count, static_cast<int>(wait)) <= 0) {
+        if (::poll(watched, count, static_cast<int>(wait.count())) <= 0) {
             continue;
         }
         for (nfds_t i = 0; i < count; ++i) {
             if (watched[i].revents != 0) {
                 readStream(*owners[i], 65536, output);
                 if (owners[i]->fd < 0) {
-                    pause = 1;
+                    pause = std::chrono::milliseconds{1};
                 }
             }
         }
@@ -277,9 +277,9 @@ int CFiLinuxSystem::exec(const std::string& command, std::vector<std::string>& o
     if (timedOut) {
         ::kill(-pid, SIGKILL);
         // A process stuck in the kernel outlives SIGKILL; it is not waited for past a short grace.
-        const long long graceEnd = nowMicros() + 200000;
-        while (::waitpid(pid, &status, WNOHANG) == 0 && nowMicros() < graceEnd) {
-            pauseMillis(1);
+        const Clock::time_point graceEnd = Clock::now() + std::chrono::milliseconds(200);
+        while (::waitpid(pid, &status, WNOHANG) == 0 && Clock::now() < graceEnd) {
+            sleepFor(std::chrono::milliseconds{1});
         }
     }
     readRemainder(streams, output);

@@ -83,13 +83,8 @@ void lockDeviceSemaphore(SDeviceSemaphore& semaphore)
         sem_wait(semaphore.posix);
         return;
     }
-    struct sembuf operations[2];
-    operations[0].sem_num = 0;
-    operations[0].sem_op = 0;
-    operations[0].sem_flg = SEM_UNDO;
-    operations[1].sem_num = 0;
-    operations[1].sem_op = 1;
-    operations[1].sem_flg = SEM_UNDO | IPC_NOWAIT;
+    // Wait for zero, then add one: {semaphore number, operation, flags}.
+    struct sembuf operations[2] = {{0, 0, SEM_UNDO}, {0, 1, SEM_UNDO | IPC_NOWAIT}};
     semaphore.system->semop(semaphore.id, operations, 2);
 }
 
@@ -99,10 +94,7 @@ void unlockDeviceSemaphore(SDeviceSemaphore& semaphore)
         sem_post(semaphore.posix);
         return;
     }
-    struct sembuf operation;
-    operation.sem_num = 0;
-    operation.sem_op = -1;
-    operation.sem_flg = SEM_UNDO | IPC_NOWAIT;
+    struct sembuf operation = {0, -1, SEM_UNDO | IPC_NOWAIT};
     semaphore.system->semop(semaphore.id, &operation, 1);
 }
 

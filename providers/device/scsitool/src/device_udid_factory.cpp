@@ -169,7 +169,6 @@ std::map<std::string, SDeviceInfo> CUDIDFactory::validateDeviceMap(std::string d
     for (CScsiDeviceData* device : devices) {
         SDeviceInfo entry;
         entry.Uid = mapEntryUdid(device);
-        entry.dmpClaimLevel = 0;
         entry.DeviceName = device->m_deviceName;
         result[device->m_deviceName] = entry;
     }

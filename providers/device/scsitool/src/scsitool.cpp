@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "scsitool.h"
 
+#include <endian.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -25,13 +27,6 @@ const unsigned char kInquiry = 0x12;
 static_assert(CScsiTool::kAnswerOffset + 255 + 5 <= CScsiTool::kCommandBufferSize,
               "an announced answer must lie inside the command buffer");
 
-void putLittleEndian32(unsigned char* at, unsigned int value)
-{
-    for (int i = 0; i < 4; ++i) {
-        at[i] = static_cast<unsigned char>(value >> (8 * i));
-    }
-}
-
 }  // namespace
 
 CScsiTool::CScsiTool() {}
@@ -51,15 +46,15 @@ int CScsiTool::GetModePageInfo(CScsiDeviceHandle& handle, CScsiDeviceData& devic
     try {
         int fd = handle.open(device, false);
 
-        putLittleEndian32(buffer, 0);
-        putLittleEndian32(buffer + 4, kOutputLength);
+        // No data goes in; up to kOutputLength bytes come back (the lengths are little-endian).
+        // Every byte of the request not set here stays zero.
+        const uint32_t outputLength = htole32(kOutputLength);
+        std::memcpy(buffer + 4, &outputLength, sizeof outputLength);
         unsigned char* cdb = buffer + kAnswerOffset;
         cdb[0] = kInquiry;
         cdb[1] = static_cast<unsigned char>((static_cast<unsigned int>(device.m_lun) << 5) | evpd);
         cdb[2] = static_cast<unsigned char>(pageCode);
-        cdb[3] = 0;
         cdb[4] = kAllocationLength;
-        cdb[5] = 0;
         if (fiSystem().ioctl(fd, SCSI_IOCTL_SEND_COMMAND, buffer) != 0) {
             traceTo(m_traceLog, 1,
                     "libscsitool: ERROR: ioctl(SCSI_IOCTL_SEND_COMMAN) for device %s ",
