@@ -112,16 +112,26 @@ TEST_F(ScsiAccess, SecondOpenReusesTheDescriptorAndTheDestructorClosesIt)
     disk("sdb");
     CScsiDeviceData a = record("/dev/sda");
     CScsiDeviceData b = record("/dev/sdb");
-    int fd = -1;
-    {
-        CScsiDeviceHandle handle(a);
-        fd = handle.getDescriptor();
-        EXPECT_EQ(fd, handle.open(b, false));
-        EXPECT_EQ("/dev/sda", handle.getDeviceName());
-        EXPECT_EQ(1, host.openCalls());
-        EXPECT_EQ("open /dev/sda 0x802 = " + std::to_string(fd), lastCall(host, "open"));
+    for (const bool withLog : {false, true}) {
+        host.clearEvents();
+        int fd = -1;
+        {
+            std::unique_ptr<CScsiDeviceHandle> handle(
+                withLog ? new CScsiDeviceHandle(a, trace.log()) : new CScsiDeviceHandle(a));
+            fd = handle->getDescriptor();
+            EXPECT_EQ(fd, handle->open(b, false)) << withLog;
+            EXPECT_EQ("/dev/sda", handle->getDeviceName()) << withLog;
+            EXPECT_EQ(1, host.openCalls()) << withLog;
+            EXPECT_EQ("open /dev/sda 0x802 = " + std::to_string(fd), lastCall(host, "open"));
+        }
+        EXPECT_EQ(std::vector<int>{fd}, closed(host)) << withLog;
     }
-    EXPECT_EQ(std::vector<int>{fd}, closed(host));
+    // A handle made with a log reports a device that does not open through it, and throws.
+    CScsiDeviceData missing = record("/dev/sdx");
+    trace.clear();
+    EXPECT_THROW(CScsiDeviceHandle(missing, trace.log()), int);
+    EXPECT_EQ(1u, trace.at(2).size());
+    EXPECT_EQ(1u, trace.at(1).size());
 }
 
 TEST_F(ScsiAccess, DescriptorZeroIsClosedOnlyOnRequest)
@@ -387,3 +397,58 @@ TEST_F(ScsiAccess, InquiryStringsComeOnlyFromReceivedBytes)
 }
 
 }  // namespace
+
+namespace {
+// A tool whose INQUIRY for one page code and type throws, as an allocation failing inside it
+// would, and whose capacity query fails.
+struct FaultyTool : CScsiTool {
+    unsigned int throwCode;
+    unsigned int throwType;
+    FaultyTool(unsigned int code, unsigned int type) : throwCode(code), throwType(type) {}
+    int GetModePageInfo(CScsiDeviceHandle& handle, CScsiDeviceData& device,
+                        const unsigned int& pageCode, unsigned int& length, unsigned int pageType,
+                        ScsiPagePtr& page) override
+    {
+        if (pageCode == throwCode && pageType == throwType)
+            throw std::bad_alloc();
+        return CScsiTool::GetModePageInfo(handle, device, pageCode, length, pageType, page);
+    }
+    int GetScsiDeviceCapacity(CScsiDeviceHandle&, CScsiDeviceData&) override { return 6; }
+};
+}  // namespace
+
+// An exception in any step of filling a record is reported at level 2: the supported-page list
+// is then given up (the record's pages marked invalid) and the update goes on; a page or the
+// standard data ends the update as failed. A capacity that cannot be learnt is 0.
+TEST_F(ScsiAccess, UpdateDeviceThroughStepsThatThrow)
+{
+    struct Case {
+        unsigned int code;
+        unsigned int type;
+        int result;
+        std::vector<unsigned int> cached;
+        unsigned long capacity;
+        std::vector<std::string> warnings;
+    } cases[] = {
+        {0x00, 1, 0, {0x00}, 0, {"UpdateSupportedModePageList: Unknown bus type"}},
+        {0x83, 0, 6, {0x00}, 0, {"UpdateDevice: Exception Occurred"}},
+        {0x00, 0, 6, {}, 1234, {"UpdateDevice: Exception Occurred"}},
+    };
+    disk();
+    for (const Case& c : cases) {
+        FaultyTool faulty(c.code, c.type);
+        TraceCapture capture;
+        faulty.registerTraceLog(capture.log());
+        CScsiDeviceData dev = record("/dev/sda");
+        dev.m_pagesValid = 1;
+        dev.m_capacity = 1234;
+        EXPECT_EQ(c.result, faulty.UpdateDevice(&dev)) << c.code << "/" << c.type;
+        std::vector<unsigned int> keys;
+        for (const auto& entry : dev.m_pageCache)
+            keys.push_back(entry.first);
+        EXPECT_EQ(c.cached, keys) << c.code << "/" << c.type;
+        EXPECT_EQ(c.warnings, capture.at(2)) << c.code << "/" << c.type;
+        EXPECT_EQ(c.type == 1 ? 0 : 1, dev.m_pagesValid) << c.code << "/" << c.type;
+        EXPECT_EQ(c.capacity, dev.m_capacity) << c.code << "/" << c.type;
+    }
+}
