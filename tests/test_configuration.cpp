@@ -29,6 +29,7 @@ TEST(Faults, GarbageConfigurationKeepsTheDefaults)
     } cases[] = {
         {"[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=5\nOPEN_DEVICE_RETRY_DELAY_IN_SEC=1\n", 1, 5},
         {attempts12, 3, 12},
+        {"[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_ATTEMPTS=7", 3, 7},  // no line end at the end
         {"[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_DELAY_IN_SEC=4294967295\n", 4294967295u, 8},
         {"[TUNING_PARAMS]\nOPEN_DEVICE_RETRY_DELAY_IN_SEC=4294967296\n", 3, 8},
         {"[OTHER]\nOPEN_DEVICE_RETRY_ATTEMPTS=12\n", 3, 8},

@@ -233,3 +233,108 @@ TEST(EnumerationWithoutPartitions, NoNativePathsAndAnErrorAtLevelOne)
     EXPECT_EQ(trace.at(1),
               std::vector<std::string>{"ERROR: failed to open /proc/partitions for reading."});
 }
+
+namespace {
+// A host on which reading one kernel file, or the host name, throws.
+class ThrowingReadHost : public simhost::SimHost {
+public:
+    std::string throwOn;
+    FILE* fopen(const char* path, const char* mode) override
+    {
+        if (throwOn == path)
+            throw std::bad_alloc();
+        return SimHost::fopen(path, mode);
+    }
+    int gethostname(char* name, size_t length) override
+    {
+        if (throwOn == "hostname")
+            throw std::bad_alloc();
+        return SimHost::gethostname(name, length);
+    }
+};
+}  // namespace
+
+// An exception while enumerating is reported at level 1 and answered with what was found so far;
+// the disk count is then 0; the list of native paths passes it on as the integer 6.
+TEST(EnumerationThatThrows, IsReportedAndGivesWhatWasFound)
+{
+    const std::string failed =
+        "libscsitool: ERROR: CLinuxDeviceDiscovery::EnumerateDevices() failed.";
+    for (const char* throwOn : {"/proc/partitions", "hostname", "/proc/scsi/scsi"}) {
+        ThrowingReadHost host;
+        host.throwOn = throwOn;
+        simhost::SimHostInstall install(host);
+        host.addDevice(simDisk("sda", 0, 0, 0, 0));
+        host.addMultipathMap("mpatha", "sda");
+        TraceCapture trace;
+        CLinuxDeviceDiscovery discovery;
+        discovery.registerTraceLog(trace.log());
+        std::vector<CScsiDeviceData*> all = discovery.enumerateDevices();
+        std::vector<CScsiDeviceData*> one = discovery.validateEnumerateDevices("/dev/sda");
+        const std::string what = throwOn;
+        if (what == "/proc/scsi/scsi") {
+            EXPECT_EQ(discovery.getDeviceCount(), 0);
+            ASSERT_EQ(all.size(), 3u);
+            EXPECT_EQ(all.back()->m_deviceName, "/dev/sda");
+            EXPECT_EQ(one.size(), 1u);
+            EXPECT_TRUE(trace.at(1).empty());
+        } else {
+            // The multipath maps are found before the native disks are listed.
+            EXPECT_EQ(all.size(), 2u) << what;
+            for (CScsiDeviceData* record : all)
+                EXPECT_EQ(record->m_deviceName.compare(0, 12, "/dev/mapper/"), 0) << what;
+            EXPECT_EQ(one.size(), what == "hostname" ? 0u : 1u) << what;
+            EXPECT_EQ(trace.at(1), std::vector<std::string>(what == "hostname" ? 2 : 1, failed))
+                << what;
+        }
+        if (what == "/proc/partitions") {
+            int thrown = 0;
+            try {
+                discovery.enumerateNativeDevicePaths();
+            } catch (int e) {
+                thrown = e;
+            }
+            EXPECT_EQ(thrown, 6);
+        }
+        for (CScsiDeviceData* record : all)
+            delete record;
+        for (CScsiDeviceData* record : one)
+            delete record;
+    }
+}
+
+namespace {
+// A host whose kernel files cannot be opened for appending.
+class ReadOnlyProcHost : public simhost::SimHost {
+public:
+    FILE* fopen(const char* path, const char* mode) override
+    {
+        if (std::string(mode) == "a") {
+            errno = EACCES;
+            return nullptr;
+        }
+        return SimHost::fopen(path, mode);
+    }
+};
+}  // namespace
+
+// A removal the kernel's list does not take is told at level 3 and goes no further: no write, and
+// on 2.6 not the device's own delete file either.
+TEST(Removal, AKernelListThatCannotBeAppendedTo)
+{
+    ReadOnlyProcHost host;
+    simhost::SimHostInstall install(host);
+    host.setKernelRelease("2.6.18-8.el5");
+    host.addDevice(simDisk("sda", 1, 2, 3, 4));
+    TraceCapture trace;
+    CLinuxDeviceDiscovery discovery;
+    discovery.registerTraceLog(trace.log());
+    trace.clear();
+    discovery.RemoveDevice(1, 2, 3, 4);
+    EXPECT_EQ(trace.at(3), (std::vector<std::string>{
+                               "INFO: RemoveDevice [1,2,3,4]",
+                               "INFO: remove device failed to open /proc/scsi/scsi for: scsi "
+                               "remove-single-device 1 2 3 4\n\n"}));
+    EXPECT_TRUE(trace.at(2).empty());
+    EXPECT_TRUE(host.writesTo("/proc/scsi/scsi").empty());
+}

@@ -576,6 +576,7 @@ TEST(FiStringTool, TokenizeTrimCompare)
     EXPECT_EQ(CFiStringTool::trim(" \n ", " \n"), "");
     EXPECT_TRUE(CFiStringTool::CompareNoCase("initiatorname", "InitiatorName"));
     EXPECT_FALSE(CFiStringTool::CompareNoCase("InitiatorName1", "InitiatorName"));
+    EXPECT_FALSE(CFiStringTool::CompareNoCase("InitiatorNamf", "InitiatorName"));
 }
 
 TEST(TuningSettings, ConfigurationLocation)

@@ -128,12 +128,7 @@ int CFiConfiguration::getIntegerValue(const char* key, unsigned int& value)
     if (!m_heap || !m_sectionOpen || key == nullptr) {
         return -1;
     }
-    u_int number = 0;
-    if (m_heap->get_integer_value(m_section, key, number) == 0) {
-        value = number;
-        return 0;
-    }
-    // The INI reader keeps values as text: a whole decimal number is accepted.
+    // The INI reader keeps every value as text: a whole decimal number is accepted.
     ACE_TString text;
     if (m_heap->get_string_value(m_section, key, text) != 0) {
         return -1;
