@@ -458,11 +458,21 @@ TEST(ExecPipe, APipeOnDescriptorZeroIsReadAndClosed)
     const bool zeroOpen = fcntl(0, F_GETFD) != -1;
     const int zeroErrno = errno;
     dup2(saved, 0);
-    close(saved);
     EXPECT_EQ(result, 0);
     EXPECT_EQ(lines, (std::vector<std::string>{"out", "err"}));
     EXPECT_FALSE(zeroOpen) << "descriptor 0 left open";
     EXPECT_EQ(zeroErrno, EBADF);
+
+    // More than a pipe holds goes through descriptor 0 while the command runs.
+    close(0);
+    lines.clear();
+    const int whole =
+        pipe.Exec("head -c 200000 /dev/zero | tr '\\0' x; echo", lines, "", 20, "", "", "");
+    dup2(saved, 0);
+    close(saved);
+    EXPECT_EQ(whole, 0);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0], std::string(200000, 'x'));
 }
 
 namespace {

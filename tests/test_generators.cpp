@@ -400,6 +400,7 @@ TEST(NetAppGenerator, SendsTheIdentityCommandAndWalksItsRecords)
         {PageBuilder(4096).byte(24, 0x22).text(52, "NO"), ""},                        // zero length
         {PageBuilder(4096).hex(10, "0078").hex(130, "0078").hex(250, "0008").byte(256, 0x22).text(284, "EDGE"), "EDGE"},
         {PageBuilder(4096).hex(10, "0100").byte(264, 0x22).text(292, "FAR"), ""},     // starts past 256
+        {PageBuilder(4096).hex(10, "00f9").byte(257, 0x22).text(285, "NEXT"), ""},    // starts at 257
         {filerAnswer("ABCDEFGHIJKLMNOPQRSTUVWXYZ"), "ABCDEFGHIJKLMNOPQRSTUVW"},
     };
     // clang-format on

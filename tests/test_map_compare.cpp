@@ -182,7 +182,9 @@ SHostMap describe(const json& snapshot)
 TEST(DeviceMapCompare, ANodeLeftOutIsOpenedReadOnlyNonBlockingCloseOnExec)
 {
     json snapshot = smallHost();
-    deviceNamed(snapshot, "sdd")["state"] = "gone";
+    // Both ends of the letters a whole disk's name is made of.
+    deviceNamed(snapshot, "sdd")["name"] = "sdaz";
+    deviceNamed(snapshot, "sdaz")["state"] = "gone";
     snapshot["multipath_maps"].push_back({{"name", "vg-lv"}, {"device", ""}});
     std::string error;
     std::unique_ptr<simhost::SimHost> host = simhost::SimHost::fromJson(snapshot.dump(), error);
@@ -199,7 +201,7 @@ TEST(DeviceMapCompare, ANodeLeftOutIsOpenedReadOnlyNonBlockingCloseOnExec)
     struct Case {
         const char* node;
         const char* state;  // "" when left out
-    } cases[] = {{"/dev/sdd", "gone"}, {"/dev/mapper/vg-lv", ""}};
+    } cases[] = {{"/dev/sdaz", "gone"}, {"/dev/mapper/vg-lv", ""}};
     for (const Case& c : cases) {
         const std::string prefix = std::string("open ") + c.node + " " + flags + " = ";
         const auto open = std::find_if(calls.begin(), calls.end(), [&](const std::string& call) {
