@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <utility>
 
 namespace kzfi_pdk_4_4 {
 
@@ -68,13 +69,12 @@ void readRemainder(CommandStream (&streams)[2], std::vector<std::string>& output
         if (stream.fd >= 0 && ::ioctl(stream.fd, FIONREAD, &pending) == 0 && pending > 0) {
             readStream(stream, static_cast<size_t>(pending), output);
         }
+        // The streams are not used again: closing and moving out is all that is left.
         if (stream.fd >= 0) {
             ::close(stream.fd);
-            stream.fd = -1;
         }
         if (!stream.partial.empty()) {
-            output.push_back(stream.partial);
-            stream.partial.clear();
+            output.push_back(std::move(stream.partial));
         }
     }
 }

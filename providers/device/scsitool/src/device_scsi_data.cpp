@@ -10,9 +10,9 @@ CScsiModePage::CScsiModePage(const unsigned char* data, unsigned int length) : m
     set(data, length);
 }
 
-CScsiModePage::CScsiModePage(const CScsiModePage& other) : m_length(0)
+CScsiModePage::CScsiModePage(const CScsiModePage& other)
+    : CScsiModePage(other.m_bytes.get(), other.m_length)
 {
-    set(other.m_bytes.get(), other.m_length);
 }
 
 CScsiModePage& CScsiModePage::operator=(const CScsiModePage& other)
