@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <utility>
 
@@ -35,7 +36,7 @@ struct CommandStream {
 // `output`. Closes the stream when every writer has closed it (or reading fails).
 void readStream(CommandStream& stream, size_t budget, std::vector<std::string>& output)
 {
-    char buffer[16384];
+    char buffer[BUFSIZ];
     while (stream.fd >= 0 && budget > 0) {
         ssize_t got = ::read(stream.fd, buffer, budget < sizeof buffer ? budget : sizeof buffer);
         if (got < 0 && errno == EINTR) {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <iterator>
 
 #include "device_udid_factory.h"
 #include "fi_system.h"
@@ -38,7 +39,7 @@ std::string designatorKey(const unsigned char* page, size_t length)
         return std::string();
     }
     const size_t end = std::min(length, static_cast<size_t>(4 + ((page[2] << 8) | page[3])));
-    std::string found[3];
+    std::string found[std::size(kPreferred)];
     for (size_t offset = 4; offset + 4 <= end;) {
         const unsigned char* descriptor = page + offset;
         const size_t designatorLength = descriptor[3];
@@ -47,7 +48,7 @@ std::string designatorKey(const unsigned char* page, size_t length)
         }
         const unsigned int association = (descriptor[1] >> 4) & 0x03;
         const unsigned int type = descriptor[1] & 0x0F;
-        for (size_t i = 0; i < 3; ++i) {
+        for (size_t i = 0; i < std::size(kPreferred); ++i) {
             if (association == 0 && type == kPreferred[i].type && designatorLength != 0 &&
                 found[i].empty()) {
                 found[i] = kPreferred[i].prefix +
