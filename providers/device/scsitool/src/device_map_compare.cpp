@@ -88,10 +88,8 @@ std::string addressOf(const CScsiDeviceData& record)
     if (pseudo_device::isPseudo(record.m_deviceName) || record.m_port < 0) {
         return std::string();
     }
-    char text[64];
-    std::snprintf(text, sizeof text, "%d:%u:%d:%d", record.m_port, record.m_bus, record.m_target,
-                  record.m_lun);
-    return text;
+    return std::to_string(record.m_port) + ":" + std::to_string(record.m_bus) + ":" +
+           std::to_string(record.m_target) + ":" + std::to_string(record.m_lun);
 }
 
 // A record whose standard INQUIRY is cached answered. A pseudo-device that does not answer has no

@@ -287,14 +287,15 @@ std::string CUdidGenerator::hexField(const CachedBytes& page, unsigned int offse
                                      unsigned int group)
 {
     const size_t first = CUdidReadRecorder::listening() ? fieldStart() : 0;
+    const char* const digits = upperCase ? "0123456789ABCDEF" : "0123456789abcdef";
     std::string text;
-    char digits[3];
     for (unsigned int i = 0; i < count; ++i) {
         if (i != 0 && i % group == 0) {
             text += separator;
         }
-        snprintf(digits, sizeof(digits), upperCase ? "%02X" : "%02x", page[offset + i]);
-        text += digits;
+        const unsigned char byte = page[offset + i];  // one read of each byte, as recorded
+        text += digits[byte >> 4];
+        text += digits[byte & 0x0F];
     }
     if (CUdidReadRecorder::listening()) {
         noteField(CUdidReadRecorder::kHex, first, text);
@@ -304,8 +305,7 @@ std::string CUdidGenerator::hexField(const CachedBytes& page, unsigned int offse
 
 std::string CUdidGenerator::decimalOf(const std::string& text, int base)
 {
-    char number[64];
-    snprintf(number, sizeof(number), "%d", int(strtol(text.c_str(), nullptr, base)));
+    const std::string number = std::to_string(int(strtol(text.c_str(), nullptr, base)));
     if (CUdidReadRecorder::listening()) {
         if (CUdidReadRecorder* recorder = CUdidReadRecorder::active()) {
             recorder->noteDecimal(text, base, number);

@@ -18,16 +18,12 @@ std::string CStringTool::bool2str(bool b)
 
 std::string CStringTool::int2str(int v)
 {
-    char buffer[64];
-    std::snprintf(buffer, sizeof buffer, "%d", v);
-    return buffer;
+    return std::to_string(v);
 }
 
 std::string CStringTool::uint2str(unsigned int v)
 {
-    char buffer[64];
-    std::snprintf(buffer, sizeof buffer, "%u", v);
-    return buffer;
+    return std::to_string(v);
 }
 
 std::wstring CStringTool::int2wstr(int v)
