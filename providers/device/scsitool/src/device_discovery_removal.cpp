@@ -16,6 +16,7 @@
 using kzfi_pdk_4_4::fiSystem;
 using scsitool_discovery::joinLines;
 using scsitool_discovery::kernelRelease;
+using scsitool_discovery::scsiAddress;
 
 namespace {
 
@@ -88,45 +89,45 @@ void CLinuxDeviceDiscovery::RemoveDevice(int host, int channel, int id, int lun)
     traceTo(m_traceLog, 3, "INFO: RemoveDevice [%d,%d,%d,%d]", host, channel, id, lun);
     std::string release = kernelRelease();
 
-    char command[255];
-    std::snprintf(command, sizeof command, "scsi remove-single-device %d %d %d %d\n", host, channel,
-                  id, lun);
+    const std::string command =
+        "scsi remove-single-device " + scsiAddress(host, channel, id, lun, " ") + "\n";
     FILE* file = fiSystem().fopen("/proc/scsi/scsi", "a");
     if (file == nullptr) {
         traceTo(m_traceLog, 3, "INFO: remove device failed to open /proc/scsi/scsi for: %s\n",
-                command);
+                command.c_str());
         return;
     }
-    traceTo(m_traceLog, 3, "INFO: removing: %s\n", command);
-    std::fputs(command, file);
+    traceTo(m_traceLog, 3, "INFO: removing: %s\n", command.c_str());
+    std::fputs(command.c_str(), file);
     std::fclose(file);
 
     if (release.find("2.6") != 0) {
         return;
     }
-    char path[255];
-    std::snprintf(path, sizeof path, "/sys/class/scsi_device/%d:%d:%d:%d/device/delete", host,
-                  channel, id, lun);
-    file = fiSystem().fopen(path, "a");
+    std::string path =
+        "/sys/class/scsi_device/" + scsiAddress(host, channel, id, lun, ":") + "/device/delete";
+    file = fiSystem().fopen(path.c_str(), "a");
     if (file == nullptr) {
-        traceTo(m_traceLog, 2, "WARNING: remove device failed to open %s for device removal", path);
+        traceTo(m_traceLog, 2, "WARNING: remove device failed to open %s for device removal",
+                path.c_str());
         return;
     }
-    traceTo(m_traceLog, 3, "INFO: removing: %s", path);
+    traceTo(m_traceLog, 3, "INFO: removing: %s", path.c_str());
     std::fputc('1', file);
     std::fclose(file);
 
     // The address is scanned again at once: a device that still answers comes back.
-    char scan[255];
-    std::snprintf(path, sizeof path, "/sys/class/scsi_host/host%d/scan", host);
-    std::snprintf(scan, sizeof scan, "%d %d %d\n", channel, id, lun);
-    file = fiSystem().fopen(path, "a");
+    path = "/sys/class/scsi_host/host" + std::to_string(host) + "/scan";
+    const std::string scan =
+        std::to_string(channel) + " " + std::to_string(id) + " " + std::to_string(lun) + "\n";
+    file = fiSystem().fopen(path.c_str(), "a");
     if (file == nullptr) {
-        traceTo(m_traceLog, 2, "WARNING: device failed to open %s for device scan %s", path, scan);
+        traceTo(m_traceLog, 2, "WARNING: device failed to open %s for device scan %s", path.c_str(),
+                scan.c_str());
         return;
     }
-    traceTo(m_traceLog, 3, "INFO: scaning after remove: %s", scan);
-    std::fputs(scan, file);
+    traceTo(m_traceLog, 3, "INFO: scaning after remove: %s", scan.c_str());
+    std::fputs(scan.c_str(), file);
     std::fclose(file);
 }
 

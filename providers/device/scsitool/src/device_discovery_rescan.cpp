@@ -17,6 +17,7 @@ using scsitool_discovery::kernelRelease;
 using scsitool_discovery::parseAddressLine;
 using scsitool_discovery::readLines;
 using scsitool_discovery::runCommand;
+using scsitool_discovery::scsiAddress;
 
 namespace {
 
@@ -125,9 +126,7 @@ int CLinuxDeviceDiscovery::RescanQlogicHBAs(std::map<std::string, std::vector<in
             continue;
         }
         for (int host : entry.second) {
-            char number[8];
-            std::snprintf(number, sizeof number, "%d", host);
-            std::string path = "/proc/scsi/" + entry.first + "/" + number;
+            std::string path = "/proc/scsi/" + entry.first + "/" + std::to_string(host);
             FILE* file = fiSystem().fopen(path.c_str(), "a");
             if (file == nullptr) {
                 traceTo(m_traceLog, 2, "Warning: adapter device failed to open for: %s\n",
@@ -241,16 +240,15 @@ void CLinuxDeviceDiscovery::probeChannel(int host, int channel, int lunLimit, in
 
 bool CLinuxDeviceDiscovery::addSingleDevice(int host, int channel, int id, int lun)
 {
-    char command[255];
-    std::snprintf(command, sizeof command, "scsi add-single-device %d %d %d %d\n", host, channel,
-                  id, lun);
-    traceTo(m_traceLog, 3, "INFO: trying add device: %s\n", command);
+    const std::string command =
+        "scsi add-single-device " + scsiAddress(host, channel, id, lun, " ") + "\n";
+    traceTo(m_traceLog, 3, "INFO: trying add device: %s\n", command.c_str());
     FILE* file = fiSystem().fopen("/proc/scsi/scsi", "a");
     if (file == nullptr) {
         traceTo(m_traceLog, 2, "Warning: scan for devices failed to open /proc/scsi/scsi");
         return false;
     }
-    std::fputs(command, file);
+    std::fputs(command.c_str(), file);
     std::fclose(file);
     return true;
 }

@@ -56,6 +56,13 @@ inline std::vector<std::string> readLines(FILE* file)
     return lines;
 }
 
+// A SCSI address as four decimal numbers with `between` between them: "2 0 1 3", "2:0:1:3".
+inline std::string scsiAddress(int host, int channel, int id, int lun, const char* between)
+{
+    return std::to_string(host) + between + std::to_string(channel) + between + std::to_string(id) +
+           between + std::to_string(lun);
+}
+
 inline bool endsWithDigit(const std::string& text)
 {
     return !text.empty() && text.back() >= '0' && text.back() <= '9';

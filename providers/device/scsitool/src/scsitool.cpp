@@ -9,6 +9,7 @@
 #include <cstring>
 #include <vector>
 
+#include "discovery_common.h"
 #include "fi_scsi_ioctl.h"
 #include "fi_stringtool.h"
 #include "fi_system.h"
@@ -17,6 +18,8 @@
 
 using kzfi_pdk_4_4::CFiStringTool;
 using kzfi_pdk_4_4::fiSystem;
+
+using scsitool_discovery::scsiAddress;
 
 namespace {
 
@@ -127,11 +130,11 @@ int CScsiTool::RemoveDevice(CScsiDeviceData* device)
         traceTo(m_traceLog, 2, "RemoveDevice: Unknown device or adapter");
         return SCSI_STATUS_FAILED;
     }
-    char command[255];
-    std::snprintf(command, sizeof(command),
-                  "/bin/echo \"scsi remove-single-device %d %d %d %d\" >  /proc/scsi/scsi",
-                  device->m_port, static_cast<int>(device->m_bus), device->m_target, device->m_lun);
-    fiSystem().system(command);  // the kernel's answer is not visible here
+    const std::string command = "/bin/echo \"scsi remove-single-device " +
+                                scsiAddress(device->m_port, static_cast<int>(device->m_bus),
+                                            device->m_target, device->m_lun, " ") +
+                                "\" >  /proc/scsi/scsi";
+    fiSystem().system(command.c_str());  // the kernel's answer is not visible here
     return SCSI_STATUS_OK;
 }
 
