@@ -109,6 +109,13 @@ TEST_F(FactoryTest, OverrideMapWinsInUpperCaseForComputationAsStoredForLookup)
     std::unique_ptr<CScsiDeviceData> d(makeRecord("/dev/sdq", "DGC", "RAID 5"));
     EXPECT_EQ(factory.getUniqueDeviceID(d.get()), "UDID##MIXED##CASE");
     EXPECT_EQ(factory.getCachedUniqueDeviceID("/dev/sdq", false), "udid##mixed##case");
+    // The origin tells each lookup's own way: one object reused for the next device starts afresh.
+    SUdidOrigin origin;
+    factory.getUniqueDeviceID(d.get(), origin);
+    EXPECT_TRUE(origin.fromOverride);
+    std::unique_ptr<CScsiDeviceData> other(makeRecord("/dev/sdr", "DGC", "RAID 5"));
+    factory.getUniqueDeviceID(other.get(), origin);
+    EXPECT_FALSE(origin.fromOverride);
 }
 
 TEST_F(FactoryTest, FillDeviceMapKeepsShortUdidsAndDropsInvalidOnlyWhenRescanningBuses)

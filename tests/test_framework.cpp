@@ -311,6 +311,10 @@ TEST(ExecPipe, CapturesLinesAndStatus)
         // stream, and what is left at the end comes standard output first.
         {"printf c; echo err >&2", 0, {"err", "c"}},
         {"printf c; printf err >&2", 0, {"c", "err"}},
+        // The stream still open is read on its own once the other has ended, past what a pipe
+        // holds.
+        {"exec 2>&-; head -c 200000 /dev/zero | tr '\\0' x; echo", 0, {std::string(200000, 'x')}},
+        {"exec >&-; head -c 200000 /dev/zero | tr '\\0' y >&2", 0, {std::string(200000, 'y')}},
     };
     for (const Case& c : cases) {
         CFiExecPipePosix pipe(1);

@@ -188,11 +188,24 @@ TEST(GeneratorTable, ClaimTestsStripTrailingBlanksInPlace)
     EXPECT_EQ(other->m_vendorId, "EMX");
     EXPECT_EQ(other->m_productId, " SYMMETRIX  ");  // untouched once the vendor fails
 
-    // The HP and LSI tests strip both ids first, whatever the vendor.
-    for (size_t row : {0, 1, 2, 8, 10}) {
+    // The HP and LSI tests strip both ids first, whatever the vendor; the others leave the
+    // product as it is. Only LSI's test takes its ids in any case.
+    for (size_t row = 0; row + 1 < udid_family::familyCount(); ++row) {
+        const udid_family::SFamily& family = udid_family::families()[row];
+        const std::string name = family.vendorId;
+        const bool stripsBoth = name == "HP" || name == "ENGENIO";
         auto device = makeDevice("ACME  ", "Big Disk  ");
         EXPECT_FALSE(table()[row]->claimDevice(device.get()));
-        EXPECT_EQ(device->m_vendorId + "/" + device->m_productId, "ACME/Big Disk") << row;
+        EXPECT_EQ(device->m_vendorId + "/" + device->m_productId,
+                  stripsBoth ? "ACME/Big Disk" : "ACME/Big Disk  ")
+            << name;
+        std::string vendor = family.claim.vendors[0];
+        std::string product = family.claim.products[0] ? family.claim.products[0] : "2107900";
+        for (std::string* id : {&vendor, &product})
+            for (char& c : *id)
+                c = char(std::tolower(static_cast<unsigned char>(c)));
+        auto lower = makeDevice(vendor, product);
+        EXPECT_EQ(table()[row]->claimDevice(lower.get()), name == "ENGENIO") << name;
     }
 
     auto hp = makeDevice("HP      ", "HSV210  ");

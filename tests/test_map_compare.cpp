@@ -186,6 +186,12 @@ TEST(DeviceMapCompare, ANodeLeftOutIsOpenedReadOnlyNonBlockingCloseOnExec)
     deviceNamed(snapshot, "sdd")["name"] = "sdaz";
     deviceNamed(snapshot, "sdaz")["state"] = "gone";
     snapshot["multipath_maps"].push_back({{"name", "vg-lv"}, {"device", ""}});
+    // A whole disk of another driver is none the map could have: it is not even opened.
+    json virtio = deviceNamed(snapshot, "sdk");
+    virtio["name"] = "vda";
+    virtio["state"] = "gone";
+    virtio["address"] = {9, 0, 0, 0};
+    snapshot["devices"].push_back(virtio);
     std::string error;
     std::unique_ptr<simhost::SimHost> host = simhost::SimHost::fromJson(snapshot.dump(), error);
     ASSERT_TRUE(host) << error;
@@ -202,6 +208,8 @@ TEST(DeviceMapCompare, ANodeLeftOutIsOpenedReadOnlyNonBlockingCloseOnExec)
         const char* node;
         const char* state;  // "" when left out
     } cases[] = {{"/dev/sdaz", "gone"}, {"/dev/mapper/vg-lv", ""}};
+    for (const std::string& call : calls)
+        EXPECT_EQ(call.find("/dev/vda"), std::string::npos) << call;
     for (const Case& c : cases) {
         const std::string prefix = std::string("open ") + c.node + " " + flags + " = ";
         const auto open = std::find_if(calls.begin(), calls.end(), [&](const std::string& call) {
@@ -396,6 +404,11 @@ TEST(DeviceMapCompare, EachRuleOnBothSidesOfItsConditions)
          {v("/dev/mapper/m", "U##1", "naa.1", "")},
          {v("/dev/mapper/m", "", "", "", "no-path")},
          {"unavailable /dev/mapper/m (no-path): 1 [/dev/mapper/m] -> - [/dev/mapper/m]"}},
+        {"one path stops answering and its volume's other path goes: the volume is unavailable",
+         {v("/dev/sdc", "U##1", "naa.1", "0:0:2:0"), v("/dev/sdd", "U##1", "naa.1", "1:0:2:0")},
+         {v("/dev/sdc", "", "", "0:0:2:0", "unresponsive")},
+         {"unavailable /dev/sdc (unresponsive): 1 [/dev/sdc,/dev/sdd 0:0:2:0 1:0:2:0] -> - "
+          "[/dev/sdc 0:0:2:0]"}},
         {"silent on both sides",
          {v("/dev/sdc", "", "", "0:0:2:0", "gone")},
          {v("/dev/sdc", "", "", "", "gone")},
