@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include <array>
+#include <atomic>
 #include <cstdio>
 
 #include "simhost_state.h"
@@ -133,8 +134,12 @@ int cookieSeek(void* cookie, off64_t* offset, int whence)
     return 0;
 }
 
+// Streams handed out and not closed yet, by every simulated host of the process.
+std::atomic<long> g_openStreams{0};
+
 int cookieClose(void* cookie)
 {
+    --g_openStreams;
     StreamCookie* stream = static_cast<StreamCookie*>(cookie);
     if (stream->writing && stream->onClose) {
         stream->onClose(stream->text);
@@ -153,6 +158,8 @@ FILE* openTextStream(const std::string& text)
     FILE* file = fopencookie(cookie, "r", functions);
     if (!file) {
         delete cookie;
+    } else {
+        ++g_openStreams;
     }
     return file;
 }
@@ -166,6 +173,8 @@ FILE* openControlStream(std::function<void(const std::string&)> onClose, bool ap
     FILE* file = fopencookie(cookie, append ? "a" : "w", functions);
     if (!file) {
         delete cookie;
+    } else {
+        ++g_openStreams;
     }
     return file;
 }
@@ -345,6 +354,11 @@ void SimHost::clearEvents()
     m_state->cdbs.clear();
     m_state->openCalls = 0;
     m_state->nodeCalls.clear();
+}
+
+long SimHost::openStreams()
+{
+    return g_openStreams.load();
 }
 
 const std::vector<std::string>& SimHost::nodeCalls() const

@@ -140,6 +140,8 @@ public:
     // failed), "ioctl 3 SEND_COMMAND 0 96" (the buffer's input and output lengths),
     // "ioctl 3 GET_IDLUN", "ioctl 3 SG_IO", "close 3".
     const std::vector<std::string>& nodeCalls() const;
+    // Kernel and control files opened through any simulated host and not closed yet.
+    static long openStreams();
     // The CDBs sent through ioctl to a node, in order ("/dev/sdc" or "sdc").
     std::vector<Bytes> cdbsSent(const std::string& node) const;
     // Read access to the model, for tests and the capture command.

@@ -11,6 +11,7 @@
 
 #include "WWPN_discovery.h"
 #include "device_discovery.h"
+#include "scsitool.h"
 #include "sim_disks.h"
 #include "simhost.h"
 #include "trace_capture.h"
@@ -196,4 +197,39 @@ TEST(RescanSteps, EveryCommandHasTenMinutes)
           "/sbin/multipath -F", "/bin/ls /sys/class/fc_host/", "/sbin/powermt config",
           "/sbin/multipath -v0 "})
         EXPECT_EQ(commands.count(command), 1u) << command;
+}
+
+// Every kernel, control and identity file the library opens is closed again, on 2.6 and on 2.4,
+// whether the step wrote to it or only read it.
+TEST(RescanSteps, EveryFileOpenedIsClosed)
+{
+    for (const char* release : {"2.6.18-8.el5", "2.4.21"}) {
+        const long before = simhost::SimHost::openStreams();
+        {
+            simhost::SimHost host;
+            simhost::SimHostInstall install(host);
+            host.setKernelRelease(release);
+            host.addAdapter(simAdapter(3, "qla2300", true));
+            host.addDevice(simDisk("sda", 3, 0, 0, 0));
+            host.addDevice(simDisk("sdb", 3, 0, 1, 0));
+            host.findDevice("sdb")->state = simhost::DeviceState::Unresponsive;
+            host.addMultipathMap("mpatha", "sda");
+            for (const char* tool :
+                 {"/bin/rescan-scsi-bus.sh", "/sbin/multipath", "/sbin/iscsiadm"})
+                host.addExecutable(tool);
+            host.addFile("/etc/iscsi/initiatorname.iscsi", "InitiatorName=iqn.2001-04.com.x:h\n");
+            CLinuxDeviceDiscovery discovery;
+            std::vector<CScsiDeviceData*> records = discovery.rescan(true, false, false);
+            discovery.removeDeadDevices(records, true);
+            deleteAll(records);
+            discovery.RemoveDevice(3, 0, 1, 0);
+            discovery.FlushMultipathStaleDevices();
+            WWPN().getWWPN();
+            std::string iqn;
+            CScsiTool().GetHostIQN(iqn);
+            EXPECT_EQ(iqn, "iqn.2001-04.com.x:h") << release;
+            EXPECT_FALSE(host.writesTo("/proc/scsi/scsi").empty()) << release;
+        }
+        EXPECT_EQ(simhost::SimHost::openStreams(), before) << release;
+    }
 }
