@@ -211,38 +211,21 @@ TEST_F(Enumeration, ListedDisksStartAtTheirAddressLines)
 }
 
 namespace {
-// A host whose /proc/partitions cannot be opened.
-class NoPartitionsHost : public simhost::SimHost {
+// A host whose kernel files fail: one path, or every file opened for appending, does not open;
+// reading one path, or the host name, throws.
+class FaultyFilesHost : public simhost::SimHost {
 public:
-    FILE* fopen(const char* path, const char* mode) override
-    {
-        return std::string(path) == "/proc/partitions" ? nullptr : SimHost::fopen(path, mode);
-    }
-};
-}  // namespace
-
-TEST(EnumerationWithoutPartitions, NoNativePathsAndAnErrorAtLevelOne)
-{
-    NoPartitionsHost host;
-    simhost::SimHostInstall install(host);
-    host.addDevice(simDisk("sda", 0, 0, 0, 0));
-    TraceCapture trace;
-    CLinuxDeviceDiscovery discovery;
-    discovery.registerTraceLog(trace.log());
-    EXPECT_TRUE(discovery.enumerateNativeDevicePaths().empty());
-    EXPECT_EQ(trace.at(1),
-              std::vector<std::string>{"ERROR: failed to open /proc/partitions for reading."});
-}
-
-namespace {
-// A host on which reading one kernel file, or the host name, throws.
-class ThrowingReadHost : public simhost::SimHost {
-public:
+    std::string missing;
+    bool noAppending = false;
     std::string throwOn;
     FILE* fopen(const char* path, const char* mode) override
     {
         if (throwOn == path)
             throw std::bad_alloc();
+        if (missing == path || (noAppending && std::string(mode) == "a")) {
+            errno = EACCES;
+            return nullptr;
+        }
         return SimHost::fopen(path, mode);
     }
     int gethostname(char* name, size_t length) override
@@ -254,6 +237,20 @@ public:
 };
 }  // namespace
 
+TEST(EnumerationWithoutPartitions, NoNativePathsAndAnErrorAtLevelOne)
+{
+    FaultyFilesHost host;
+    host.missing = "/proc/partitions";
+    simhost::SimHostInstall install(host);
+    host.addDevice(simDisk("sda", 0, 0, 0, 0));
+    TraceCapture trace;
+    CLinuxDeviceDiscovery discovery;
+    discovery.registerTraceLog(trace.log());
+    EXPECT_TRUE(discovery.enumerateNativeDevicePaths().empty());
+    EXPECT_EQ(trace.at(1),
+              std::vector<std::string>{"ERROR: failed to open /proc/partitions for reading."});
+}
+
 // An exception while enumerating is reported at level 1 and answered with what was found so far;
 // the disk count is then 0; the list of native paths passes it on as the integer 6.
 TEST(EnumerationThatThrows, IsReportedAndGivesWhatWasFound)
@@ -261,7 +258,7 @@ TEST(EnumerationThatThrows, IsReportedAndGivesWhatWasFound)
     const std::string failed =
         "libscsitool: ERROR: CLinuxDeviceDiscovery::EnumerateDevices() failed.";
     for (const char* throwOn : {"/proc/partitions", "hostname", "/proc/scsi/scsi"}) {
-        ThrowingReadHost host;
+        FaultyFilesHost host;
         host.throwOn = throwOn;
         simhost::SimHostInstall install(host);
         host.addDevice(simDisk("sda", 0, 0, 0, 0));
@@ -303,26 +300,12 @@ TEST(EnumerationThatThrows, IsReportedAndGivesWhatWasFound)
     }
 }
 
-namespace {
-// A host whose kernel files cannot be opened for appending.
-class ReadOnlyProcHost : public simhost::SimHost {
-public:
-    FILE* fopen(const char* path, const char* mode) override
-    {
-        if (std::string(mode) == "a") {
-            errno = EACCES;
-            return nullptr;
-        }
-        return SimHost::fopen(path, mode);
-    }
-};
-}  // namespace
-
 // A removal the kernel's list does not take is told at level 3 and goes no further: no write, and
 // on 2.6 not the device's own delete file either.
 TEST(Removal, AKernelListThatCannotBeAppendedTo)
 {
-    ReadOnlyProcHost host;
+    FaultyFilesHost host;
+    host.noAppending = true;
     simhost::SimHostInstall install(host);
     host.setKernelRelease("2.6.18-8.el5");
     host.addDevice(simDisk("sda", 1, 2, 3, 4));

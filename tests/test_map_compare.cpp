@@ -390,12 +390,36 @@ TEST(DeviceMapCompare, EachRuleOnBothSidesOfItsConditions)
         volume.state = state;
         return volume;
     };
+    // A host-local UDID, as the default generator makes it on host `H`.
+    auto local = [](const char* name, const char* udid) {
+        SMapVolume volume = entry(name, udid, "", true);
+        volume.address = "0:0:2:0";
+        volume.state = "running";
+        return volume;
+    };
     struct Case {
         const char* what;
         std::vector<SMapVolume> before;
         std::vector<SMapVolume> after;
         std::vector<std::string> findings;
     } cases[] = {
+        {"host-local on both sides of a name",
+         {local("/dev/sdc", "UDID####/DEV/SDC@H1")},
+         {local("/dev/sdc", "UDID####/DEV/SDC@H2")},
+         {}},
+        {"host-local on both sides of an address",
+         {local("/dev/sdc", "UDID####/DEV/SDC@H1")},
+         {local("/dev/sdd", "UDID####/DEV/SDD@H2")},
+         {"added UDID####/DEV/SDD@H2: - [] -> /DEV/SDD@H2 [/dev/sdd 0:0:2:0]",
+          "removed UDID####/DEV/SDC@H1: /DEV/SDC@H1 [/dev/sdc 0:0:2:0] -> - []"}},
+        {"host-local before only",
+         {local("/dev/sdc", "UDID####/DEV/SDC@H1")},
+         {v("/dev/sdc", "UDID##A##1", "naa.1", "0:0:2:0")},
+         {"remapped /dev/sdc: /DEV/SDC@H1 [/dev/sdc 0:0:2:0] -> 1 [/dev/sdc 0:0:2:0]"}},
+        {"host-local after only",
+         {v("/dev/sdc", "UDID##A##1", "naa.1", "0:0:2:0")},
+         {local("/dev/sdc", "UDID####/DEV/SDC@H2")},
+         {"remapped /dev/sdc: 1 [/dev/sdc 0:0:2:0] -> /DEV/SDC@H2 [/dev/sdc 0:0:2:0]"}},
         {"stops answering",
          {v("/dev/sdc", "U##1", "naa.1", "0:0:2:0")},
          {v("/dev/sdc", "", "", "0:0:2:0", "unresponsive")},
@@ -470,7 +494,7 @@ TEST(DeviceMapCompare, EachRuleOnBothSidesOfItsConditions)
     for (const Case& c : cases) {
         std::vector<std::string> found;
         for (const Finding& finding :
-             CDeviceMapCompare::compare({"h", c.before, ""}, {"h", c.after, ""})) {
+             CDeviceMapCompare::compare({"h1", c.before, ""}, {"h2", c.after, ""})) {
             found.push_back(summary(finding));
         }
         EXPECT_EQ(found, c.findings) << c.what;
@@ -480,48 +504,6 @@ TEST(DeviceMapCompare, EachRuleOnBothSidesOfItsConditions)
 // A host-local UDID tells nothing about the volume: two of them on one name are no finding, two
 // at one address under two names no remap, but a host-local UDID on one side only is a remap,
 // whichever side it is on.
-TEST(DeviceMapCompare, HostLocalUdidsOnOneSideOrBoth)
-{
-    auto at = [](SMapVolume volume, const char* address) {
-        volume.address = address;
-        return volume;
-    };
-    const SMapVolume local = at(entry("/dev/sdc", "UDID####/DEV/SDC@H1", "", true), "0:0:2:0");
-    const SMapVolume localAgain = at(entry("/dev/sdc", "UDID####/DEV/SDC@H2", "", true), "0:0:2:0");
-    const SMapVolume array = at(entry("/dev/sdc", "UDID##A##1", "naa.1"), "0:0:2:0");
-    const SMapVolume renamedLocal =
-        at(entry("/dev/sdd", "UDID####/DEV/SDD@H2", "", true), "0:0:2:0");
-    struct Case {
-        const char* what;
-        SMapVolume before;
-        SMapVolume after;
-        std::vector<std::string> findings;
-    } cases[] = {
-        {"host-local on both sides of a name", local, localAgain, {}},
-        {"host-local on both sides of an address",
-         local,
-         renamedLocal,
-         {"added UDID####/DEV/SDD@H2: - [] -> /DEV/SDD@H2 [/dev/sdd 0:0:2:0]",
-          "removed UDID####/DEV/SDC@H1: /DEV/SDC@H1 [/dev/sdc 0:0:2:0] -> - []"}},
-        {"host-local before only",
-         local,
-         array,
-         {"remapped /dev/sdc: /DEV/SDC@H1 [/dev/sdc 0:0:2:0] -> 1 [/dev/sdc 0:0:2:0]"}},
-        {"host-local after only",
-         array,
-         localAgain,
-         {"remapped /dev/sdc: 1 [/dev/sdc 0:0:2:0] -> /DEV/SDC@H2 [/dev/sdc 0:0:2:0]"}},
-    };
-    for (const Case& c : cases) {
-        std::vector<std::string> found;
-        for (const Finding& finding :
-             CDeviceMapCompare::compare({"h1", {c.before}, ""}, {"h2", {c.after}, ""})) {
-            found.push_back(summary(finding));
-        }
-        EXPECT_EQ(found, c.findings) << c.what;
-    }
-}
-
 TEST(FleetView, SharedVolumesAndOneVolumeUnderTwoUdids)
 {
     const SHostMap hosts[] = {

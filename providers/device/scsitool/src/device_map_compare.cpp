@@ -9,6 +9,7 @@
 #include <iterator>
 
 #include "device_udid_factory.h"
+#include "discovery_common.h"
 #include "fi_system.h"
 #include "kernel_files.h"
 #include "pseudo_devices.h"
@@ -88,8 +89,8 @@ std::string addressOf(const CScsiDeviceData& record)
     if (pseudo_device::isPseudo(record.m_deviceName) || record.m_port < 0) {
         return std::string();
     }
-    return std::to_string(record.m_port) + ":" + std::to_string(record.m_bus) + ":" +
-           std::to_string(record.m_target) + ":" + std::to_string(record.m_lun);
+    return scsitool_discovery::scsiAddress(record.m_port, static_cast<int>(record.m_bus),
+                                           record.m_target, record.m_lun, ":");
 }
 
 // A record whose standard INQUIRY is cached answered. A pseudo-device that does not answer has no
