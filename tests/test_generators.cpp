@@ -552,6 +552,10 @@ TEST(GeneratorTable, FieldsKeepTheirWidthsInPagesWithoutAZeroByte)
             c[3])
             << c[0] << "/" << c[1];
     }
+    // A Symmetrix without a device number at byte 132: "0" and the three characters from byte 38.
+    auto symmetrix =
+        makeDevice("EMC", "SYMMETRIX", {{0x00, PageBuilder(filled).byte(132, 0)}}, {0x00});
+    EXPECT_EQ(bodyOf(claimerOf(symmetrix.get()), symmetrix.get()), "004344454630##0678");
     // The 1724 serial: the INQUIRY text from byte 36, cut at 511 characters.
     std::string serial;
     for (size_t i = 36; i < 36 + 511; ++i)

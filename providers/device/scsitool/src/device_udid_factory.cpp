@@ -138,7 +138,6 @@ std::map<std::string, SDeviceInfo> CUDIDFactory::fillDeviceMap(
             entry.dmpClaimLevel = device->dmpClaimLevel;
             entry.DeviceName = device->m_deviceName;
             entry.Uid = udid;
-            entry.NativePath.clear();
         } else {
             auto it = m_deviceMap.find(device->m_deviceName);
             if (it != m_deviceMap.end()) {

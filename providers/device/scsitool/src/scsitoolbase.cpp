@@ -43,7 +43,6 @@ CScsiDeviceHandle::~CScsiDeviceHandle()
     // Descriptor 0 is never closed here: it was not opened by a handle.
     if (isOpen()) {
         closeDevice(m_fd);
-        m_deviceName.clear();
     }
     m_traceLog.release();
 }
