@@ -76,6 +76,14 @@ TEST_F(Enumeration, KernelListFiltersDiskTypes)
                   "SCSI revision: 05\n] [1 0 2 4] ",
                   "target 2 already in map"}));
     EXPECT_EQ(trace.at(5), std::vector<std::string>{"INFO: reading /proc/scsi/scsi\n"});
+
+    // An entry whose type line ends the file, without a line end, is whole.
+    procScsi(std::string("Attached devices:\n") + "Host: scsi2 Channel: 00 Id: 05 Lun: 01\n" +
+             kVendor + "  Type:   Direct-Access                    ANSI  SCSI revision: 05");
+    EXPECT_EQ(addresses(discovery.getDeviceList(true)), "2:0:5:1 ");
+    targets.clear();
+    discovery.getTargetIds(targets);
+    EXPECT_EQ(targets, (std::map<int, std::vector<int>>{{2, {5}}}));
 }
 
 TEST_F(Enumeration, MissingKernelListIsReportedAndEmpty)

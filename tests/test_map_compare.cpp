@@ -32,14 +32,17 @@ std::vector<unsigned char> bytes(std::initializer_list<int> values)
     return std::vector<unsigned char>(values.begin(), values.end());
 }
 
-// A record holding `pages` (code -> bytes) as a query leaves them.
+// A record holding `pages` (code -> bytes) as a query leaves them; an empty page stands for a
+// cache entry without data that claims 512 bytes.
 CScsiDeviceData recordWith(const std::string& vendor,
                            const std::map<unsigned int, std::vector<unsigned char>>& pages)
 {
     CScsiDeviceData record("/dev/sdc", "", "host", 0, 0, 0, 0, vendor, "DISK", "0001", 0);
     for (const auto& page : pages) {
-        record.m_pageCache[page.first] =
-            CScsiModePage(page.second.data(), static_cast<unsigned int>(page.second.size()));
+        CScsiModePage& cached = record.m_pageCache[page.first];
+        cached.set(page.second.data(), static_cast<unsigned int>(page.second.size()));
+        if (page.second.empty())
+            cached.m_length = 512;
     }
     return record;
 }
@@ -99,6 +102,8 @@ TEST(VolumeKey, PrefersTheUnitsNaaThenEuiThenT10ThenTheSerial)
          "ACME",
          ""},
         {"page shorter than its header", {{0x83, bytes({0x00, 0x83})}}, "ACME", ""},
+        {"serial page shorter than its header", {{0x80, bytes({0x00, 0x80, 0x00})}}, "ACME", ""},
+        {"pages cached without their bytes", {{0x80, {}}, {0x83, {}}}, "ACME", ""},
         {"no pages", {}, "ACME", ""},
     };
     for (const Case& c : cases) {

@@ -452,3 +452,39 @@ TEST_F(ScsiAccess, UpdateDeviceThroughStepsThatThrow)
         EXPECT_EQ(c.capacity, dev.m_capacity) << c.code << "/" << c.type;
     }
 }
+
+namespace {
+// A tool derived for a device whose answers say fewer bytes than they hold: the answer's bytes
+// come back with the length the derived tool states.
+struct StatedLengthTool : CScsiTool {
+    unsigned int stated;
+    explicit StatedLengthTool(unsigned int length) : stated(length) {}
+    int GetModePageInfo(CScsiDeviceHandle& handle, CScsiDeviceData& device,
+                        const unsigned int& pageCode, unsigned int& length, unsigned int pageType,
+                        ScsiPagePtr& page) override
+    {
+        const int result =
+            CScsiTool::GetModePageInfo(handle, device, pageCode, length, pageType, page);
+        length = stated;
+        return result;
+    }
+};
+}  // namespace
+
+// An answer of no bytes is never cached, for the standard data as for a page; one byte is.
+TEST_F(ScsiAccess, AnAnswerOfNoBytesIsNotCached)
+{
+    disk();
+    for (unsigned int stated : {0u, 1u}) {
+        StatedLengthTool lying(stated);
+        CScsiDeviceData dev = record("/dev/sda");
+        CScsiDeviceHandle handle;
+        lying.UpdateStdInquiryString(handle, dev);
+        lying.UpdateModePageString(handle, 0x80, dev);
+        for (unsigned int code : {0x00u, 0x80u}) {
+            const CScsiModePage* cached = dev.findPage(code);
+            ASSERT_EQ(cached != nullptr, stated != 0) << stated << " " << code;
+            EXPECT_EQ(cached ? cached->getLength() : 0u, stated) << code;
+        }
+    }
+}

@@ -322,7 +322,6 @@ SHostMap CDeviceMapCompare::describeRecords(CUDIDFactory& factory,
     std::map<std::string, SMapVolume> described;
     for (const CScsiDeviceData* record : records) {
         SMapVolume& volume = described[record->m_deviceName];
-        volume.deviceName = record->m_deviceName;
         volume.address = addressOf(*record);
         volume.volumeKey = volumeKey(*record);
         volume.state = stateOf(*record);
