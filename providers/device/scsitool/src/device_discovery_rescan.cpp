@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <sys/utsname.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -187,15 +188,9 @@ int CLinuxDeviceDiscovery::scanForAdapterMaximums(std::map<int, int>& maxLun,
                 traceTo(m_traceLog, 3, "INFO: skipping device [%s]\n", line.c_str());
                 continue;
             }
-            if (device.lun > maxLun[host]) {
-                maxLun[host] = device.lun;
-            }
-            if (device.id > maxId[host]) {
-                maxId[host] = device.id;
-            }
-            if (device.channel > maxChannel[host]) {
-                maxChannel[host] = device.channel;
-            }
+            maxLun[host] = std::max(maxLun[host], device.lun);
+            maxId[host] = std::max(maxId[host], device.id);
+            maxChannel[host] = std::max(maxChannel[host], device.channel);
         }
     } catch (...) {
     }
