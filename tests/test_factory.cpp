@@ -303,3 +303,15 @@ TEST_F(CachedLookupTest, TheRecordObserverSeesEveryRecordAndChangesNothing)
     factory.enumerateDeviceMap(false, false, false);
     EXPECT_TRUE(seen.empty());
 }
+
+// One device validated on its own: its entry, named and with its UDID; the map is left alone.
+TEST_F(CachedLookupTest, ValidatingOneDeviceGivesItsEntryAndLeavesTheMap)
+{
+    const DeviceMap map = factory.enumerateDeviceMap(false, false, false);
+    const DeviceMap one = factory.validateDeviceMap("/dev/sda");
+    ASSERT_EQ(one.size(), 1u);
+    EXPECT_EQ(one.at("/dev/sda").DeviceName, "/dev/sda");
+    EXPECT_EQ(one.at("/dev/sda").Uid, defaultUdid(0x11));
+    EXPECT_EQ(factory.m_deviceMap, map);
+    EXPECT_TRUE(factory.validateDeviceMap("/dev/sdz").empty());
+}

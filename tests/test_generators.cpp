@@ -376,6 +376,8 @@ TEST(DefaultGenerator, BodyFromIdentityPagesOrHostLocal)
 {
     FakeHost system;
     const Bytes page64 = PageBuilder(64).byte(0, 0xAB).byte(39, 0x10).byte(63, 0xFF);
+    // 81 digits once its last zero digit is stripped: over 80, so it is cut, and stripped again.
+    const Bytes page41 = PageBuilder(41).byte(0, 0xAB).byte(40, 0x10);
     const std::string local = "/dev/sdc@testhost";
     struct Case {
         const char* vendor;
@@ -387,6 +389,7 @@ TEST(DefaultGenerator, BodyFromIdentityPagesOrHostLocal)
     const Case cases[] = {
         {"ACME", {0x00, 0x83}, {{0x83, hexBytes("00830004 60051000")}}, "0083000460051"},
         {"ACME", {0x00}, {{0x83, page64}, {0x80, serialPage80("X")}}, "ab" + std::string(76, '0') + "1"},
+        {"ACME", {0x00}, {{0x83, page41}}, "ab"},
         {"ACME", {0x00}, {{0x80, serialPage80("AB")}}, "008000024142"},
         {"ACME", {0x00}, {{0x83, {}}, {0x80, serialPage80("AB")}}, "008000024142"},
         {"ACME", {0x80, 0x83}, {{0x83, page64}}, local}, {"    ", {0x00}, {{0x83, page64}}, local},

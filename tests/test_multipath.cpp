@@ -60,6 +60,9 @@ TEST_F(Multipath, ManagerAsksPowerPathFirstThenDeviceMapper)
     host.scriptCommand("/sbin/multipath -v0 ", simhost::SimCommandScript{3, {}});
     EXPECT_EQ(modules[0]->rescan(), 0);
     EXPECT_EQ(modules[1]->rescan(), 3);
+    // Each module's own enumeration answers 0, whatever it found.
+    for (CDmpDiscoveryBase* module : modules)
+        EXPECT_EQ(module->enumerateDmpDevices(map), 0);
 }
 
 TEST_F(Multipath, ManagerWithoutALogWritesNothingAndForwardsTheEmptyPointer)
