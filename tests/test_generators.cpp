@@ -13,6 +13,7 @@
 #include "device_udid_generator.h"
 #include "page_builders.h"
 #include "simhost.h"
+#include "stringtool.h"
 #include "trace_capture.h"
 #include "udid_families.h"
 
@@ -199,12 +200,10 @@ TEST(GeneratorTable, ClaimTestsStripTrailingBlanksInPlace)
         EXPECT_EQ(device->m_vendorId + "/" + device->m_productId,
                   stripsBoth ? "ACME/Big Disk" : "ACME/Big Disk  ")
             << name;
-        std::string vendor = family.claim.vendors[0];
-        std::string product = family.claim.products[0] ? family.claim.products[0] : "2107900";
-        for (std::string* id : {&vendor, &product})
-            for (char& c : *id)
-                c = char(std::tolower(static_cast<unsigned char>(c)));
-        auto lower = makeDevice(vendor, product);
+        auto lower =
+            makeDevice(CStringTool::tostrlower(family.claim.vendors[0]),
+                       CStringTool::tostrlower(family.claim.products[0] ? family.claim.products[0]
+                                                                        : "2107900"));
         EXPECT_EQ(table()[row]->claimDevice(lower.get()), name == "ENGENIO") << name;
     }
 

@@ -17,6 +17,7 @@
 
 #include "device_map_compare.h"
 #include "device_udid_factory.h"
+#include "page_builders.h"
 #include "pseudo_devices.h"
 #include "simhost.h"
 
@@ -26,26 +27,6 @@ using nlohmann::json;
 typedef CDeviceMapCompare::Finding Finding;
 
 const std::string kExamples = std::string(SCSITOOL_SOURCE_DIR) + "/examples/hosts/";
-
-std::vector<unsigned char> bytes(std::initializer_list<int> values)
-{
-    return std::vector<unsigned char>(values.begin(), values.end());
-}
-
-// A record holding `pages` (code -> bytes) as a query leaves them; an empty page stands for a
-// cache entry without data that claims 512 bytes.
-CScsiDeviceData recordWith(const std::string& vendor,
-                           const std::map<unsigned int, std::vector<unsigned char>>& pages)
-{
-    CScsiDeviceData record("/dev/sdc", "", "host", 0, 0, 0, 0, vendor, "DISK", "0001", 0);
-    for (const auto& page : pages) {
-        CScsiModePage& cached = record.m_pageCache[page.first];
-        cached.set(page.second.data(), static_cast<unsigned int>(page.second.size()));
-        if (page.second.empty())
-            cached.m_length = 512;
-    }
-    return record;
-}
 
 TEST(VolumeKey, PrefersTheUnitsNaaThenEuiThenT10ThenTheSerial)
 {
@@ -63,7 +44,7 @@ TEST(VolumeKey, PrefersTheUnitsNaaThenEuiThenT10ThenTheSerial)
         return page;
     };
     const std::vector<unsigned char> serial =
-        bytes({0x00, 0x80, 0x00, 0x08, ' ', ' ', 'S', 'N', '4', '2', ' ', ' '});
+        Bytes({0x00, 0x80, 0x00, 0x08, ' ', ' ', 'S', 'N', '4', '2', ' ', ' '});
     struct Case {
         const char* what;
         std::map<unsigned int, std::vector<unsigned char>> pages;
@@ -79,35 +60,36 @@ TEST(VolumeKey, PrefersTheUnitsNaaThenEuiThenT10ThenTheSerial)
          "ACME    ",
          "serial.ACME.SN42"},
         {"no page 0x83", {{0x80, serial}}, "ACME", "serial.ACME.SN42"},
-        {"blank serial", {{0x80, bytes({0x00, 0x80, 0x00, 0x02, ' ', ' '})}}, "ACME", ""},
+        {"blank serial", {{0x80, Bytes({0x00, 0x80, 0x00, 0x02, ' ', ' '})}}, "ACME", ""},
         {"serial length past the page",
-         {{0x80, bytes({0x00, 0x80, 0x00, 0x40, 'X', '1'})}},
+         {{0x80, Bytes({0x00, 0x80, 0x00, 0x40, 'X', '1'})}},
          "ACME",
          "serial.ACME.X1"},
         {"descriptor cut by the page",
-         {{0x83, bytes({0x00, 0x83, 0x00, 0x08, 0x01, 0x03, 0x00, 0x08, 0x60, 0x01, 0x02, 0x03})}},
+         {{0x83, Bytes({0x00, 0x83, 0x00, 0x08, 0x01, 0x03, 0x00, 0x08, 0x60, 0x01, 0x02, 0x03})}},
          "ACME",
          ""},
         {"page length past the bytes received",
-         {{0x83, bytes({0x00, 0x83, 0x00, 0x40, 0x01, 0x03, 0x00, 0x02, 0x60, 0x01})}},
+         {{0x83, Bytes({0x00, 0x83, 0x00, 0x40, 0x01, 0x03, 0x00, 0x02, 0x60, 0x01})}},
          "ACME",
          "naa.6001"},
         {"bytes past the page length are no descriptor",
-         {{0x83, bytes({0x00, 0x83, 0x00, 0x07, 0x02, 0x01, 0x00, 0x03, 'A', 'B', 'C', 0x01, 0x03,
+         {{0x83, Bytes({0x00, 0x83, 0x00, 0x07, 0x02, 0x01, 0x00, 0x03, 'A', 'B', 'C', 0x01, 0x03,
                         0x00, 0x02, 0x60, 0x01})}},
          "ACME",
          "t10.414243"},
         {"descriptor one byte past the page length",
-         {{0x83, bytes({0x00, 0x83, 0x00, 0x07, 0x02, 0x01, 0x00, 0x04, 'A', 'B', 'C', 'D'})}},
+         {{0x83, Bytes({0x00, 0x83, 0x00, 0x07, 0x02, 0x01, 0x00, 0x04, 'A', 'B', 'C', 'D'})}},
          "ACME",
          ""},
-        {"page shorter than its header", {{0x83, bytes({0x00, 0x83})}}, "ACME", ""},
-        {"serial page shorter than its header", {{0x80, bytes({0x00, 0x80, 0x00})}}, "ACME", ""},
+        {"page shorter than its header", {{0x83, Bytes({0x00, 0x83})}}, "ACME", ""},
+        {"serial page shorter than its header", {{0x80, Bytes({0x00, 0x80, 0x00})}}, "ACME", ""},
         {"pages cached without their bytes", {{0x80, {}}, {0x83, {}}}, "ACME", ""},
         {"no pages", {}, "ACME", ""},
     };
     for (const Case& c : cases) {
-        EXPECT_EQ(CDeviceMapCompare::volumeKey(recordWith(c.vendor, c.pages)), c.key) << c.what;
+        EXPECT_EQ(CDeviceMapCompare::volumeKey(*makeDevice(c.vendor, "DISK", c.pages)), c.key)
+            << c.what;
     }
 }
 

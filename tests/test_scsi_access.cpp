@@ -400,10 +400,11 @@ TEST_F(ScsiAccess, InquiryStringsComeOnlyFromReceivedBytes)
 
 namespace {
 // A tool whose INQUIRY for one page code and type throws, as an allocation failing inside it
-// would, and whose capacity query fails.
+// would, whose answers may state another length than they hold, and whose capacity query fails.
 struct FaultyTool : CScsiTool {
     unsigned int throwCode;
     unsigned int throwType;
+    int statedLength = -1;  // -1: each answer states its own
     FaultyTool(unsigned int code, unsigned int type) : throwCode(code), throwType(type) {}
     int GetModePageInfo(CScsiDeviceHandle& handle, CScsiDeviceData& device,
                         const unsigned int& pageCode, unsigned int& length, unsigned int pageType,
@@ -411,7 +412,11 @@ struct FaultyTool : CScsiTool {
     {
         if (pageCode == throwCode && pageType == throwType)
             throw std::bad_alloc();
-        return CScsiTool::GetModePageInfo(handle, device, pageCode, length, pageType, page);
+        const int result =
+            CScsiTool::GetModePageInfo(handle, device, pageCode, length, pageType, page);
+        if (statedLength >= 0)
+            length = unsigned(statedLength);
+        return result;
     }
     int GetScsiDeviceCapacity(CScsiDeviceHandle&, CScsiDeviceData&) override { return 6; }
 };
@@ -453,30 +458,13 @@ TEST_F(ScsiAccess, UpdateDeviceThroughStepsThatThrow)
     }
 }
 
-namespace {
-// A tool derived for a device whose answers say fewer bytes than they hold: the answer's bytes
-// come back with the length the derived tool states.
-struct StatedLengthTool : CScsiTool {
-    unsigned int stated;
-    explicit StatedLengthTool(unsigned int length) : stated(length) {}
-    int GetModePageInfo(CScsiDeviceHandle& handle, CScsiDeviceData& device,
-                        const unsigned int& pageCode, unsigned int& length, unsigned int pageType,
-                        ScsiPagePtr& page) override
-    {
-        const int result =
-            CScsiTool::GetModePageInfo(handle, device, pageCode, length, pageType, page);
-        length = stated;
-        return result;
-    }
-};
-}  // namespace
-
 // An answer of no bytes is never cached, for the standard data as for a page; one byte is.
 TEST_F(ScsiAccess, AnAnswerOfNoBytesIsNotCached)
 {
     disk();
     for (unsigned int stated : {0u, 1u}) {
-        StatedLengthTool lying(stated);
+        FaultyTool lying(~0u, ~0u);
+        lying.statedLength = int(stated);
         CScsiDeviceData dev = record("/dev/sda");
         CScsiDeviceHandle handle;
         lying.UpdateStdInquiryString(handle, dev);
