@@ -29,6 +29,8 @@ TEST(ModePage, CopiesAreIndependentAndStoringReplaces)
     page.set(nullptr, 0);
     EXPECT_EQ(page.getData(), nullptr);
     EXPECT_EQ(page.getLength(), 0u);
+    EXPECT_EQ(CScsiModePage().getLength(), 0u);
+    EXPECT_EQ(CScsiModePage().getData(), nullptr);
 }
 
 TEST(StringTool, NumbersFromText)
@@ -50,7 +52,7 @@ TEST(StringTool, NumbersFromText)
         unsigned int value;
     } hex[] = {
         {"0x1F", 31}, {"0x", 0}, {"0xG1", 0}, {"zz10", 16}, {"0X0a", 10}, {"0x123456789", 0x23456789u},
-        {"0x1 ", 0}, {"0xffffffff", 0xffffffffu}, {"ab", 0}};
+        {"0x1 ", 0}, {"0xffffffff", 0xffffffffu}, {"ab", 0}, {"0xA", 10}};
     // clang-format on
     for (const auto& c : hex) {
         EXPECT_EQ(CStringTool::hexstr2uint(c.text), c.value) << c.text;

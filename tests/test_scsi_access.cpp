@@ -292,6 +292,15 @@ TEST_F(ScsiAccess, FailedIdlunThrowsAfterTwoErrors)
     EXPECT_EQ(expected, trace.at(1));
     EXPECT_EQ(9, dev.m_port);
     EXPECT_EQ(4, dev.m_lun);
+
+    // A device that does not open ends the query before any ioctl.
+    trace.clear();
+    CScsiDeviceData missing = record("/dev/sdx");
+    CScsiDeviceHandle other;
+    EXPECT_THROW(tool.GetTargetLunPortInfo(other, missing), int);
+    EXPECT_EQ(std::vector<std::string>{"libscsitool: ERROR: CScsiTool::UpdateTargetLunPortInfo() "
+                                       "failed for device /dev/sdx."},
+              trace.at(1));
 }
 
 TEST_F(ScsiAccess, RemoveDeviceWritesTheAddressToTheKernelList)
